@@ -1,0 +1,58 @@
+// SPDX-FileCopyrightText: 2026 The Quillmere developers
+// SPDX-License-Identifier: MIT
+
+#pragma once
+
+#include "apps/qmra.h"
+
+#include <QAbstractSocket>
+#include <QObject>
+#include <QTcpServer>
+
+#include <memory>
+#include <set>
+
+class QTcpSocket;
+
+namespace QMR {
+
+class Quillmere;
+struct RadioEntry;
+
+// The TCP server to which client applications connect: it keeps the set of connected applications, reads
+// their messages and writes radio notices to them. Lives on the server's thread.
+class ApplicationManager : public QObject
+{
+    Q_OBJECT
+
+public:
+    // Listens on every IPv4 interface. A port that cannot be had is logged; no application then ever
+    // connects. The server must outlive the manager.
+    ApplicationManager(Quillmere *server, quint16 port);
+    ~ApplicationManager() override;
+    Q_DISABLE_COPY_MOVE(ApplicationManager)
+
+    // Tells one application, or all connected ones when the socket is null, of the radio as it now is. A
+    // notice that an application does not take whole is logged and lost for it.
+    void sendRadioNotice(std::shared_ptr<RadioEntry> entry, QTcpSocket *socket);
+
+    // Drops one application; its socket is deleted from the event loop.
+    void removeApplication(QTcpSocket *socket);
+
+private slots:
+    void applicationConnected();
+    void applicationDisconnected();
+    void socketError(QAbstractSocket::SocketError error);
+    void applicationDataAvailable();
+
+private:
+    bool readBytes(QTcpSocket *socket, char *buffer, qint64 count) const;
+    bool readMessage(QTcpSocket *socket) const;
+    void write(QTcpSocket *socket, const Qmra::Message &message) const;
+
+    Quillmere *server;
+    QTcpServer tcpServer;
+    std::set<QTcpSocket *> applications; // children of tcpServer
+};
+
+} // namespace QMR

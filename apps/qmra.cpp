@@ -1,0 +1,114 @@
+// SPDX-FileCopyrightText: 2026 The Quillmere developers
+// SPDX-License-Identifier: MIT
+
+#include "apps/qmra.h"
+
+#include <QtEndian>
+
+#include <algorithm>
+
+namespace QMR::Qmra {
+
+namespace {
+
+// Every message; integers little-endian:
+//
+//   0     4      magic "QMRA"
+//   4     1      protocol version
+//   5     1      message type
+//   6     2      payload length
+//   8     ...    payload
+//
+// Payload of a notice: ESN (8), SUID (7), pending (1), address (4), availability (1), service count (1),
+// services. Payload of a report: ESN (8), address (4).
+constexpr QByteArrayView Magic = "QMRA";
+constexpr qsizetype EsnSize = 8;
+constexpr qsizetype SuidOffset = 8;
+constexpr qsizetype PendingOffset = 15;
+constexpr qsizetype NoticeAddressOffset = 16;
+constexpr qsizetype AvailabilityOffset = 20;
+constexpr qsizetype CountOffset = 21;
+constexpr qsizetype ReportAddressOffset = 8;
+
+Esn esnAt(QByteArrayView bytes)
+{
+    Esn esn;
+    std::copy_n(bytes.begin(), EsnSize, esn.bytes.begin());
+    return esn;
+}
+
+void writeHeader(char *bytes, MessageType type, quint16 payloadLength)
+{
+    std::copy(Magic.begin(), Magic.end(), bytes);
+    bytes[4] = static_cast<char>(ProtocolVersion);
+    bytes[5] = static_cast<char>(type);
+    qToLittleEndian(payloadLength, bytes + 6);
+}
+
+} // namespace
+
+Header decodeHeader(QByteArrayView bytes)
+{
+    Header header;
+    header.magicMatches = bytes.startsWith(Magic);
+    header.protocolVersion = static_cast<quint8>(bytes[4]);
+    header.messageType = static_cast<quint8>(bytes[5]);
+    header.payloadLength = qFromLittleEndian<quint16>(bytes.data() + 6);
+    return header;
+}
+
+RadioReport decodeReport(QByteArrayView payload)
+{
+    return {esnAt(payload), qFromLittleEndian<quint32>(payload.data() + ReportAddressOffset)};
+}
+
+Message encodeNotice(const Esn &esn, const Suid &suid, bool pending, quint32 address, quint8 availability,
+                     const ServiceList &services)
+{
+    Message message;
+    const auto count = static_cast<quint8>(services.size());
+    const auto payloadLength = static_cast<quint16>(NoticeFixedPayload + count);
+    writeHeader(message.bytes.data(), MessageType::RadioNotice, payloadLength);
+
+    char *payload = message.bytes.data() + HeaderSize;
+    std::copy(esn.bytes.begin(), esn.bytes.end(), payload);
+    std::copy(suid.bytes.begin(), suid.bytes.end(), payload + SuidOffset);
+    payload[PendingOffset] = pending ? 1 : 0;
+    qToLittleEndian(address, payload + NoticeAddressOffset);
+    payload[AvailabilityOffset] = static_cast<char>(availability);
+    payload[CountOffset] = static_cast<char>(count);
+    std::transform(services.begin(), services.begin() + count, payload + NoticeFixedPayload,
+                   [](quint32 service) { return static_cast<char>(service); });
+    message.size = HeaderSize + payloadLength;
+    return message;
+}
+
+std::optional<RadioNotice> decodeNotice(QByteArrayView payload)
+{
+    if (payload.size() < NoticeFixedPayload ||
+        payload.size() != NoticeFixedPayload + static_cast<quint8>(payload[CountOffset])) {
+        return std::nullopt;
+    }
+    RadioNotice notice;
+    notice.esn = esnAt(payload);
+    std::copy_n(payload.begin() + SuidOffset, notice.suid.bytes.size(), notice.suid.bytes.begin());
+    notice.pending = payload[PendingOffset] != 0;
+    notice.address = qFromLittleEndian<quint32>(payload.data() + NoticeAddressOffset);
+    notice.availability = static_cast<quint8>(payload[AvailabilityOffset]);
+    for (const char service : payload.sliced(NoticeFixedPayload)) {
+        notice.services.push_back(static_cast<quint8>(service));
+    }
+    return notice;
+}
+
+QByteArray encodeReport(const RadioReport &report)
+{
+    QByteArray message(HeaderSize + ReportPayload, '\0');
+    writeHeader(message.data(), MessageType::RadioReport, ReportPayload);
+    char *payload = message.data() + HeaderSize;
+    std::copy(report.esn.bytes.begin(), report.esn.bytes.end(), payload);
+    qToLittleEndian(report.address, payload + ReportAddressOffset);
+    return message;
+}
+
+} // namespace QMR::Qmra

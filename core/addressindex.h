@@ -1,0 +1,45 @@
+// SPDX-FileCopyrightText: 2026 The Quillmere developers
+// SPDX-License-Identifier: MIT
+
+#pragma once
+
+#include "radio/identity.h"
+
+#include <QHostAddress>
+
+#include <array>
+#include <optional>
+#include <set>
+#include <utility>
+#include <vector>
+
+namespace QMR {
+
+// Which radios hold an address, without a walk through the radio table. Every radio counts under the IPv4
+// values of both its addresses; an address that is null or has no IPv4 form has the value 0.
+class AddressIndex
+{
+public:
+    void add(const Esn &esn, const QHostAddress &address, const QHostAddress &pendingAddress);
+    // The addresses must be those with which the radio was added.
+    void remove(const Esn &esn, const QHostAddress &address, const QHostAddress &pendingAddress);
+    void clear();
+
+    // The smallest ESN of those with an address of this IPv4 value.
+    std::optional<Esn> firstHolder(quint32 ipv4Value) const;
+
+    // In ascending order the ESNs of all that can hold this very address. Two addresses of one IPv4 value may
+    // still differ: the caller compares.
+    std::vector<Esn> candidates(const QHostAddress &address) const;
+
+private:
+    // Addresses without an IPv4 value are told apart by their IPv6 bytes: nearly every radio has the value 0,
+    // for the address that it lacks.
+    using Ipv6Bytes = std::array<quint8, 16>;
+    static std::optional<Ipv6Bytes> valuelessKey(const QHostAddress &address);
+
+    std::set<std::pair<quint32, Esn>> byValue;
+    std::set<std::pair<Ipv6Bytes, Esn>> valueless;
+};
+
+} // namespace QMR

@@ -1,0 +1,191 @@
+// SPDX-FileCopyrightText: 2026 The Quillmere developers
+// SPDX-License-Identifier: MIT
+
+#pragma once
+
+#include "core/addressindex.h"
+#include "core/radioentry.h"
+#include "service/qtservice.h"
+
+#include <QDateTime>
+#include <QObject>
+#include <QSettings>
+#include <QSqlDatabase>
+#include <QTimer>
+
+#include <list>
+#include <map>
+#include <memory>
+#include <set>
+
+class QTcpSocket;
+
+namespace QMR {
+
+class ApplicationManager;
+class RegistrationManager;
+class SubscriberStatements;
+
+// The server. It owns the radio table, the database, the settings, the timers and both network managers, and
+// all of its work runs on the main thread. Every operation is declared here, a section a concern; each
+// concern is defined in a file of its own. No operation fails towards its caller: what goes wrong is reported
+// to the service log.
+class Quillmere : public QObject, public QtService<QCoreApplication>
+{
+    Q_OBJECT
+
+public:
+    // argv must outlive the object.
+    Quillmere(int argc, char **argv);
+    ~Quillmere() override;
+    Q_DISABLE_COPY_MOVE(Quillmere)
+
+    // Start-up, configuration, shutdown (startup.cpp).
+
+    // Opens the database, loads the radios, opens both sockets. A database that cannot be opened or made
+    // current ends it early and leaves everything else closed. A stopped server can be started again.
+    void start() override;
+    void stop() override;
+
+    // The folder of the configuration and the database, made if it was missing. Empty when the system names
+    // none.
+    static QString configDirectory();
+
+    // The radio table (table.cpp).
+
+    // Orders records by when they are due, then by ESN. The keys are fields of the records: a record leaves
+    // its queue before they change.
+    struct EarlierDiscovery
+    {
+        bool operator()(const RadioPointer &a, const RadioPointer &b) const;
+    };
+    struct EarlierDeadline
+    {
+        bool operator()(const RadioPointer &a, const RadioPointer &b) const;
+    };
+    using RadioMap = std::map<Esn, RadioPointer>;
+    using DiscoveryQueue = std::set<RadioPointer, EarlierDiscovery>;
+    using HeartbeatQueue = std::set<RadioPointer, EarlierDeadline>;
+
+    const RadioMap &radios() const { return radiosByEsn; }
+    const DiscoveryQueue &dueForDiscovery() const { return discoveryQueue; }
+    const HeartbeatQueue &awaitingConfirmation() const { return heartbeatQueue; }
+
+    // Null when no radio has this ESN.
+    RadioPointer findRadio(const Esn &esn) const;
+    // Returns the record that is in the table afterwards: the given one, or the one that had the ESN already.
+    RadioPointer insertRadio(const RadioPointer &radio);
+    // Returns how many entries left the table, 0 or 1.
+    size_t removeRadio(const RadioPointer &radio);
+    // The only place where the addresses of a record in the table change: the address index follows.
+    void setAddresses(const RadioPointer &radio, const QHostAddress &address,
+                      const QHostAddress &pendingAddress);
+
+    static QDateTime nextDiscoveryTime(const RadioEntry &radio);
+    // Each change of a queue arms its timer anew.
+    void scheduleDiscovery(const RadioPointer &radio);
+    void unscheduleDiscovery(const RadioPointer &radio);
+    void scheduleHeartbeat(const RadioPointer &radio);
+    void unscheduleHeartbeat(const RadioPointer &radio);
+
+    void loadRadioTable();
+    void reviewLoadedRadio(const RadioPointer &radio);
+
+    // Text forms for the log; those of an ESN are kept for good, one cache a thread and form.
+    static QString esnText(const Esn &esn, bool separated = false);
+    static QString suidText(const Suid &suid) { return suid.text(); }
+
+    // Registration processing (registration.cpp).
+
+    // protocolVersion: 1 to 3. services: already filtered to the known codes. Never refused, always
+    // acknowledged to the sender's port; another radio at the sender's IPv4 address loses it first.
+    void registerRadio(const Esn &esn, quint32 protocolVersion, const Suid &suid,
+                       const QHostAddress &senderAddress, quint16 senderPort, bool pending,
+                       const ServiceList &services);
+    // Ends the registration that the radio holds at this address.
+    void deregisterRadio(const Esn &esn, const QHostAddress &senderAddress);
+    // The same for a radio that is known by its address alone; radios of protocol version 1 are not.
+    void deregisterRadioByAddress(const QHostAddress &senderAddress);
+
+    // The only place where a record's availability changes; the database and the applications follow.
+    void setAvailability(const RadioPointer &radio, quint32 value);
+
+    void registerPending(const RadioPointer &radio);
+    void refreshPending(const RadioPointer &radio, bool changed);
+    void deregisterPending(const RadioPointer &radio);
+
+    // Supervision (supervision.cpp).
+
+    void rearmDiscoveryTimer();
+    void rearmHeartbeatTimer();
+
+    const QTimer &nextDiscovery() const { return discoveryTimer; }
+    const QTimer &nextDeadline() const { return heartbeatTimer; }
+    const QTimer &timeoutCheck() const { return timeoutCheckTimer; }
+
+    // Application requests and notifications (requests.cpp).
+
+    // One notice a radio, in ESN order, to one application.
+    void sendRadioTable(QTcpSocket *application);
+    // Only a registered radio reported at its confirmed address is put in doubt; any other report changes
+    // nothing.
+    void handleRadioReport(const Esn &esn, const QHostAddress &address);
+    void notifyApplications(const RadioPointer &radio);
+
+    // The database (db/schema.cpp, db/subscribers.cpp).
+
+    // Brings the open database to the current schema, by replacing it where no upgrade leads there. False: it
+    // could not be replaced either.
+    bool checkDatabase();
+
+    void insertSubscriber(const RadioEntry &radio);
+    void loadSubscribers(std::list<RadioPointer> &radios);
+    void deleteSubscriber(const RadioEntry &radio);
+    // Fails for a radio that is not stored.
+    void updateSubscriber(const RadioEntry &radio);
+
+private slots:
+    void eventDiscoveryTimerExpired();
+    void eventTimeoutCheckTimerExpired();
+    void eventHeartbeatTimerExpired();
+
+private:
+    void configure();
+    void log(const QString &message, MessageType type) const;
+
+    RadioPointer findHolder(const QHostAddress &senderAddress) const;
+    RadioPointer registerNewRadio(const Esn &esn, quint32 protocolVersion, const Suid &suid,
+                                  const QHostAddress &senderAddress, bool pending,
+                                  const ServiceList &services);
+    void registerKnownRadio(const RadioPointer &radio, const Suid &suid, const QHostAddress &senderAddress,
+                            bool pending, const ServiceList &services);
+    void sendRegistrationAck(const RadioPointer &radio, quint16 port, bool pending);
+    void logRegistered(const Esn &esn, const Suid &suid, const QHostAddress &address) const;
+    void logDeregistered(const Esn &esn, const Suid &suid, const QHostAddress &address) const;
+
+    qint64 secondsToDiscovery() const;
+
+    bool replaceDatabase();
+    bool insertServices(int id, const ServiceList &services);
+    bool writeUpdate(const RadioEntry &radio);
+    void writeFailed(const QString &message);
+
+    QSqlDatabase database;
+    std::unique_ptr<SubscriberStatements> statements; // while the database is open
+    RadioMap radiosByEsn;
+    AddressIndex radiosByAddress; // of the records in radiosByEsn
+    DiscoveryQueue discoveryQueue;
+    HeartbeatQueue heartbeatQueue;
+    QTimer discoveryTimer;
+    QTimer heartbeatTimer;
+    QDateTime lastDiscoveryRun = QDateTime::fromSecsSinceEpoch(0, Qt::UTC);
+    QTimer timeoutCheckTimer;
+    std::unique_ptr<QSettings> settings;
+    std::unique_ptr<ApplicationManager> applicationManager;
+    std::unique_ptr<RegistrationManager> registrationManager;
+    quint32 minimumDiscoveryPeriod = 30; // seconds
+    bool databaseConfigured = false;
+    quint64 failedWrites = 0; // since construction
+};
+
+} // namespace QMR

@@ -1,0 +1,161 @@
+// SPDX-FileCopyrightText: 2026 The Quillmere developers
+// SPDX-License-Identifier: MIT
+
+#include "core/quillmere.h"
+
+#include "apps/applicationmanager.h"
+#include "db/statements.h"
+#include "radio/registrationmanager.h"
+#include "service/platform.h"
+
+#include <QDir>
+#include <QSqlQuery>
+
+using namespace Qt::StringLiterals;
+
+namespace QMR {
+
+namespace {
+
+constexpr auto OrganizationName = "Brackwater";
+constexpr auto ApplicationName = "Quill Mere";
+
+constexpr int VersionMajor = 1;
+constexpr int VersionMinor = 38;
+constexpr int VersionPatch = 3;
+constexpr int VersionBuild = 27;
+
+constexpr int TimeoutCheckPeriod = 300000; // ms
+
+constexpr quint32 DefaultMinimumDiscoveryPeriod = 30; // seconds
+constexpr quint32 DefaultRadioRegistrationPort = 9361;
+constexpr quint32 DefaultApplicationPort = 9361; // the same number on purpose: one is UDP, the other TCP
+
+QString applicationName()
+{
+    return QString::fromLatin1(ApplicationName);
+}
+
+QString versionText(const QString &format)
+{
+    return format.arg(applicationName())
+        .arg(VersionMajor)
+        .arg(VersionMinor)
+        .arg(VersionPatch)
+        .arg(VersionBuild);
+}
+
+} // namespace
+
+Quillmere::Quillmere(int argc, char **argv) : QtService<QCoreApplication>(argc, argv, applicationName())
+{
+    // The missing blank between the build number and the next word is deliberate: it is the registered
+    // description.
+    setServiceDescription(versionText(u"%1 %2.%3.%4 Build %5"_s) +
+                          u"Maintains a list of radios on the P25 system and their IP addresses"_s);
+
+    discoveryTimer.setSingleShot(true);
+    heartbeatTimer.setSingleShot(true);
+    heartbeatTimer.setTimerType(Qt::PreciseTimer);
+    connect(&discoveryTimer, &QTimer::timeout, this, &Quillmere::eventDiscoveryTimerExpired);
+    connect(&heartbeatTimer, &QTimer::timeout, this, &Quillmere::eventHeartbeatTimerExpired);
+    connect(&timeoutCheckTimer, &QTimer::timeout, this, &Quillmere::eventTimeoutCheckTimerExpired);
+}
+
+Quillmere::~Quillmere()
+{
+    applicationManager.reset();
+    registrationManager.reset();
+    statements.reset();
+    if (databaseConfigured) {
+        database = QSqlDatabase();
+        QSqlDatabase::removeDatabase(QLatin1String(QSqlDatabase::defaultConnection));
+    }
+}
+
+QString Quillmere::configDirectory()
+{
+    const QString organization = QCoreApplication::organizationName();
+    const QString application = QCoreApplication::applicationName();
+    QString directory = Platform::commonDataFolder();
+    if (!directory.isEmpty() && !organization.isEmpty() && !application.isEmpty()) {
+        const QChar separator = Platform::folderSeparator();
+        directory += separator + organization + separator + application;
+    }
+    if (!directory.isEmpty() && !QDir(directory).exists()) {
+        QDir().mkpath(directory);
+    }
+    return directory;
+}
+
+void Quillmere::configure()
+{
+    QCoreApplication::setOrganizationName(QString::fromLatin1(OrganizationName));
+    QCoreApplication::setApplicationName(applicationName());
+    settings = std::make_unique<QSettings>(configDirectory() + u"/qmr.cfg"_s, QSettings::IniFormat);
+    database = QSqlDatabase::addDatabase(u"QSQLITE"_s);
+    database.setDatabaseName(configDirectory() + u"/qmr.db"_s);
+    databaseConfigured = true;
+}
+
+void Quillmere::start()
+{
+    if (!databaseConfigured) {
+        configure();
+    }
+    if (!database.open()) {
+        log(u"Failed to open database ('%1\\qmr.db')"_s.arg(configDirectory()), Error);
+        return;
+    }
+    QSqlQuery(database).exec(u"PRAGMA foreign_keys = ON"_s);
+    if (!checkDatabase()) {
+        return;
+    }
+    statements = std::make_unique<SubscriberStatements>(database);
+    loadRadioTable();
+
+    const auto setting = [this](const QString &key, quint32 otherwise) {
+        return settings->value(key, otherwise).toUInt();
+    };
+    minimumDiscoveryPeriod = setting(u"minimumDiscoveryPeriod"_s, DefaultMinimumDiscoveryPeriod);
+    // A port beyond 16 bits is shown as it was read, and loses its upper bits at the socket.
+    const quint32 registrationPort = setting(u"radioRegistrationPort"_s, DefaultRadioRegistrationPort);
+    registrationManager = std::make_unique<RegistrationManager>(this, static_cast<quint16>(registrationPort));
+    const quint32 applicationPort = setting(u"applicationPort"_s, DefaultApplicationPort);
+    applicationManager = std::make_unique<ApplicationManager>(this, static_cast<quint16>(applicationPort));
+
+    timeoutCheckTimer.start(TimeoutCheckPeriod);
+    const QString configuration = u"%1 Service started with the following configuration:\n"
+                                  "Minimum Discovery Period: %2 (seconds)\n"
+                                  "Radio Registration Port: %3 (UDP)\n"
+                                  "Application Port: %4 (TCP)\n"
+                                  "Config Path: %5\n"_s;
+    log(configuration.arg(versionText(u"%1 %2.%3.%4.%5\n"_s), QString::number(minimumDiscoveryPeriod),
+                          QString::number(registrationPort), QString::number(applicationPort),
+                          configDirectory()),
+        Success);
+}
+
+void Quillmere::stop()
+{
+    timeoutCheckTimer.stop();
+    discoveryTimer.stop();
+    heartbeatTimer.stop();
+    discoveryQueue.clear();
+    heartbeatQueue.clear();
+    radiosByEsn.clear();
+    radiosByAddress.clear();
+    applicationManager.reset();
+    registrationManager.reset();
+    statements.reset();
+    database.close();
+    log(u"Service stopped"_s, Success);
+}
+
+void Quillmere::log(const QString &message, MessageType type) const
+{
+    constexpr auto EventId = static_cast<int>(0xC0000001);
+    logMessage(message, type, EventId);
+}
+
+} // namespace QMR

@@ -1,0 +1,171 @@
+// SPDX-FileCopyrightText: 2026 The Quillmere developers
+// SPDX-License-Identifier: MIT
+
+#include "core/quillmere.h"
+
+#include "core/clock.h"
+#include "db/transaction.h"
+
+#include <QHash>
+
+#include <tuple>
+
+namespace QMR {
+
+namespace {
+
+constexpr qint64 UnconfirmedSpacing = 300; // seconds
+constexpr qint64 OtherSpacing = 1800;      // seconds
+constexpr qint64 SilenceLimit = 43200;     // seconds
+
+} // namespace
+
+static size_t qHash(const Esn &esn, size_t seed)
+{
+    return qHashBits(esn.bytes.data(), esn.bytes.size(), seed);
+}
+
+bool Quillmere::EarlierDiscovery::operator()(const RadioPointer &a, const RadioPointer &b) const
+{
+    return std::forward_as_tuple(nextDiscoveryTime(*a), a->esn) <
+           std::forward_as_tuple(nextDiscoveryTime(*b), b->esn);
+}
+
+bool Quillmere::EarlierDeadline::operator()(const RadioPointer &a, const RadioPointer &b) const
+{
+    return std::tie(a->pendingDeadline, a->esn) < std::tie(b->pendingDeadline, b->esn);
+}
+
+RadioPointer Quillmere::findRadio(const Esn &esn) const
+{
+    const auto entry = radiosByEsn.find(esn);
+    return entry == radiosByEsn.end() ? nullptr : entry->second;
+}
+
+RadioPointer Quillmere::insertRadio(const RadioPointer &radio)
+{
+    const auto [entry, inserted] = radiosByEsn.try_emplace(radio->esn, radio);
+    if (inserted) {
+        radiosByAddress.add(radio->esn, radio->address, radio->pendingAddress);
+    }
+    return entry->second;
+}
+
+size_t Quillmere::removeRadio(const RadioPointer &radio)
+{
+    const auto entry = radiosByEsn.find(radio->esn);
+    if (entry == radiosByEsn.end()) {
+        return 0;
+    }
+    radiosByAddress.remove(entry->first, entry->second->address, entry->second->pendingAddress);
+    radiosByEsn.erase(entry);
+    return 1;
+}
+
+void Quillmere::setAddresses(const RadioPointer &radio, const QHostAddress &address,
+                             const QHostAddress &pendingAddress)
+{
+    // Of two stored rows with one ESN the second is supervised without being in the table; the index has the
+    // first.
+    const bool indexed = findRadio(radio->esn) == radio;
+    if (indexed) {
+        radiosByAddress.remove(radio->esn, radio->address, radio->pendingAddress);
+    }
+    radio->address = address;
+    radio->pendingAddress = pendingAddress;
+    if (indexed) {
+        radiosByAddress.add(radio->esn, radio->address, radio->pendingAddress);
+    }
+}
+
+QDateTime Quillmere::nextDiscoveryTime(const RadioEntry &radio)
+{
+    return radio.lastDiscoveryAttempt.addSecs(radio.availability == Unconfirmed ? UnconfirmedSpacing
+                                                                                : OtherSpacing);
+}
+
+void Quillmere::scheduleDiscovery(const RadioPointer &radio)
+{
+    discoveryQueue.insert(radio);
+    rearmDiscoveryTimer();
+}
+
+void Quillmere::unscheduleDiscovery(const RadioPointer &radio)
+{
+    discoveryQueue.erase(radio);
+    rearmDiscoveryTimer();
+}
+
+void Quillmere::scheduleHeartbeat(const RadioPointer &radio)
+{
+    heartbeatQueue.insert(radio);
+    rearmHeartbeatTimer();
+}
+
+void Quillmere::unscheduleHeartbeat(const RadioPointer &radio)
+{
+    heartbeatQueue.erase(radio);
+    rearmHeartbeatTimer();
+}
+
+void Quillmere::loadRadioTable()
+{
+    std::list<RadioPointer> loaded;
+    loadSubscribers(loaded);
+
+    TransactionBatch batch(database);
+    std::list<RadioPointer> written;
+    for (const RadioPointer &radio : loaded) {
+        const quint64 failedBefore = failedWrites;
+        insertRadio(radio);
+        reviewLoadedRadio(radio);
+        if (failedWrites == failedBefore) {
+            written.push_back(radio);
+        }
+    }
+    if (batch.commit()) {
+        return;
+    }
+    // The batch is lost with all that went well in it: each radio's write is now tried by itself.
+    for (const RadioPointer &radio : written) {
+        if (radio->availability == Deregistered) {
+            deleteSubscriber(*radio);
+        } else {
+            updateSubscriber(*radio);
+        }
+    }
+}
+
+void Quillmere::reviewLoadedRadio(const RadioPointer &radio)
+{
+    if (radio->availability == Deregistered) {
+        removeRadio(radio);
+        deleteSubscriber(*radio);
+        return;
+    }
+    const bool stale = radio->lastContactTime.secsTo(currentTime()) >= SilenceLimit;
+    if (!stale && radio->availability == Registered) {
+        radio->availability = Unconfirmed;
+        radio->discoveryAttempts = 0;
+    } else if (stale && (radio->availability == Unconfirmed || radio->availability == Registered)) {
+        radio->availability = Unreachable;
+        radio->discoveryAttempts = 0;
+    } else if (stale && radio->availability == Unreachable) {
+        radio->discoveryAttempts = 0;
+    }
+    updateSubscriber(*radio);
+    scheduleDiscovery(radio);
+}
+
+QString Quillmere::esnText(const Esn &esn, bool separated)
+{
+    thread_local QHash<Esn, QString> caches[2];
+    QHash<Esn, QString> &cache = caches[separated ? 1 : 0];
+    auto text = cache.find(esn);
+    if (text == cache.end()) {
+        text = cache.insert(esn, esn.text(separated));
+    }
+    return *text;
+}
+
+} // namespace QMR

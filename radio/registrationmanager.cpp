@@ -1,0 +1,109 @@
+// SPDX-FileCopyrightText: 2026 The Quillmere developers
+// SPDX-License-Identifier: MIT
+
+#include "radio/registrationmanager.h"
+
+#include "core/quillmere.h"
+
+#include <algorithm>
+
+using namespace Qt::StringLiterals;
+
+namespace QMR {
+
+namespace {
+
+constexpr auto EventId = static_cast<int>(0xC0000001);
+constexpr int ReceiveBufferSize = 8 * 1024 * 1024;
+
+// An IPv4 sender reaches the dual-stack socket in IPv4-mapped IPv6 form, which equals no plain IPv4 address.
+QHostAddress plainAddress(const QHostAddress &address)
+{
+    bool isIpv4 = false;
+    const quint32 value = address.toIPv4Address(&isIpv4);
+    return isIpv4 ? QHostAddress(value) : address;
+}
+
+} // namespace
+
+RegistrationManager::RegistrationManager(Quillmere *owner, quint16 registrationPort)
+    : server(owner), port(registrationPort)
+{
+    if (!socket.bind(port, QAbstractSocket::DefaultForPlatform)) {
+        server->logMessage(u"Unable to bind registration socket"_s, QtServiceBase::Error, EventId);
+    }
+    // All radios may answer at once after an outage. The system may give less; then less it is.
+    socket.setSocketOption(QAbstractSocket::ReceiveBufferSizeSocketOption, ReceiveBufferSize);
+    connect(&socket, &QUdpSocket::readyRead, this, &RegistrationManager::radioMessageReceived);
+}
+
+// Exactly one datagram a call; one that is still pending raises the next notification.
+void RegistrationManager::radioMessageReceived()
+{
+    Qmrs::Buffer buffer{};
+    QHostAddress sender;
+    quint16 senderPort = 0;
+    const qint64 received = socket.readDatagram(reinterpret_cast<char *>(buffer.data()), Qmrs::MaximumMessage,
+                                                &sender, &senderPort);
+    // A failed read has no bytes and is rejected as such.
+    const auto decoded =
+        Qmrs::decodeRadioMessage(QByteArrayView(buffer.data(), std::max<qint64>(received, 0)));
+    sender = plainAddress(sender);
+
+    if (const auto *registration = std::get_if<Qmrs::Registration>(&decoded)) {
+        server->registerRadio(registration->esn, registration->protocolVersion, registration->suid, sender,
+                              senderPort, registration->pending, registration->services);
+    } else if (const auto *deregistration = std::get_if<Qmrs::Deregistration>(&decoded)) {
+        if (deregistration->esn.isZero()) {
+            server->deregisterRadioByAddress(sender);
+        } else {
+            server->deregisterRadio(deregistration->esn, sender);
+        }
+    } else {
+        reject(std::get<Qmrs::Rejection>(decoded));
+    }
+}
+
+void RegistrationManager::reject(Qmrs::Rejection reason) const
+{
+    const auto warn = [this](const QString &text, int id) {
+        server->logMessage(text, QtServiceBase::Warning, id);
+    };
+    switch (reason) {
+    case Qmrs::Rejection::InvalidHeader:
+        return warn(u"QMRS Protocol error: invalid message received (1)"_s, EventId);
+    case Qmrs::Rejection::InvalidOpcodeForVersion:
+        return warn(u"QMRS Protocol error: invalid opcode for protocol version"_s, EventId);
+    case Qmrs::Rejection::InvalidOpcode:
+        return warn(u"QMRS Protocol error: invalid message (2)"_s, EventId);
+    case Qmrs::Rejection::InvalidDeregistrationLength:
+        return warn(u"Protocol error: invalid length"_s, EventId);
+    case Qmrs::Rejection::InvalidRegistrationLength:
+        // Deliberately the same text as above under identifier 0.
+        return warn(u"Protocol error: invalid length"_s, 0);
+    }
+}
+
+// NOLINTNEXTLINE(performance-unnecessary-value-param): the record is held for the call
+void RegistrationManager::sendMessage(Qmrs::Opcode opcode, quint16 payloadLength, Qmrs::Buffer &message,
+                                      std::shared_ptr<RadioEntry> radio, quint16 destinationPort,
+                                      bool pending)
+{
+    Qmrs::writeHeader(message, static_cast<quint8>(radio->protocolVersion & 0xFF), radio->esn, opcode,
+                      payloadLength);
+    const QHostAddress destination = pending ? radio->pendingAddress : radio->address;
+    const qint64 size = Qmrs::HeaderSize + payloadLength;
+    const qint64 sent = socket.writeDatagram(reinterpret_cast<const char *>(message.data()), size,
+                                             destination, destinationPort);
+    if (sent != size) {
+        server->logMessage(u"Network error: write message failed"_s, QtServiceBase::Error, EventId);
+    }
+}
+
+void RegistrationManager::sendDiscoveryRequest(const std::shared_ptr<RadioEntry> &radio)
+{
+    Qmrs::Buffer message{};
+    sendMessage(Qmrs::Opcode::DiscoveryRequest, 0, message, radio, port, false);
+}
+
+} // namespace QMR

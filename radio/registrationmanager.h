@@ -1,0 +1,48 @@
+// SPDX-FileCopyrightText: 2026 The Quillmere developers
+// SPDX-License-Identifier: MIT
+
+#pragma once
+
+#include "radio/qmrs.h"
+
+#include <QObject>
+#include <QUdpSocket>
+
+#include <memory>
+
+namespace QMR {
+
+class Quillmere;
+struct RadioEntry;
+
+// The UDP socket towards the radios: datagrams in, decoded messages to the server; the server's messages out.
+// It keeps nothing about any radio. Lives on the server's thread.
+class RegistrationManager : public QObject
+{
+    Q_OBJECT
+
+public:
+    // Binds the port on all addresses. A port that cannot be bound is logged; the manager then receives
+    // nothing. The server must outlive the manager.
+    RegistrationManager(Quillmere *server, quint16 port);
+
+    // Sends the message to the radio's pending or confirmed address. The payload stands in the buffer behind
+    // the header, which is filled in here. A message that cannot be sent whole is logged and not sent again.
+    void sendMessage(Qmrs::Opcode opcode, quint16 payloadLength, Qmrs::Buffer &message,
+                     std::shared_ptr<RadioEntry> radio, quint16 destinationPort, bool pending);
+
+    // Goes to the radio's confirmed address, to the port on which this manager itself listens.
+    void sendDiscoveryRequest(const std::shared_ptr<RadioEntry> &radio);
+
+private slots:
+    void radioMessageReceived();
+
+private:
+    void reject(Qmrs::Rejection reason) const;
+
+    Quillmere *server;
+    QUdpSocket socket;
+    quint16 port;
+};
+
+} // namespace QMR

@@ -1,0 +1,52 @@
+// SPDX-FileCopyrightText: 2026 The Quillmere developers
+// SPDX-License-Identifier: MIT
+
+#include "service/linux/eventlog.h"
+
+#include "service/linux/eventsink.h"
+
+#include <QDateTime>
+#include <QString>
+
+namespace Linux {
+
+namespace {
+
+struct EventSource
+{
+    QString name;
+};
+
+QString toString(const Scm::Char *text)
+{
+    return QString::fromUtf16(text);
+}
+
+} // namespace
+
+Scm::Handle registerEventSource(const Scm::Char *, const Scm::Char *source)
+{
+    return new EventSource{toString(source)};
+}
+
+Scm::Bool reportEvent(Scm::Handle log, Scm::Word type, Scm::Word category, Scm::Dword id, void *,
+                      Scm::Word stringCount, Scm::Dword dataSize, const Scm::Char **strings, void *data)
+{
+    EventRecord record;
+    record.time = QDateTime::currentDateTimeUtc();
+    record.source = static_cast<EventSource *>(log)->name;
+    record.type = type;
+    record.id = id;
+    record.category = category;
+    record.message = stringCount > 0 ? toString(strings[0]) : QString();
+    record.data = QByteArray(static_cast<const char *>(data), static_cast<qsizetype>(dataSize));
+    return writeEvent(record) ? 1 : 0;
+}
+
+Scm::Bool deregisterEventSource(Scm::Handle log)
+{
+    delete static_cast<EventSource *>(log);
+    return 1;
+}
+
+} // namespace Linux

@@ -1,0 +1,142 @@
+// SPDX-FileCopyrightText: 2026 The Quillmere developers
+// SPDX-License-Identifier: MIT
+
+#include "service/linux/eventsink.h"
+
+#include <QJsonArray>
+#include <QJsonDocument>
+
+#define SD_JOURNAL_SUPPRESS_LOCATION
+#include <systemd/sd-journal.h>
+
+#include <fcntl.h>
+#include <sys/uio.h>
+#include <syslog.h>
+#include <unistd.h>
+
+#include <array>
+#include <cerrno>
+
+namespace Linux {
+
+namespace {
+
+const char *typeName(Scm::Word type)
+{
+    switch (type) {
+    case Scm::EventError:
+        return "error";
+    case Scm::EventWarning:
+        return "warning";
+    case Scm::EventInformation:
+        return "information";
+    default:
+        return "success";
+    }
+}
+
+int syslogPriority(Scm::Word type)
+{
+    switch (type) {
+    case Scm::EventError:
+        return LOG_ERR;
+    case Scm::EventWarning:
+        return LOG_WARNING;
+    default:
+        return LOG_INFO;
+    }
+}
+
+// Qt writes JSON strings only inside a document, so the quoted text is taken out of an array of one.
+QByteArray jsonString(const QString &text)
+{
+    return QJsonDocument(QJsonArray{text}).toJson(QJsonDocument::Compact).chopped(1).sliced(1);
+}
+
+// One write call for the whole line keeps the lines of several processes apart.
+bool writeAll(int descriptor, QByteArray bytes)
+{
+    while (!bytes.isEmpty()) {
+        const ssize_t written = ::write(descriptor, bytes.constData(), static_cast<size_t>(bytes.size()));
+        if (written < 0 && errno == EINTR) {
+            continue;
+        }
+        if (written < 0) {
+            return false;
+        }
+        bytes.remove(0, written);
+    }
+    return true;
+}
+
+bool appendToFile(const QByteArray &path, const QByteArray &line)
+{
+    const int descriptor = ::open(path.constData(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0640);
+    if (descriptor < 0) {
+        return false;
+    }
+    const bool complete = writeAll(descriptor, line);
+    return ::close(descriptor) == 0 && complete;
+}
+
+bool sendToJournal(const EventRecord &record)
+{
+    // sd_journal_sendv() reports success where there is no journal at all.
+    if (::access("/run/systemd/journal/socket", F_OK) != 0) {
+        return false;
+    }
+    const std::array<QByteArray, 8> fields = {
+        "MESSAGE=" + record.message.toUtf8(),
+        "PRIORITY=" + QByteArray::number(syslogPriority(record.type)),
+        "SYSLOG_IDENTIFIER=" + record.source.toUtf8(),
+        "EVENT_SOURCE=" + record.source.toUtf8(),
+        QByteArray("EVENT_TYPE=") + typeName(record.type),
+        "EVENT_ID=" + QByteArray::number(record.id),
+        "EVENT_CATEGORY=" + QByteArray::number(record.category),
+        "EVENT_DATA=" + record.data.toBase64(),
+    };
+    std::array<iovec, fields.size()> vector{};
+    for (size_t i = 0; i < fields.size(); ++i) {
+        vector[i] = {const_cast<char *>(fields[i].constData()), static_cast<size_t>(fields[i].size())};
+    }
+    const size_t count = record.data.isEmpty() ? vector.size() - 1 : vector.size();
+    return sd_journal_sendv(vector.data(), static_cast<int>(count)) == 0;
+}
+
+bool sendToSyslog(const EventRecord &record)
+{
+    const QByteArray source = record.source.toUtf8();
+    ::openlog(source.constData(), LOG_NDELAY, LOG_DAEMON);
+    ::syslog(syslogPriority(record.type), "%s", record.message.toUtf8().constData());
+    ::closelog();
+    return true;
+}
+
+} // namespace
+
+QByteArray jsonLine(const EventRecord &record)
+{
+    QByteArray line = "{\"time\":" + jsonString(record.time.toString(Qt::ISODateWithMs)) +
+                      ",\"source\":" + jsonString(record.source) + ",\"type\":\"" + typeName(record.type) +
+                      "\",\"id\":" + QByteArray::number(record.id) +
+                      ",\"category\":" + QByteArray::number(record.category) +
+                      ",\"message\":" + jsonString(record.message);
+    if (!record.data.isEmpty()) {
+        line += ",\"data\":\"" + record.data.toBase64() + '"';
+    }
+    return line + "}\n";
+}
+
+bool writeEvent(const EventRecord &record)
+{
+    const QByteArray sink = qgetenv("QUILLMERE_EVENTLOG");
+    if (sink == "stderr") {
+        return writeAll(STDERR_FILENO, jsonLine(record));
+    }
+    if (!sink.isEmpty()) {
+        return appendToFile(sink, jsonLine(record));
+    }
+    return sendToJournal(record) || sendToSyslog(record);
+}
+
+} // namespace Linux

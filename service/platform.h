@@ -1,0 +1,38 @@
+// SPDX-FileCopyrightText: 2026 The Quillmere developers
+// SPDX-License-Identifier: MIT
+
+// What the server needs from its operating system beside the service-control functions. Each platform folder
+// provides every function here; nothing above that folder asks which platform it runs on.
+#pragma once
+
+#include "service/scm.h"
+
+#include <QString>
+
+namespace Platform {
+
+// Sets the functions that this platform has; the others stay null.
+void provide(Scm::Functions &functions);
+
+// Code of the last error of the calling thread, in the service-control functions' own numbers.
+Scm::Dword lastError();
+
+// The operating system's text for such a code.
+QString errorText(Scm::Dword code);
+
+// Full path of the running executable; empty when the system does not tell.
+QString executablePath();
+
+void sleepMilliseconds(unsigned milliseconds);
+
+// The folder for data of all users of this machine; empty when the system does not tell.
+QString commonDataFolder();
+
+// What stands between two folders in a path that is shown to people.
+QChar folderSeparator();
+
+} // namespace Platform
+
+// The program's main body. The platform's process entry calls it with the command line in the local 8-bit
+// encoding and a null pointer after the last argument, and exits with its result.
+int processMain(int argc, char **argv);

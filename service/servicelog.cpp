@@ -1,0 +1,45 @@
+// SPDX-FileCopyrightText: 2026 The Quillmere developers
+// SPDX-License-Identifier: MIT
+
+#include "service/qtservicebase.h"
+
+namespace {
+
+Scm::Word eventType(QtServiceBase::MessageType type)
+{
+    switch (type) {
+    case QtServiceBase::Error:
+        return Scm::EventError;
+    case QtServiceBase::Warning:
+        return Scm::EventWarning;
+    case QtServiceBase::Information:
+        return Scm::EventInformation;
+    default:
+        return Scm::EventSuccess;
+    }
+}
+
+const Scm::Char *text(const QString &string)
+{
+    return reinterpret_cast<const Scm::Char *>(string.utf16());
+}
+
+} // namespace
+
+void QtServiceBase::logMessage(const QString &message, MessageType type, int id, uint category,
+                               const QByteArray &data) const
+{
+    if (!Scm::available()) {
+        return;
+    }
+    Scm::Handle log = Scm::functions.registerEventSource(nullptr, text(name));
+    if (!log) {
+        return;
+    }
+    const Scm::Char *strings[] = {text(message)};
+    QByteArray bytes = data;
+    Scm::functions.reportEvent(log, eventType(type), static_cast<Scm::Word>(category & 0xFFFF),
+                               static_cast<Scm::Dword>(id), nullptr, 1, static_cast<Scm::Dword>(bytes.size()),
+                               strings, bytes.isEmpty() ? nullptr : bytes.data());
+    Scm::functions.deregisterEventSource(log);
+}

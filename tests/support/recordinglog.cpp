@@ -1,0 +1,98 @@
+// SPDX-FileCopyrightText: 2026 The Quillmere developers
+// SPDX-License-Identifier: MIT
+
+#include "tests/support/recordinglog.h"
+
+#include <QtTest>
+
+#include <utility>
+
+namespace {
+
+QList<LogRecord> &written()
+{
+    static QList<LogRecord> records;
+    return records;
+}
+
+Scm::Handle openScManager(const Scm::Char *, const Scm::Char *, Scm::Dword)
+{
+    return nullptr;
+}
+
+Scm::Handle registerEventSource(const Scm::Char *, const Scm::Char *source)
+{
+    return new QString(QString::fromUtf16(source));
+}
+
+Scm::Bool reportEvent(Scm::Handle log, Scm::Word type, Scm::Word category, Scm::Dword id, void *,
+                      Scm::Word stringCount, Scm::Dword dataSize, const Scm::Char **strings, void *data)
+{
+    Q_ASSERT(stringCount == 1);
+    written().append({*static_cast<QString *>(log), type, category, id, QString::fromUtf16(strings[0]),
+                      QByteArray(static_cast<const char *>(data), static_cast<qsizetype>(dataSize))});
+    return 1;
+}
+
+Scm::Bool deregisterEventSource(Scm::Handle log)
+{
+    delete static_cast<QString *>(log);
+    return 1;
+}
+
+} // namespace
+
+char *toString(const LogRecord &record)
+{
+    const QString text = QStringLiteral("%1 type %2 category %3 id 0x%4 data %5: %6")
+                             .arg(record.source)
+                             .arg(record.type)
+                             .arg(record.category)
+                             .arg(record.id, 0, 16)
+                             .arg(QString::fromLatin1(record.data.toHex()), record.message);
+    return qstrdup(text.toUtf8().constData());
+}
+
+RecordingLog::RecordingLog() : saved(Scm::functions)
+{
+    written().clear();
+    Scm::functions.openScManager = openScManager;
+    Scm::functions.registerEventSource = registerEventSource;
+    Scm::functions.reportEvent = reportEvent;
+    Scm::functions.deregisterEventSource = deregisterEventSource;
+}
+
+RecordingLog::~RecordingLog()
+{
+    Scm::functions = saved;
+}
+
+const QList<LogRecord> &RecordingLog::records() const
+{
+    return written();
+}
+
+QList<LogRecord> RecordingLog::take()
+{
+    return std::exchange(written(), {});
+}
+
+QStringList RecordingLog::takeMessages()
+{
+    QStringList messages;
+    for (const LogRecord &record : take()) {
+        messages.append(record.message);
+    }
+    return messages;
+}
+
+qsizetype RecordingLog::count(const QString &message) const
+{
+    return std::count_if(written().begin(), written().end(),
+                         [&message](const LogRecord &record) { return record.message == message; });
+}
+
+LogRecord RecordingLog::record(Scm::EventType type, const QString &message, Scm::Dword id)
+{
+    return {QStringLiteral("Quill Mere"), type, 0, id, message, QByteArray()};
+}
