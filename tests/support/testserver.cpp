@@ -14,6 +14,26 @@ namespace {
 char programName[] = "quillmere";
 char *arguments[] = {programName, nullptr};
 
+// Below the ports that systems give out by themselves, and each process at a place of its own: neither a
+// socket of this test nor a test that runs beside it takes the port before the server does.
+template<typename Socket, typename Bind>
+quint16 freePort(Bind bind)
+{
+    constexpr quint16 First = 10000;
+    constexpr quint16 Count = 20000;
+    constexpr int Spread = 16;
+    static auto next = static_cast<quint16>(QCoreApplication::applicationPid() * Spread % Count);
+    for (int tries = 0; tries < Count; ++tries) {
+        const auto port = static_cast<quint16>(First + next);
+        next = static_cast<quint16>((next + 1) % Count);
+        Socket socket;
+        if (bind(socket, port)) {
+            return port;
+        }
+    }
+    qFatal("no free port");
+}
+
 } // namespace
 
 TestServer::TestServer()
@@ -66,16 +86,13 @@ QList<QVariantList> TestServer::query(const QString &statement) const
 
 quint16 freeUdpPort()
 {
-    QUdpSocket socket;
-    socket.bind(quint16{0}, QAbstractSocket::DefaultForPlatform);
-    return socket.localPort();
+    return freePort<QUdpSocket>([](QUdpSocket &socket, quint16 port) { return socket.bind(port); });
 }
 
 quint16 freeTcpPort()
 {
-    QTcpServer server;
-    server.listen(QHostAddress::AnyIPv4, 0);
-    return server.serverPort();
+    return freePort<QTcpServer>(
+        [](QTcpServer &socket, quint16 port) { return socket.listen(QHostAddress::AnyIPv4, port); });
 }
 
 QList<QVariantList> runSql(const QString &databaseFile, const QString &statement)
