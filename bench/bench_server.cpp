@@ -19,10 +19,12 @@
 
 #include <netinet/in.h>
 #include <poll.h>
+#include <sys/prctl.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <iterator>
@@ -143,10 +145,11 @@ bool hasStarted(QProcess &server, const QString &eventLog)
         if (server.waitForFinished(100)) {
             return false;
         }
-        if (records.open(QIODevice::ReadOnly) && records.readAll().contains("Service started")) {
-            return true;
-        }
+        const QByteArray text = records.open(QIODevice::ReadOnly) ? records.readAll() : QByteArray();
         records.close();
+        if (text.contains("Service started")) {
+            return !text.contains("Unable to bind");
+        }
     }
     return false;
 }
@@ -175,6 +178,8 @@ bool measure(const QString &place)
     environment.insert(QStringLiteral("QUILLMERE_APPDATA"), folder.path());
     environment.insert(QStringLiteral("QUILLMERE_EVENTLOG"), folder.filePath(QStringLiteral("events.json")));
     server.setProcessEnvironment(environment);
+    server.setChildProcessModifier(
+        [] { ::prctl(PR_SET_PDEATHSIG, SIGKILL); }); // it never outlives a failed benchmark
     server.start(QStringLiteral(QUILLMERE_PROGRAM), {QStringLiteral("-exec")});
     std::vector<std::unique_ptr<Radio>> radios;
     for (uint32_t number = 0; number < Radios; ++number) {
