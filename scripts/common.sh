@@ -1,0 +1,49 @@
+# SPDX-FileCopyrightText: 2026 The Quillmere developers
+# SPDX-License-Identifier: MIT
+# shellcheck shell=bash
+#
+# What the scripts here share. To be sourced: it leaves the shell at the top of the source tree.
+
+set -euo pipefail
+cd "$(dirname "${BASH_SOURCE[0]}")/.."
+
+# shellcheck disable=SC2034 # each script picks the lists it needs
+build_packages=(g++ cmake ninja-build ccache pkg-config qt6-base-dev qt6-base-dev-tools libqt6sql6-sqlite libsqlite3-dev libsystemd-dev)
+# shellcheck disable=SC2034
+test_packages=(python3 iproute2 systemd-container dbus)
+# shellcheck disable=SC2034
+bench_packages=(libbenchmark-dev)
+# shellcheck disable=SC2034
+lint_packages=(clang-format clang-tidy shellcheck)
+# shellcheck disable=SC2034
+fuzz_packages=(clang libclang-rt-14-dev)
+
+as_root() {
+    if [ "$(id -u)" -eq 0 ]; then
+        "$@"
+    else
+        sudo "$@"
+    fi
+}
+
+# need PACKAGE...: installs what is missing, and asks for nothing when nothing is.
+need() {
+    local missing=() package
+    for package in "$@"; do
+        if [ "$(dpkg-query -W -f '${db:Status-Status}' "$package" 2>/dev/null)" != installed ]; then
+            missing+=("$package")
+        fi
+    done
+    if [ ${#missing[@]} -gt 0 ]; then
+        echo "Installing ${missing[*]}"
+        as_root apt-get -qq update
+        as_root env DEBIAN_FRONTEND=noninteractive apt-get -qq -o DPkg::Lock::Timeout=300 \
+            install -y --no-install-recommends "${missing[@]}" >/dev/null
+    fi
+}
+
+# build PRESET: configures and builds it.
+build() {
+    cmake --preset "$1" >/dev/null
+    cmake --build --preset "$1"
+}
