@@ -7,7 +7,7 @@ target_compile_features(quillmere_options INTERFACE cxx_std_20)
 target_include_directories(quillmere_options INTERFACE ${PROJECT_SOURCE_DIR})
 
 target_compile_options(quillmere_options INTERFACE
-    -Wall -Wextra -Wpedantic -Wshadow -Wconversion -Wold-style-cast -Wnon-virtual-dtor
+    -Wall -Wextra -Wpedantic -Wshadow -Wconversion -Wno-sign-conversion -Wold-style-cast -Wnon-virtual-dtor
     -Woverloaded-virtual -Wformat=2 -Wundef -Wnull-dereference -Wimplicit-fallthrough -Werror)
 
 target_compile_definitions(quillmere_options INTERFACE
