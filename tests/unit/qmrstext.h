@@ -1,0 +1,70 @@
+// SPDX-FileCopyrightText: 2026 The Quillmere developers
+// SPDX-License-Identifier: MIT
+
+// A decoded message in words, so that a failing comparison shows what was decoded.
+#pragma once
+
+#include "radio/qmrs.h"
+
+#include <QString>
+#include <QStringList>
+
+namespace QmrsText {
+
+inline const QString InvalidHeader = QStringLiteral("invalid header");
+inline const QString InvalidOpcodeForVersion = QStringLiteral("invalid opcode for version");
+inline const QString InvalidOpcode = QStringLiteral("invalid opcode");
+inline const QString InvalidDeregistrationLength = QStringLiteral("invalid deregistration length");
+inline const QString InvalidRegistrationLength = QStringLiteral("invalid registration length");
+
+template<size_t Size>
+QString hex(const std::array<quint8, Size> &bytes)
+{
+    return QString::fromLatin1(QByteArray(reinterpret_cast<const char *>(bytes.data()), Size).toHex());
+}
+
+inline QString registration(const QString &esn, quint32 version, const QString &suid, bool pending,
+                            const QMR::ServiceList &services)
+{
+    QStringList codes;
+    for (const quint32 service : services) {
+        codes.append(QString::number(service));
+    }
+    return QStringLiteral("registers %1 version %2 suid %3 %4 services [%5]")
+        .arg(esn)
+        .arg(version)
+        .arg(suid, pending ? QStringLiteral("pending") : QStringLiteral("confirmed"),
+             codes.join(QLatin1Char(',')));
+}
+
+inline QString deregistration(const QString &esn)
+{
+    return QStringLiteral("deregisters %1").arg(esn);
+}
+
+inline QString decoded(const QByteArray &datagram)
+{
+    const auto message = QMR::Qmrs::decodeRadioMessage(datagram);
+    if (const auto *found = std::get_if<QMR::Qmrs::Registration>(&message)) {
+        return registration(hex(found->esn.bytes), found->protocolVersion, hex(found->suid.bytes),
+                            found->pending, found->services);
+    }
+    if (const auto *found = std::get_if<QMR::Qmrs::Deregistration>(&message)) {
+        return deregistration(hex(found->esn.bytes));
+    }
+    switch (std::get<QMR::Qmrs::Rejection>(message)) {
+    case QMR::Qmrs::Rejection::InvalidHeader:
+        return InvalidHeader;
+    case QMR::Qmrs::Rejection::InvalidOpcodeForVersion:
+        return InvalidOpcodeForVersion;
+    case QMR::Qmrs::Rejection::InvalidOpcode:
+        return InvalidOpcode;
+    case QMR::Qmrs::Rejection::InvalidDeregistrationLength:
+        return InvalidDeregistrationLength;
+    case QMR::Qmrs::Rejection::InvalidRegistrationLength:
+        return InvalidRegistrationLength;
+    }
+    return {};
+}
+
+} // namespace QmrsText
