@@ -15,6 +15,12 @@ QList<LogRecord> &written()
     return records;
 }
 
+std::function<void(const LogRecord &)> &observed()
+{
+    static std::function<void(const LogRecord &)> observer;
+    return observer;
+}
+
 Scm::Handle openScManager(const Scm::Char *, const Scm::Char *, Scm::Dword)
 {
     return nullptr;
@@ -29,8 +35,16 @@ Scm::Bool reportEvent(Scm::Handle log, Scm::Word type, Scm::Word category, Scm::
                       Scm::Word stringCount, Scm::Dword dataSize, const Scm::Char **strings, void *data)
 {
     Q_ASSERT(stringCount == 1);
-    written().append({*static_cast<QString *>(log), type, category, id, QString::fromUtf16(strings[0]),
-                      QByteArray(static_cast<const char *>(data), static_cast<qsizetype>(dataSize))});
+    const LogRecord record{*static_cast<QString *>(log),
+                           type,
+                           category,
+                           id,
+                           QString::fromUtf16(strings[0]),
+                           QByteArray(static_cast<const char *>(data), static_cast<qsizetype>(dataSize))};
+    written().append(record);
+    if (observed()) {
+        observed()(record);
+    }
     return 1;
 }
 
@@ -65,6 +79,7 @@ RecordingLog::RecordingLog() : saved(Scm::functions)
 RecordingLog::~RecordingLog()
 {
     Scm::functions = saved;
+    observed() = {};
 }
 
 const QList<LogRecord> &RecordingLog::records() const
@@ -90,6 +105,11 @@ qsizetype RecordingLog::count(const QString &message) const
 {
     return std::count_if(written().begin(), written().end(),
                          [&message](const LogRecord &record) { return record.message == message; });
+}
+
+void RecordingLog::whenWritten(std::function<void(const LogRecord &)> observer)
+{
+    observed() = std::move(observer);
 }
 
 LogRecord RecordingLog::record(Scm::EventType type, const QString &message, Scm::Dword id)

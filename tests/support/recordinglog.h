@@ -10,6 +10,8 @@
 #include <QString>
 #include <QStringList>
 
+#include <functional>
+
 // An event-log record as the operating system would have been given it.
 struct LogRecord
 {
@@ -40,6 +42,9 @@ public:
     QList<LogRecord> take();
     QStringList takeMessages();
     qsizetype count(const QString &message) const;
+    // Is called in the middle of the server's work, at each record, until another is given: what it finds
+    // then is what had been done by then.
+    void whenWritten(std::function<void(const LogRecord &)> observer);
 
     // A record of the server's own, with no data.
     static LogRecord record(Scm::EventType type, const QString &message, Scm::Dword id = Id);

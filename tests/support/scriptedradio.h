@@ -40,6 +40,8 @@ public:
 
     // Waits for the server's next datagram; empty when none came in time.
     QByteArray receives();
+    // Whether a datagram is there already.
+    bool hasReceived() const { return socket.hasPendingDatagrams(); }
     // The next datagram is this radio's acknowledgement, with the version it has registered with.
     bool isAcknowledged(int version = 0);
 

@@ -1,0 +1,149 @@
+// SPDX-FileCopyrightText: 2026 The Quillmere developers
+// SPDX-License-Identifier: MIT
+
+#include "tests/support/registrationscene.h"
+
+#include <QTest>
+
+namespace {
+
+constexpr quint8 WitnessSerial = 0xFE;
+
+template<size_t Size>
+QString hex(const std::array<quint8, Size> &bytes)
+{
+    return QString::fromLatin1(
+        QByteArray(reinterpret_cast<const char *>(bytes.data()), Size).toHex().toUpper());
+}
+
+template<typename List>
+QString codes(const List &services)
+{
+    QStringList texts;
+    for (const auto service : services) {
+        texts.append(QString::number(service));
+    }
+    return texts.join(QLatin1Char(','));
+}
+
+QString noticeText(const Notice &notice)
+{
+    return QStringLiteral("%1: %2 %3 suid %4 services %5 state %6")
+        .arg(hex(notice.esn.bytes).last(2),
+             notice.pending ? QStringLiteral("pending") : QStringLiteral("confirmed"),
+             QHostAddress(notice.address).toString(), hex(notice.suid.bytes), codes(notice.services),
+             QString::number(notice.availability));
+}
+
+} // namespace
+
+RegistrationScene::RegistrationScene()
+    : begin(server.clock.seconds()),
+      witness(server.registrationPort(), WitnessSerial, QStringLiteral("127.0.0.250"))
+{
+    server.start();
+    connectApplication();
+    settle();
+}
+
+void RegistrationScene::connectApplication()
+{
+    application = std::make_unique<ScriptedApplication>(server.applicationPort());
+    const QString connected = QStringLiteral("Application connected from 127.0.0.1");
+    if (!QTest::qWaitFor([&] { return server.log.count(connected) == 1; })) {
+        qFatal("the application is not served");
+    }
+    server.log.take();
+}
+
+void RegistrationScene::restart()
+{
+    application.reset();
+    server.restart();
+    connectApplication();
+    settle();
+}
+
+RegistrationScene::Outcome RegistrationScene::settle()
+{
+    witness.registers();
+    if (!witness.isAcknowledged()) {
+        qFatal("the server does not answer");
+    }
+    Outcome outcome;
+    outcome.log = server.log.takeMessages();
+    if (outcome.log.isEmpty() || outcome.log.takeLast() != witness.registeredText()) {
+        qFatal("the witness is not on record");
+    }
+    while (true) {
+        const QList<Notice> notices = application->receives(1);
+        if (notices.isEmpty()) {
+            qFatal("the witness is not announced");
+        }
+        if (notices[0].esn != witness.esn) {
+            outcome.notices.append(noticeText(notices[0]));
+        } else if (notices[0].availability == QMR::Registered) {
+            return outcome;
+        }
+    }
+}
+
+QString RegistrationScene::known(const QMR::Esn &esn) const
+{
+    const QMR::RadioPointer radio = server->findRadio(esn);
+    if (!radio) {
+        return QStringLiteral("gone");
+    }
+    QStringList texts;
+    if (!radio->address.isNull()) {
+        texts.append(QStringLiteral("%1 suid %2 services %3 version %4 state %5")
+                         .arg(radio->address.toString(), hex(radio->suid.bytes),
+                              codes(radio->supportedServices), QString::number(radio->protocolVersion),
+                              QString::number(radio->availability)));
+    }
+    if (!radio->pendingAddress.isNull()) {
+        texts.append(QStringLiteral("pending %1 suid %2 services %3 for %4 s")
+                         .arg(radio->pendingAddress.toString(), hex(radio->pendingSuid.bytes),
+                              codes(radio->pendingServices),
+                              QString::number(server.clock.now().secsTo(radio->pendingDeadline))));
+    }
+    const auto isIn = [&radio](const auto &queue) {
+        return std::find(queue.begin(), queue.end(), radio) != queue.end();
+    };
+    if (isIn(server->dueForDiscovery())) {
+        texts.append(QStringLiteral("searched for"));
+    }
+    if (isIn(server->awaitingConfirmation()) == radio->pendingAddress.isNull()) {
+        texts.append(QStringLiteral("in the wrong queue"));
+    }
+    return texts.join(QStringLiteral("; "));
+}
+
+QStringList RegistrationScene::stored() const
+{
+    QStringList rows;
+    const QString statement = QStringLiteral(
+        "SELECT hex(substr(esn, 8)), ip_address, hex(suid), "
+        "(SELECT group_concat(service) FROM (SELECT service FROM supported_services "
+        "WHERE subscriber_id = subscribers.id ORDER BY rowid)), protocol_version, availability, "
+        "last_contact_time FROM subscribers WHERE hex(substr(esn, 8)) <> 'FE' ORDER BY esn");
+    for (const QVariantList &row : server.query(statement)) {
+        rows.append(QStringLiteral("%1: %2 suid %3 services %4 version %5 state %6 heard %7")
+                        .arg(row[0].toString(), QHostAddress(row[1].toUInt()).toString(), row[2].toString(),
+                             row[3].toString(), row[4].toString(), row[5].toString(),
+                             QString::number(row[6].toLongLong() - begin)));
+    }
+    return rows;
+}
+
+QString registeredText(const QString &serial, const QString &suidText, const QString &address)
+{
+    return QStringLiteral("Radio 0011AABB22CC33%1 with SUID %2 registered with address %3")
+        .arg(serial, suidText, address);
+}
+
+QString deregisteredText(const QString &serial, const QString &suidText, const QString &address)
+{
+    return QStringLiteral("Radio 0011AABB22CC33%1 with SUID %2 deregistered from address %3")
+        .arg(serial, suidText, address);
+}
