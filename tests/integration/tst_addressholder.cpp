@@ -1,0 +1,290 @@
+// SPDX-FileCopyrightText: 2026 The Quillmere developers
+// SPDX-License-Identifier: MIT
+
+#include "tests/support/registrationscene.h"
+
+#include <QtTest>
+
+namespace {
+
+const QString Here = QStringLiteral("127.0.0.2");
+const QString There = QStringLiteral("127.0.0.3");
+const QString LocalIpv6 = QStringLiteral("::1");
+
+QString unexpected(const ScriptedRadio &radio, const QString &address)
+{
+    return QStringLiteral("Radio %1 deregistered from unexpected address %2 [ignored]")
+        .arg(radio.esnText(), address);
+}
+
+} // namespace
+
+// An address is one radio's: who registers from it takes it away from the radio that had it. All radios here
+// are two: the first one's ESN is the smaller.
+class TestAddressHolder : public QObject
+{
+    Q_OBJECT
+
+private slots:
+    void init()
+    {
+        scene = std::make_unique<RegistrationScene>();
+        first = std::make_unique<ScriptedRadio>(scene->server.registrationPort(), 0x01, Here);
+        second = std::make_unique<ScriptedRadio>(scene->server.registrationPort(), 0x02, There);
+    }
+
+    void cleanup()
+    {
+        second.reset();
+        first.reset();
+        scene.reset();
+    }
+
+    void aNewRadioTakesTheAddressOver()
+    {
+        first->registers("\1");
+        QVERIFY(first->isAcknowledged());
+        scene->settle();
+        second->movesTo(Here);
+        second->registers("\2");
+        QVERIFY(second->isAcknowledged());
+
+        const auto outcome = scene->settle();
+        QCOMPARE(outcome.log, (QStringList{first->deregisteredText(), second->registeredText()}));
+        QCOMPARE(
+            outcome.notices,
+            (QStringList{QStringLiteral("01: confirmed 0.0.0.0 suid 123456789ABC01 services 1 state 0"),
+                         QStringLiteral("02: confirmed 127.0.0.2 suid 123456789ABC02 services 2 state 3")}));
+        QCOMPARE(scene->known(first->esn), QStringLiteral("gone"));
+        QCOMPARE(scene->stored(),
+                 QStringList{QStringLiteral(
+                     "02: 127.0.0.2 suid 123456789ABC02 services 2 version 3 state 3 heard 0")});
+        QVERIFY(!first->hasReceived());
+    }
+
+    void aKnownRadioTakesTheAddressOver()
+    {
+        second->registers("\2");
+        QVERIFY(second->isAcknowledged());
+        first->registers("\1");
+        QVERIFY(first->isAcknowledged());
+        scene->settle();
+        second->movesTo(Here);
+        second->registers("\2");
+        QVERIFY(second->isAcknowledged());
+
+        QCOMPARE(scene->settle().log, (QStringList{first->deregisteredText(), second->registeredText()}));
+        QCOMPARE(scene->known(first->esn), QStringLiteral("gone"));
+        QCOMPARE(scene->known(second->esn),
+                 QStringLiteral("127.0.0.2 suid 123456789ABC02 services 2 version 3 state 3"));
+        QCOMPARE(scene->stored().size(), 1);
+    }
+
+    // Whether the other one comes pending or confirmed makes no difference to the one who goes.
+    void aPendingRadioTakesTheAddressOver()
+    {
+        first->registers("\1");
+        QVERIFY(first->isAcknowledged());
+        scene->settle();
+        second->movesTo(Here);
+        second->registersPending();
+        QVERIFY(second->isAcknowledged());
+
+        QCOMPARE(scene->settle().log, (QStringList{first->deregisteredText(), second->registeredText()}));
+        QCOMPARE(scene->known(first->esn), QStringLiteral("gone"));
+        QVERIFY(scene->stored().isEmpty());
+    }
+
+    void aPendingHolderLosesItsPendingAddressOnly()
+    {
+        first->registers("\1");
+        QVERIFY(first->isAcknowledged());
+        first->movesTo(There);
+        first->registersPending("\1");
+        QVERIFY(first->isAcknowledged());
+        scene->settle();
+        second->registers("\2");
+        QVERIFY(second->isAcknowledged());
+
+        const auto outcome = scene->settle();
+        QCOMPARE(outcome.log, (QStringList{first->deregisteredText(), second->registeredText()}));
+        QCOMPARE(outcome.notices[0],
+                 QStringLiteral("01: confirmed 127.0.0.2 suid 123456789ABC01 services 1 state 3"));
+        QCOMPARE(scene->known(first->esn),
+                 QStringLiteral("127.0.0.2 suid 123456789ABC01 services 1 version 3 state 3"));
+        QCOMPARE(scene->stored().size(), 2);
+    }
+
+    // Deliberate: one step takes one registration away, and the pending one goes first. Until somebody
+    // registers from there again, two radios have the address.
+    void aHolderWithBothAtOneAddressLosesOneATime()
+    {
+        first->registers("\1");
+        QVERIFY(first->isAcknowledged());
+        first->registersPending("\1");
+        QVERIFY(first->isAcknowledged());
+        scene->settle();
+        second->movesTo(Here);
+        second->registers("\2");
+        QVERIFY(second->isAcknowledged());
+        QCOMPARE(scene->settle().log, (QStringList{first->deregisteredText(), second->registeredText()}));
+        QCOMPARE(scene->known(first->esn),
+                 QStringLiteral("127.0.0.2 suid 123456789ABC01 services 1 version 3 state 3"));
+        QCOMPARE(scene->stored().size(), 2);
+
+        second->registers("\2");
+        QVERIFY(second->isAcknowledged());
+        QCOMPARE(scene->settle().log, (QStringList{first->deregisteredText(), second->registeredText()}));
+        QCOMPARE(scene->known(first->esn), QStringLiteral("gone"));
+    }
+
+    // Deliberate: the walk ends at the first holder. When that is the radio itself, one further on keeps the
+    // address.
+    void aHolderBehindTheRadioItselfKeepsTheAddress()
+    {
+        second->movesTo(Here);
+        second->registers("\2");
+        QVERIFY(second->isAcknowledged());
+        second->registersPending("\2");
+        QVERIFY(second->isAcknowledged());
+        first->registers("\1"); // takes the pending one
+        QVERIFY(first->isAcknowledged());
+        scene->settle();
+        first->registers("\1");
+        QVERIFY(first->isAcknowledged());
+        QCOMPARE(scene->settle().log, QStringList{first->registeredText()});
+        QCOMPARE(scene->known(second->esn),
+                 QStringLiteral("127.0.0.2 suid 123456789ABC02 services 2 version 3 state 3"));
+
+        // Of the two the first one leaves by address.
+        second->deregistersByAddress();
+        QCOMPARE(scene->settle().log, QStringList{first->deregisteredText()});
+        QCOMPARE(scene->known(first->esn), QStringLiteral("gone"));
+    }
+
+    void leavingByAddressPassesOverVersion1()
+    {
+        second->movesTo(Here);
+        second->registers("\2");
+        QVERIFY(second->isAcknowledged());
+        second->registersPending("\2");
+        QVERIFY(second->isAcknowledged());
+        first->registersBasic("\1");
+        QVERIFY(first->isAcknowledged(1));
+        scene->settle();
+        first->deregistersByAddress();
+        QCOMPARE(scene->settle().log, QStringList{second->deregisteredText()});
+        QCOMPARE(scene->known(first->esn),
+                 QStringLiteral("127.0.0.2 suid 00000000000000 services 1 version 1 state 3"));
+    }
+
+    // Only a stored row can have no ESN and yet speak a later version.
+    void leavingByAddressEndsAtARadioWithoutAnEsn()
+    {
+        scene->server->registerRadio(QMR::Esn{}, 2, first->suid, QHostAddress(Here), 9, false, {1});
+        scene->settle();
+        first->deregistersByAddress();
+        const auto outcome = scene->settle();
+        QCOMPARE(outcome.log, QStringList());
+        QCOMPARE(outcome.notices, QStringList());
+        QCOMPARE(scene->known(QMR::Esn{}),
+                 QStringLiteral("127.0.0.2 suid 123456789ABC01 services 1 version 2 state 3"));
+    }
+
+    void aRadioWithoutAnEsnStaysAtVersion1()
+    {
+        first->esn = QMR::Esn{};
+        first->protocolVersion = 1;
+        first->registersBasic("\1");
+        QVERIFY(first->isAcknowledged());
+        scene->settle();
+        first->deregisters();
+        QCOMPARE(scene->settle().log, QStringList());
+        QCOMPARE(scene->known(QMR::Esn{}),
+                 QStringLiteral("127.0.0.2 suid 00000000000000 services 1 version 1 state 3"));
+    }
+
+    // Deliberate: a sender without an IPv4 form has the value 0, as every missing address has. The first
+    // radio that lacks an address is asked to leave one that it does not have.
+    void anIpv6SenderFindsTheFirstRadioThatLacksAnAddress()
+    {
+        first->registers("\1");
+        QVERIFY(first->isAcknowledged());
+        scene->settle();
+        speakIpv6(*second);
+        second->registers("\2");
+        QVERIFY(second->isAcknowledged());
+
+        const auto outcome = scene->settle();
+        QCOMPARE(outcome.log, (QStringList{unexpected(*first, LocalIpv6), second->registeredText()}));
+        QCOMPARE(outcome.notices,
+                 QStringList{QStringLiteral("02: confirmed 0.0.0.0 suid 123456789ABC02 services 2 state 3")});
+        QCOMPARE(scene->known(first->esn),
+                 QStringLiteral("127.0.0.2 suid 123456789ABC01 services 1 version 3 state 3"));
+        QCOMPARE(scene->known(second->esn),
+                 QStringLiteral("::1 suid 123456789ABC02 services 2 version 3 state 3"));
+        QCOMPARE(scene->stored().last(),
+                 QStringLiteral("02: 0.0.0.0 suid 123456789ABC02 services 2 version 3 state 3 heard 0"));
+    }
+
+    void anIpv6SenderIsItsOwnHolderWhenItComesFirst()
+    {
+        second->registers("\2");
+        QVERIFY(second->isAcknowledged());
+        speakIpv6(*first);
+        first->registers("\1");
+        QVERIFY(first->isAcknowledged());
+        scene->settle();
+        first->registers("\1");
+        QVERIFY(first->isAcknowledged());
+        QCOMPARE(scene->settle().log, QStringList{first->registeredText()});
+    }
+
+    void anIpv6HolderLosesItsAddress()
+    {
+        speakIpv6(*first);
+        first->registers("\1");
+        QVERIFY(first->isAcknowledged());
+        scene->settle();
+        speakIpv6(*second);
+        second->registers("\2");
+        QVERIFY(second->isAcknowledged());
+        QCOMPARE(scene->settle().log, (QStringList{first->deregisteredText(), second->registeredText()}));
+        QCOMPARE(scene->known(first->esn), QStringLiteral("gone"));
+    }
+
+    void anIpv6RadioLeaves_data()
+    {
+        QTest::addColumn<bool>("byAddress");
+        QTest::newRow("by ESN") << false;
+        QTest::newRow("by address") << true;
+    }
+
+    void anIpv6RadioLeaves()
+    {
+        QFETCH(bool, byAddress);
+        first->registers("\1"); // lacks an address too, and is passed over
+        QVERIFY(first->isAcknowledged());
+        speakIpv6(*second);
+        second->registersPending("\2");
+        QVERIFY(second->isAcknowledged());
+        scene->settle();
+        byAddress ? second->deregistersByAddress() : second->deregisters();
+        QCOMPARE(scene->settle().log, QStringList{second->deregisteredText()});
+        QCOMPARE(scene->known(second->esn), QStringLiteral("gone"));
+    }
+
+private:
+    static void speakIpv6(ScriptedRadio &radio)
+    {
+        radio.serverAddress = QHostAddress(QHostAddress::LocalHostIPv6);
+        radio.movesTo(LocalIpv6);
+    }
+
+    std::unique_ptr<RegistrationScene> scene;
+    std::unique_ptr<ScriptedRadio> first;
+    std::unique_ptr<ScriptedRadio> second;
+};
+
+QTEST_GUILESS_MAIN(TestAddressHolder)
+#include "tst_addressholder.moc"
