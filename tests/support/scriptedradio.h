@@ -22,6 +22,7 @@ public:
     QHostAddress serverAddress{QHostAddress::LocalHost};
 
     QHostAddress address() const { return socket.localAddress(); }
+    quint16 port() const { return socket.localPort(); }
     QString esnText() const { return esn.text(); }
     QString suidText() const { return suid.text(); }
     // The log's records of this radio.

@@ -1,0 +1,301 @@
+// SPDX-FileCopyrightText: 2026 The Quillmere developers
+// SPDX-License-Identifier: MIT
+
+#include "radio/registrationmanager.h"
+#include "tests/support/registrationscene.h"
+
+#include <QNetworkDatagram>
+#include <QtTest>
+
+namespace {
+
+const QString InvalidMessage = QStringLiteral("QMRS Protocol error: invalid message received (1)");
+const QString InvalidOpcodeForVersion =
+    QStringLiteral("QMRS Protocol error: invalid opcode for protocol version");
+const QString InvalidOpcode = QStringLiteral("QMRS Protocol error: invalid message (2)");
+const QString InvalidLength = QStringLiteral("Protocol error: invalid length");
+const QString CannotBind = QStringLiteral("Unable to bind registration socket");
+const QString WriteFailed = QStringLiteral("Network error: write message failed");
+
+constexpr Scm::Dword NoId = 0;
+
+const QByteArray Esn = QByteArray::fromHex("0011aabb22cc3301");
+const QByteArray Suid = QByteArray::fromHex("123456789abc01");
+
+QByteArray datagram(int version, int opcode, const QByteArray &payload = QByteArray(), int length = 0)
+{
+    QByteArray bytes("QMRS");
+    bytes.append(static_cast<char>(version)).append(Esn).append(static_cast<char>(opcode));
+    bytes.append(static_cast<char>(length & 0xFF)).append(static_cast<char>(length >> 8));
+    return bytes + payload;
+}
+
+// How many datagrams of the given many a socket of this test's own keeps while nobody reads them.
+int datagramsKept(bool asksForMore, int sent)
+{
+    QUdpSocket receiver;
+    receiver.bind(QHostAddress(QHostAddress::Any), 0);
+    if (asksForMore) {
+        receiver.setSocketOption(QAbstractSocket::ReceiveBufferSizeSocketOption, 8 * 1024 * 1024);
+    }
+    QUdpSocket sender;
+    for (int i = 0; i < sent; ++i) {
+        sender.writeDatagram("?", 1, QHostAddress(QHostAddress::LocalHost), receiver.localPort());
+    }
+    int kept = 0;
+    while (receiver.hasPendingDatagrams()) {
+        receiver.receiveDatagram();
+        ++kept;
+    }
+    return kept;
+}
+
+} // namespace
+
+class TestRegistrationManager : public QObject
+{
+    Q_OBJECT
+
+private slots:
+    void rejectsWithOneRecordAndNothingElse_data()
+    {
+        QTest::addColumn<QByteArray>("bytes");
+        QTest::addColumn<QString>("text");
+        QTest::addColumn<Scm::Dword>("id");
+
+        const QByteArray extended = Suid + QByteArray::fromHex("0000");
+        const QByteArray basic = QByteArray::fromHex("020103");
+        QTest::newRow("0 bytes") << QByteArray() << InvalidMessage << RecordingLog::Id;
+        QTest::newRow("1 byte") << QByteArray("Q") << InvalidMessage << RecordingLog::Id;
+        QTest::newRow("15 bytes") << datagram(3, 3).first(15) << InvalidMessage << RecordingLog::Id;
+        QTest::newRow("other magic") << datagram(3, 3).replace(0, 4, "qmrs") << InvalidMessage
+                                     << RecordingLog::Id;
+        QTest::newRow("version 0") << datagram(0, 1, basic) << InvalidMessage << RecordingLog::Id;
+        QTest::newRow("version 4") << datagram(4, 5, extended) << InvalidMessage << RecordingLog::Id;
+        QTest::newRow("header length 265")
+            << datagram(3, 5, extended, 265) << InvalidMessage << RecordingLog::Id;
+        QTest::newRow("extended in version 1")
+            << datagram(1, 5, extended) << InvalidOpcodeForVersion << RecordingLog::Id;
+        QTest::newRow("extended in version 1, wrong length")
+            << datagram(1, 5) << InvalidOpcodeForVersion << RecordingLog::Id;
+        QTest::newRow("opcode 0") << datagram(3, 0) << InvalidOpcode << RecordingLog::Id;
+        QTest::newRow("acknowledgement")
+            << datagram(3, 2, QByteArray(1, '\0')) << InvalidOpcode << RecordingLog::Id;
+        QTest::newRow("discovery request") << datagram(3, 4) << InvalidOpcode << RecordingLog::Id;
+        QTest::newRow("opcode 6") << datagram(3, 6) << InvalidOpcode << RecordingLog::Id;
+        QTest::newRow("opcode 255") << datagram(3, 255) << InvalidOpcode << RecordingLog::Id;
+        QTest::newRow("deregistration with a payload")
+            << datagram(3, 3, QByteArray(1, '\0')) << InvalidLength << RecordingLog::Id;
+        // Deliberate: the same text under identifier 0.
+        QTest::newRow("basic without a count") << datagram(1, 1) << InvalidLength << NoId;
+        QTest::newRow("basic, cut") << datagram(1, 1, basic).chopped(1) << InvalidLength << NoId;
+        QTest::newRow("basic, a byte more") << datagram(1, 1, basic + 'x') << InvalidLength << NoId;
+        QTest::newRow("extended, cut") << datagram(3, 5, extended).chopped(1) << InvalidLength << NoId;
+        QTest::newRow("extended, a byte more") << datagram(3, 5, extended + 'x') << InvalidLength << NoId;
+        QTest::newRow("basic, 300 bytes, read as 280")
+            << datagram(1, 1, '\xff' + QByteArray(283, '\1')) << InvalidLength << NoId;
+    }
+
+    // The bad datagram is about a radio that is registered, and comes from its address.
+    void rejectsWithOneRecordAndNothingElse()
+    {
+        QFETCH(QByteArray, bytes);
+        QFETCH(QString, text);
+        QFETCH(Scm::Dword, id);
+        RegistrationScene scene;
+        ScriptedRadio radio(scene.server.registrationPort(), 0x01);
+        radio.registers("\1\3");
+        QVERIFY(radio.isAcknowledged());
+        radio.registersPending("\2");
+        QVERIFY(radio.isAcknowledged());
+        scene.settle();
+        const QString known = scene.known(radio.esn);
+        const QStringList stored = scene.stored();
+        LogRecord written;
+        scene.server.log.whenWritten([&](const LogRecord &record) {
+            if (written.message.isEmpty()) {
+                written = record;
+            }
+        });
+
+        radio.sends(bytes);
+        const auto outcome = scene.settle();
+
+        QCOMPARE(outcome.log, QStringList{text});
+        QCOMPARE(written, RecordingLog::record(Scm::EventWarning, text, id));
+        QCOMPARE(outcome.notices, QStringList());
+        QCOMPARE(scene.known(radio.esn), known);
+        QCOMPARE(scene.stored(), stored);
+        QVERIFY(!radio.hasReceived());
+    }
+
+    void readsTheFirst280BytesOfALongerDatagram()
+    {
+        RegistrationScene scene;
+        ScriptedRadio radio(scene.server.registrationPort(), 0x01);
+        const QByteArray services(255, '\3');
+        radio.sends(datagram(3, 5, Suid + '\0' + '\xff' + services + QByteArray(20, 'x'), 264));
+        QVERIFY(radio.isAcknowledged());
+        QCOMPARE(scene.settle().log, QStringList{radio.registeredText()});
+        QCOMPARE(scene.server->findRadio(radio.esn)->supportedServices, QMR::ServiceList(255, 3));
+    }
+
+    void ignoresTheHeadersLength()
+    {
+        RegistrationScene scene;
+        ScriptedRadio radio(scene.server.registrationPort(), 0x01);
+        radio.sends(datagram(1, 1, QByteArray(1, '\0'), 264));
+        QVERIFY(radio.isAcknowledged(1));
+    }
+
+    void acknowledgesWithTheRegisteredVersion_data()
+    {
+        QTest::addColumn<QByteArray>("bytes");
+        QTest::addColumn<QByteArray>("acknowledgement");
+        const QByteArray extended = Suid + QByteArray::fromHex("0000");
+        const QByteArray pending = Suid + QByteArray::fromHex("0100");
+        const QByteArray version1 = QByteArray::fromHex("514d5253 01 0011aabb22cc3301 02 0100 00");
+        const QByteArray version2 = QByteArray::fromHex("514d5253 02 0011aabb22cc3301 02 0100 00");
+        const QByteArray version3 = QByteArray::fromHex("514d5253 03 0011aabb22cc3301 02 0100 00");
+        QTest::newRow("basic 1") << datagram(1, 1, QByteArray(1, '\0')) << version1;
+        QTest::newRow("basic 2") << datagram(2, 1, QByteArray(1, '\0')) << version1;
+        QTest::newRow("basic 3") << datagram(3, 1, QByteArray(1, '\0')) << version1;
+        QTest::newRow("extended 2") << datagram(2, 5, extended) << version2;
+        QTest::newRow("extended 3") << datagram(3, 5, extended) << version3;
+        QTest::newRow("pending 2") << datagram(2, 5, pending) << version2;
+        QTest::newRow("pending 3") << datagram(3, 5, pending) << version3;
+        QTest::newRow("extended without an ESN")
+            << datagram(3, 5, extended).replace(5, 8, QByteArray(8, '\0'))
+            << QByteArray::fromHex("514d5253 03 f1123456789abc01 02 0100 00");
+    }
+
+    void acknowledgesWithTheRegisteredVersion()
+    {
+        QFETCH(QByteArray, bytes);
+        QFETCH(QByteArray, acknowledgement);
+        RegistrationScene scene;
+        ScriptedRadio radio(scene.server.registrationPort(), 0x01);
+        radio.registersPending(); // known already, under version 3
+        QVERIFY(radio.isAcknowledged());
+        radio.sends(bytes);
+        QCOMPARE(radio.receives(), acknowledgement);
+    }
+
+    // Not to the port of an earlier datagram of that radio, nor to the registration port.
+    void acknowledgesToTheDatagramsOwnPort()
+    {
+        RegistrationScene scene;
+        ScriptedRadio radio(scene.server.registrationPort(), 0x01);
+        radio.registers();
+        QVERIFY(radio.isAcknowledged());
+        ScriptedRadio otherPort(scene.server.registrationPort(), 0x01);
+        otherPort.registers();
+        QVERIFY(otherPort.isAcknowledged());
+        otherPort.registersPending();
+        QVERIFY(otherPort.isAcknowledged());
+        QVERIFY(!radio.hasReceived());
+    }
+
+    // What is posted while the first one is handled comes before the second one is.
+    void handlesOneDatagramANotificationInTheirOrder()
+    {
+        TestServer server;
+        server.start();
+        QStringList order;
+        server.log.whenWritten([&](const LogRecord &record) {
+            order.append(record.message);
+            QMetaObject::invokeMethod(
+                &server.object(), [&order] { order.append(QStringLiteral("posted")); }, Qt::QueuedConnection);
+        });
+        ScriptedRadio radio(server.registrationPort(), 0x01);
+        radio.sends(datagram(3, 9));
+        radio.sends(datagram(3, 3));
+        radio.sends("?");
+        QTRY_COMPARE(order.size(), 6);
+        const QString posted = QStringLiteral("posted");
+        QCOMPARE(order, (QStringList{InvalidOpcode, posted,
+                                     QStringLiteral("Unknown Radio 0011AABB22CC3301 deregistered [ignored]"),
+                                     posted, InvalidMessage, posted}));
+        server.log.whenWritten({});
+    }
+
+    void aTakenPortIsReportedOnceAndTheServiceGoesOn()
+    {
+        TestServer server;
+        QUdpSocket squatter;
+        QVERIFY(squatter.bind(server.registrationPort(), QAbstractSocket::DefaultForPlatform));
+        server->start();
+        QCOMPARE(server.log.count(CannotBind), 1);
+        QVERIFY(server.log.records().contains(RecordingLog::record(Scm::EventError, CannotBind)));
+        QVERIFY(server.log.records().last().message.startsWith(
+            QStringLiteral("Quill Mere 1.38.3.27\n Service started")));
+        server.log.take();
+
+        ScriptedApplication application(server.applicationPort());
+        QTRY_COMPARE(server.log.count(QStringLiteral("Application connected from 127.0.0.1")), 1);
+        // It receives nothing, and can still send.
+        ScriptedRadio radio(server.registrationPort(), 0x01);
+        server->registerRadio(radio.esn, 3, radio.suid, radio.address(), radio.port(), false, {});
+        QVERIFY(radio.isAcknowledged());
+        QVERIFY(application.sees(radio, QMR::Registered));
+        QCOMPARE(server.log.count(CannotBind), 0);
+    }
+
+    void isSilentWhenItGoes()
+    {
+        TestServer server;
+        server.start();
+        auto manager = std::make_unique<QMR::RegistrationManager>(&server.object(), freeUdpPort());
+        manager.reset();
+        QCOMPARE(server.log.takeMessages(), QStringList());
+    }
+
+    void aFailedWriteIsReportedOnceAndChangesNothing()
+    {
+        RegistrationScene scene;
+        ScriptedRadio radio(scene.server.registrationPort(), 0x01);
+        scene.server->registerRadio(radio.esn, 3, radio.suid, radio.address(), 0, false, {1});
+        QCOMPARE(scene.server.log.take(),
+                 (QList{RecordingLog::record(Scm::EventInformation, radio.registeredText()),
+                        RecordingLog::record(Scm::EventError, WriteFailed)}));
+        QCOMPARE(scene.known(radio.esn),
+                 QStringLiteral("127.0.0.2 suid 123456789ABC01 services 1 version 3 state 3"));
+        QCOMPARE(scene.stored().size(), 1);
+    }
+
+    // A notification with nothing to read, while a radio's datagram was read just before: nothing of it
+    // counts again.
+    void aFailedReadIsRejectedLikeABadDatagram()
+    {
+        TestServer server;
+        server.start();
+        const quint16 port = freeUdpPort();
+        QMR::RegistrationManager manager(&server.object(), port);
+        ScriptedRadio radio(port, 0x01);
+        radio.registers("\1");
+        QVERIFY(radio.isAcknowledged());
+        server.log.take();
+
+        QVERIFY(QMetaObject::invokeMethod(&manager, "radioMessageReceived", Qt::DirectConnection));
+
+        QCOMPARE(server.log.take(), QList{RecordingLog::record(Scm::EventWarning, InvalidMessage)});
+    }
+
+    // A burst that nobody reads yet: as many are kept as by a socket that has asked for 8 MiB.
+    void asksForALargerReceiveBuffer()
+    {
+        constexpr int Burst = 20000;
+        const int asked = datagramsKept(true, Burst);
+        QVERIFY2(datagramsKept(false, Burst) < asked, "this system gives no larger buffer");
+        TestServer server;
+        server.start();
+        QUdpSocket sender;
+        for (int i = 0; i < Burst; ++i) {
+            sender.writeDatagram("?", 1, QHostAddress(QHostAddress::LocalHost), server.registrationPort());
+        }
+        QTRY_COMPARE_WITH_TIMEOUT(server.log.records().size(), asked, 60000);
+    }
+};
+
+QTEST_GUILESS_MAIN(TestRegistrationManager)
+#include "tst_registrationmanager.moc"
