@@ -1,0 +1,118 @@
+// SPDX-FileCopyrightText: 2026 The Quillmere developers
+// SPDX-License-Identifier: MIT
+
+#pragma once
+
+#include "tests/support/testserver.h"
+
+#include <QFile>
+#include <QSqlDatabase>
+#include <QSqlQuery>
+
+// The statements that make an empty database of schema version 1, 2 or 3, as the programs of their time did.
+inline QStringList schemaHistory(int version)
+{
+    const QString suid = version >= 2 ? QStringLiteral("suid BLOB NOT NULL, ") : QString();
+    const QString protocol =
+        version >= 3 ? QStringLiteral(", protocol_version INTEGER NOT NULL DEFAULT 0") : QString();
+    QStringList statements{
+        QStringLiteral(
+            "CREATE TABLE subscribers (id INTEGER PRIMARY KEY, esn BLOB UNIQUE NOT NULL, %1"
+            "ip_address INTEGER NOT NULL, availability INTEGER NOT NULL, "
+            "last_contact_time INTEGER NOT NULL, num_discovery_attempts INTEGER NOT NULL DEFAULT 0, "
+            "last_discovery_attempt INTEGER NOT NULL DEFAULT 0%2)")
+            .arg(suid, protocol),
+        QStringLiteral("CREATE TABLE supported_services (subscriber_id INTEGER NOT NULL, service INTEGER NOT "
+                       "NULL, FOREIGN KEY(subscriber_id) REFERENCES subscribers(id) ON DELETE CASCADE)"),
+        QStringLiteral("CREATE TABLE config (database_version INTEGER NOT NULL)"),
+        QStringLiteral("CREATE INDEX subscribers_esn_idx ON subscribers(esn)"),
+        QStringLiteral(
+            "CREATE INDEX supported_services_subscriber_id_idx ON supported_services(subscriber_id)"),
+        QStringLiteral("INSERT INTO config VALUES (%1)").arg(version),
+    };
+    if (version >= 2) {
+        statements.append(QStringLiteral("CREATE INDEX subscribers_suid_idx ON subscribers(suid)"));
+    }
+    return statements;
+}
+
+inline QString addVersionColumn()
+{
+    return QStringLiteral("ALTER TABLE subscribers ADD COLUMN protocol_version INTEGER NOT NULL DEFAULT 0");
+}
+
+inline QString deriveVersion()
+{
+    return QStringLiteral(
+        "UPDATE subscribers SET protocol_version = (CASE WHEN suid = '' THEN 1 WHEN suid = -1 "
+        "THEN 1 WHEN suid = x'00000000000000' THEN 1 ELSE 2 END)");
+}
+
+inline LogRecord replacingRecord()
+{
+    return RecordingLog::record(Scm::EventWarning,
+                                QStringLiteral("Unable to update database.  Replacing database..."));
+}
+
+// Tables, then indexes, of the current schema, each with its table.
+inline QList<QVariantList> currentObjects()
+{
+    const auto object = [](const char *type, const char *name, const char *table) {
+        return QVariantList{QString::fromLatin1(type), QString::fromLatin1(name), QString::fromLatin1(table)};
+    };
+    return {object("index", "subscribers_esn_idx", "subscribers"),
+            object("index", "subscribers_suid_idx", "subscribers"),
+            object("index", "supported_services_subscriber_id_idx", "supported_services"),
+            object("table", "config", "config"),
+            object("table", "subscribers", "subscribers"),
+            object("table", "supported_services", "supported_services")};
+}
+
+// A server that is not started, and an open default connection to its database: what the schema check finds
+// at start-up, without the load that follows it.
+class SchemaCheck
+{
+public:
+    SchemaCheck()
+    {
+        connection = QSqlDatabase::addDatabase(QStringLiteral("QSQLITE"));
+        connection.setDatabaseName(server.folder.databaseFile());
+        connection.open();
+        QSqlQuery(connection).exec(QStringLiteral("PRAGMA foreign_keys = ON"));
+    }
+    ~SchemaCheck()
+    {
+        connection = QSqlDatabase();
+        QSqlDatabase::removeDatabase(QLatin1String(QSqlDatabase::defaultConnection));
+    }
+    Q_DISABLE_COPY_MOVE(SchemaCheck)
+
+    TestServer server;
+
+    bool run() const { return server->checkDatabase(); }
+
+    void create(int version) const
+    {
+        for (const QString &statement : schemaHistory(version)) {
+            query(statement);
+        }
+    }
+
+    QList<QVariantList> query(const QString &statement) const { return server.query(statement); }
+
+    // Type, name and table of each table and each index that has a statement of its own.
+    QList<QVariantList> objects() const
+    {
+        return query(QStringLiteral(
+            "SELECT type, name, tbl_name FROM sqlite_master WHERE sql IS NOT NULL ORDER BY type, name"));
+    }
+
+    QByteArray fileContent() const
+    {
+        QFile file(server.folder.databaseFile());
+        return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
+    }
+
+private:
+    QSqlDatabase connection;
+};
