@@ -17,7 +17,7 @@ struct StoredRadio
     qint64 attempts = 0;
     qint64 discovery = 0;
     qint64 protocolVersion = 3;
-    QList<int> services;
+    QList<int> services = {};
 
     // The database has the current schema already.
     void store(const TestServer &server) const
