@@ -114,6 +114,8 @@ void Quillmere::start()
     statements = std::make_unique<SubscriberStatements>(database);
     loadRadioTable();
 
+    // The settings object of an earlier start still holds what it read then.
+    settings->sync();
     const auto setting = [this](const QString &key, quint32 otherwise) {
         return settings->value(key, otherwise).toUInt();
     };
