@@ -1,0 +1,49 @@
+// SPDX-FileCopyrightText: 2026 The Quillmere developers
+// SPDX-License-Identifier: MIT
+
+#include "tools/radio/commandline.h"
+#include "tools/radio/fleet.h"
+#include "tools/radio/radio.h"
+
+#include <QCoreApplication>
+
+using namespace Qt::StringLiterals;
+
+namespace {
+
+template<class Runner>
+int run(const RadioTool::Settings &settings)
+{
+    Runner runner(settings);
+    Console::onInterrupt([&runner] { runner.interrupt(); });
+    QMetaObject::invokeMethod(
+        QCoreApplication::instance(), [&runner] { runner.start(); }, Qt::QueuedConnection);
+    return QCoreApplication::exec();
+}
+
+} // namespace
+
+int main(int argc, char *argv[])
+{
+    const QCoreApplication application(argc, argv);
+    QCoreApplication::setApplicationName(u"quillmere-radio"_s);
+    QCoreApplication::setApplicationVersion(QStringLiteral(QUILLMERE_VERSION));
+
+    const auto commandLine = RadioTool::CommandLine::parse(QCoreApplication::arguments().mid(1));
+    switch (commandLine.kind) {
+    case RadioTool::CommandLine::Kind::Print:
+        Console::writeLine(commandLine.text);
+        return Console::ExitSuccess;
+    case RadioTool::CommandLine::Kind::Error:
+        Console::writeError(commandLine.text);
+        Console::writeError(u"try --help"_s);
+        return Console::ExitUsage;
+    case RadioTool::CommandLine::Kind::Run:
+        break;
+    }
+    if (commandLine.settings.command == RadioTool::Command::Fleet) {
+        Console::raiseSocketLimit();
+        return run<RadioTool::Fleet>(commandLine.settings);
+    }
+    return run<RadioTool::Radio>(commandLine.settings);
+}

@@ -1,0 +1,59 @@
+// SPDX-FileCopyrightText: 2026 The Quillmere developers
+// SPDX-License-Identifier: MIT
+
+#pragma once
+
+#include "tools/console.h"
+
+#include <QCommandLineParser>
+#include <QStringList>
+
+namespace RadioTool {
+
+// The options of one command: declared, parsed, then read one by one. The first error is kept.
+class OptionReader
+{
+public:
+    explicit OptionReader(const QString &command);
+
+    void flag(const QString &name, const QString &description);
+    void value(const QString &name, const QString &valueName, const QString &description);
+    // With or without a value.
+    void optionalValue(const QString &name, const QString &valueName, const QString &description);
+
+    // False: error() tells why.
+    bool parse(QStringList arguments);
+    // False also for an option that this command has not got.
+    bool isSet(const QString &name) const { return parser.optionNames().contains(name); }
+    QString helpText() const;
+
+    // Parses an option that was given with a value and applies the value.
+    template<class Parser, class Apply>
+    void read(const QString &name, const Parser &parse, const Apply &apply)
+    {
+        const QString text = onlyValue(name);
+        if (text.isNull()) {
+            return;
+        }
+        const auto parsed = parse(text);
+        if (parsed) {
+            apply(*parsed);
+        } else {
+            require(false, u"--" + name + u": " + parsed.error);
+        }
+    }
+
+    void require(bool condition, const QString &otherwise);
+    QString error() const { return firstError; }
+
+private:
+    // Null when there is none to read.
+    QString onlyValue(const QString &name);
+
+    QString command;
+    QCommandLineParser parser;
+    QStringList withOptionalValue;
+    QString firstError;
+};
+
+} // namespace RadioTool
