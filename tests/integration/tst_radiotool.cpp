@@ -159,6 +159,19 @@ private slots:
         QCOMPARE(tool.objects().constLast()[u"deregistrations"_s], 1);
     }
 
+    void radioWithoutAnEsnSaysSo()
+    {
+        Tool tool(u"register --suid 01234.567.89ABCD --timeout 1 --from 127.0.0.3"_s +
+                  serverOption(freeUdpPort()));
+        QCOMPARE(tool.exitCode(), 3);
+        const QString output = tool.output();
+        QVERIFY2(
+            output.startsWith(u"sent: registration without an ESN with SUID 01234.567.89ABCD, services none"),
+            qPrintable(output));
+        QVERIFY2(output.contains(u"lost: no acknowledgement for F10123456789ABCD within 1 ms\n"),
+                 qPrintable(output));
+    }
+
     void nobodyAnswers()
     {
         QUdpSocket silent;

@@ -27,9 +27,9 @@ QString latency(quint64 microseconds)
     return QString::number(toMilliseconds(microseconds), 'f', 2) + u" ms";
 }
 
-QString esnText(const QMR::Esn &esn)
+QString whose(const QMR::Esn &esn)
 {
-    return esn.isZero() ? u"without an ESN"_s : esn.text();
+    return esn.isZero() ? u" without an ESN"_s : u" of "_s + esn.text();
 }
 
 } // namespace
@@ -54,8 +54,8 @@ void Report::registrationSent(const Identity &radio, const Console::Endpoint &fr
     if (!radio.basic) {
         details.insert(u"suid"_s, suid);
     }
-    write(u"sent: %1 of %2%3, services %4, from %5 to %6"_s.arg(
-              kind, esnText(radio.esn), suid.isEmpty() ? QString() : u" with SUID "_s + suid,
+    write(u"sent: %1%2%3, services %4, from %5 to %6"_s.arg(
+              kind, whose(radio.esn), suid.isEmpty() ? QString() : u" with SUID "_s + suid,
               codes.isEmpty() ? u"none"_s : codes.join(u','), from.text(), server.text()),
           u"registration"_s, details);
 }
@@ -85,7 +85,7 @@ void Report::acknowledged(const QMR::Qmrs::ServerMessage &message, const Console
 
 void Report::lost(const QMR::Esn &esn, int timeout) const
 {
-    write(u"lost: no acknowledgement for %1 within %2 ms"_s.arg(esnText(esn)).arg(timeout), u"lost"_s,
+    write(u"lost: no acknowledgement for %1 within %2 ms"_s.arg(esn.text()).arg(timeout), u"lost"_s,
           {{u"esn"_s, esn.text()}, {u"timeoutMs"_s, timeout}});
 }
 
