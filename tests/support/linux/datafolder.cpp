@@ -5,12 +5,24 @@
 
 #include <QDir>
 #include <QFile>
+#include <QFileInfo>
 #include <QTemporaryDir>
+
+namespace {
+
+// In memory where there is such a file system: the database waits for the disk at every write.
+QString folderTemplate()
+{
+    const QFileInfo memory(QStringLiteral("/dev/shm"));
+    return (memory.isWritable() ? memory.filePath() : QDir::tempPath()) + QStringLiteral("/quillmere-test-XXXXXX");
+}
+
+} // namespace
 
 class DataFolder::Private
 {
 public:
-    QTemporaryDir folder;
+    QTemporaryDir folder{folderTemplate()};
 };
 
 DataFolder::DataFolder() : d(std::make_unique<Private>())
