@@ -3,6 +3,7 @@
 
 #pragma once
 
+#include "service/qtservicecontroller.h"
 #include "service/scm.h"
 
 #include <QByteArray>
@@ -17,8 +18,9 @@ class QCoreApplication;
 class QtServiceBase
 {
 public:
-    enum MessageType { Success = 0, Error = 1, Warning = 2, Information = 3 };
-    enum StartupType { AutoStartup = 0, ManualStartup = 1 };
+    // Of a fixed width, so that a value out of range is one too: a success, and a manual start.
+    enum MessageType : int { Success = 0, Error = 1, Warning = 2, Information = 3 };
+    enum StartupType : int { AutoStartup = 0, ManualStartup = 1 };
     enum ServiceFlag { Default = 0, CanBeSuspended = 1, CannotBeStopped = 2, NeedsStopOnShutdown = 4 };
     Q_DECLARE_FLAGS(ServiceFlags, ServiceFlag)
 
@@ -48,6 +50,7 @@ public:
                     const QByteArray &data = QByteArray()) const;
 
 protected:
+    friend class QtServiceControllerHandler;
     friend class QtServiceStarter;
 
     // Called on the main thread, inside the event loop.
@@ -63,9 +66,27 @@ protected:
     virtual int executeApplication() = 0;
 
 private:
+    // Rows of the command table; each returns the process's exit code.
+    int commandInstall();
+    int commandUninstall();
+    int commandVersion();
+    int commandExec();
+    int commandTerminate();
+    int commandPause();
+    int commandResume();
+    int commandCommand();
+    int commandHelp();
+    int commandStart();
+
+    // In the foreground: the event loop's exit code, or -1 when there is no application. As a service: 0 once
+    // the service has run, or once the service manager has been asked to start it from a console; -1 when the
+    // start failed.
     int run(bool asService, const QStringList &runArguments);
+    int runInForeground(const QStringList &runArguments);
+    int runAsService(const QStringList &runArguments);
 
     QString name;
+    QtServiceController controller;
     QString description;
     StartupType startup = ManualStartup;
     ServiceFlags flags = Default;

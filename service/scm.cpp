@@ -8,11 +8,12 @@
 namespace Scm {
 
 Functions functions{};
+Source source{Platform::provide, Platform::lastError, Platform::errorText};
 
 bool available()
 {
     if (!functions.openScManager) {
-        Platform::provide(functions);
+        source.provide(functions);
     }
     return functions.openScManager != nullptr;
 }

@@ -7,7 +7,7 @@
 // the table.
 #pragma once
 
-#include <QtGlobal>
+#include <QString>
 
 namespace Scm {
 
@@ -72,8 +72,26 @@ struct Functions
 // The process-wide table. Empty until available() has been called once.
 extern Functions functions;
 
+// Where the table comes from and what the platform says of a failed call. A test sets its own.
+struct Source
+{
+    void (*provide)(Functions &functions);
+    Dword (*lastError)(); // of the calling thread
+    QString (*errorText)(Dword code);
+};
+
+extern Source source;
+
+// Text for a function that takes zero-terminated characters: it ends at the first U+0000. Valid until the
+// string is changed or destroyed.
+inline const Char *text(const QString &string)
+{
+    return reinterpret_cast<const Char *>(string.utf16());
+}
+
 // Fills the table from the platform on first use. The functions count as available exactly when openScManager
-// is there; the other sixteen are deliberately not checked.
+// is there; the other sixteen are deliberately not checked. Takes no lock: threads that come here at once
+// write the same values.
 bool available();
 
 // Error codes of the functions, as lastError() gives them.
@@ -97,6 +115,7 @@ enum State : Dword {
     StatePaused = 7,
 };
 
+// One control a code; ControlStartUp is the service host's own, no service manager sends it.
 enum Control : Dword {
     ControlStop = 1,
     ControlPause = 2,
@@ -105,6 +124,7 @@ enum Control : Dword {
     ControlShutdown = 5,
     ControlUserFirst = 128,
     ControlUserLast = 255,
+    ControlStartUp = 256,
 };
 
 enum Accept : Dword {

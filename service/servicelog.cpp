@@ -19,11 +19,6 @@ Scm::Word eventType(QtServiceBase::MessageType type)
     }
 }
 
-const Scm::Char *text(const QString &string)
-{
-    return reinterpret_cast<const Scm::Char *>(string.utf16());
-}
-
 } // namespace
 
 void QtServiceBase::logMessage(const QString &message, MessageType type, int id, uint category,
@@ -32,11 +27,11 @@ void QtServiceBase::logMessage(const QString &message, MessageType type, int id,
     if (!Scm::available()) {
         return;
     }
-    Scm::Handle log = Scm::functions.registerEventSource(nullptr, text(name));
+    Scm::Handle log = Scm::functions.registerEventSource(nullptr, Scm::text(name));
     if (!log) {
         return;
     }
-    const Scm::Char *strings[] = {text(message)};
+    const Scm::Char *strings[] = {Scm::text(message)};
     QByteArray bytes = data;
     Scm::functions.reportEvent(log, eventType(type), static_cast<Scm::Word>(category & 0xFFFF),
                                static_cast<Scm::Dword>(id), nullptr, 1, static_cast<Scm::Dword>(bytes.size()),

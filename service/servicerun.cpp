@@ -1,0 +1,95 @@
+// SPDX-FileCopyrightText: 2026 The Quillmere developers
+// SPDX-License-Identifier: MIT
+
+// The two ways to run the server: under the service manager, and in the foreground.
+#include "service/commandline.h"
+#include "service/handlerthread.h"
+#include "service/qtserviceappeventfilter.h"
+#include "service/qtservicebase.h"
+#include "service/qtservicecontrollerhandler.h"
+#include "service/qtservicestarter.h"
+#include "service/serviceruntime.h"
+#include "service/waits.h"
+
+#include <QAbstractEventDispatcher>
+#include <QCoreApplication>
+#include <QScopeGuard>
+#include <QTimer>
+
+#include <memory>
+
+namespace {
+
+constexpr unsigned StartTimeout = 20000; // ms
+constexpr unsigned EndTimeout = 1000;    // ms
+
+// Deletes the thread if it has finished. One that has not is left alone for good: its dispatcher is out of
+// our hands, and the process is about to end.
+void dismiss(std::unique_ptr<HandlerThread> &thread)
+{
+    if (!thread->isFinished()) {
+        static_cast<void>(thread.release());
+    }
+}
+
+} // namespace
+
+int QtServiceBase::run(bool asService, const QStringList &runArguments)
+{
+    return asService ? runAsService(runArguments) : runInForeground(runArguments);
+}
+
+int QtServiceBase::runInForeground(const QStringList &runArguments)
+{
+    CommandLine line(runArguments);
+    createApplication(line.count, line.vector());
+    if (!QCoreApplication::instance()) {
+        return -1;
+    }
+    QtServiceStarter starter(this);
+    QTimer::singleShot(0, &starter, &QtServiceStarter::slotStart);
+    const int result = executeApplication();
+    delete QCoreApplication::instance();
+    return result;
+}
+
+int QtServiceBase::runAsService(const QStringList &runArguments)
+{
+    constexpr int Failed = -1;
+    const std::shared_ptr<ServiceRuntime> runtime = ServiceRuntime::create(*this);
+    const auto atEnd = qScopeGuard([&runtime] { runtime->end(); });
+    if (!Scm::available()) {
+        return Failed;
+    }
+    auto thread = std::make_unique<HandlerThread>(name, runtime);
+    const auto dismissal = qScopeGuard([&thread] { dismiss(thread); });
+    thread->start();
+    if (!waits.forStart(runtime->started, StartTimeout)) {
+        return Failed;
+    }
+    if (!thread->succeeded()) {
+        const bool fromConsole = thread->startedFromConsole();
+        waits.forEnd(*thread, EndTimeout);
+        return fromConsole && controller.start(runArguments.mid(1)) ? 0 : Failed;
+    }
+
+    // The application gets the service manager's start parameters, not the command line of the process.
+    CommandLine line(runtime->serviceArguments());
+    createApplication(line.count, line.vector());
+    if (!QCoreApplication::instance()) {
+        return Failed;
+    }
+    QCoreApplication::eventDispatcher()->installNativeEventFilter(QtServiceAppEventFilter::instance());
+    auto receiver = std::make_unique<QtServiceControllerHandler>(this, runtime);
+    runtime->acceptControls(receiver.get());
+    runtime->reportStopped(static_cast<Scm::Dword>(executeApplication()));
+
+    // A control that came too late for the event loop would wait for it for ever.
+    runtime->end();
+    if (!thread->isFinished()) {
+        waits.forEnd(*thread, EndTimeout);
+    }
+    receiver.reset();
+    delete QCoreApplication::instance();
+    return 0;
+}
