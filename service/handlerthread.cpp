@@ -7,8 +7,8 @@
 
 #include <utility>
 
-HandlerThread::HandlerThread(const QString &serviceName, std::shared_ptr<ServiceRuntime> serviceRuntime)
-    : name(serviceName), runtime(std::move(serviceRuntime))
+HandlerThread::HandlerThread(QString serviceName, std::shared_ptr<ServiceRuntime> serviceRuntime)
+    : name(std::move(serviceName)), runtime(std::move(serviceRuntime))
 {
 }
 

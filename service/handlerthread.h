@@ -18,7 +18,7 @@ class HandlerThread : public QThread
     Q_OBJECT
 
 public:
-    HandlerThread(const QString &serviceName, std::shared_ptr<ServiceRuntime> serviceRuntime);
+    HandlerThread(QString serviceName, std::shared_ptr<ServiceRuntime> serviceRuntime);
 
     // False once the dispatcher has failed.
     bool succeeded() const { return success; }

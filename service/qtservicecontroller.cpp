@@ -9,6 +9,7 @@
 #include "service/scm.h"
 #include "service/waits.h"
 
+#include <utility>
 #include <vector>
 
 using namespace Qt::StringLiterals;
@@ -75,7 +76,7 @@ QString accountToRunUnder(const QString &account)
         return {};
     }
     const QString qualified = account.contains(u'\\') ? account : u".\\"_s + account;
-    return qualified.endsWith("\\LocalSystem"_L1) ? QString() : qualified;
+    return qualified.endsWith(R"(\LocalSystem)"_L1) ? QString() : qualified;
 }
 
 Scm::Dword startType()
@@ -98,7 +99,7 @@ void describe(Scm::Handle service)
 
 } // namespace
 
-QtServiceController::QtServiceController(const QString &serviceName) : name(serviceName)
+QtServiceController::QtServiceController(QString serviceName) : name(std::move(serviceName))
 {
     // Even a literal's text is its own from here on: taking the characters of one that is not changes the
     // string, under the feet of other threads.

@@ -12,7 +12,7 @@
 class QtServiceController
 {
 public:
-    explicit QtServiceController(const QString &serviceName);
+    explicit QtServiceController(QString serviceName);
 
     QString serviceName() const { return name; }
 

@@ -39,7 +39,7 @@ int QtServiceBase::exec()
     for (const Command &command : commands) {
         if (option == command.shortForm || option == command.longForm) {
             const int exitCode = (this->*command.action)();
-            std::fflush(stdout);
+            static_cast<void>(std::fflush(stdout));
             return exitCode;
         }
     }
@@ -51,11 +51,12 @@ int QtServiceBase::commandInstall()
 {
     const QByteArray latin1 = name.toLatin1();
     if (controller.isInstalled()) {
-        std::fprintf(stderr, "The service %s is already installed\n", latin1.constData());
+        static_cast<void>(std::fprintf(stderr, "The service %s is already installed\n", latin1.constData()));
         return 0;
     }
     if (!controller.install(arguments.value(2), arguments.value(3))) {
-        std::fprintf(stderr, "The service %s could not be installed\n", latin1.constData());
+        static_cast<void>(
+            std::fprintf(stderr, "The service %s could not be installed\n", latin1.constData()));
         return ActionFailed;
     }
     std::printf("The service %s has been installed under: %s\n", latin1.constData(),
@@ -67,11 +68,12 @@ int QtServiceBase::commandUninstall()
 {
     const QByteArray latin1 = name.toLatin1();
     if (!controller.isInstalled()) {
-        std::fprintf(stderr, "The service %s is not installed\n", latin1.constData());
+        static_cast<void>(std::fprintf(stderr, "The service %s is not installed\n", latin1.constData()));
         return 0;
     }
     if (!controller.uninstall()) {
-        std::fprintf(stderr, "The service %s could not be uninstalled\n", latin1.constData());
+        static_cast<void>(
+            std::fprintf(stderr, "The service %s could not be uninstalled\n", latin1.constData()));
         return ActionFailed;
     }
     std::printf("The service %s has been uninstalled.\n", latin1.constData());
@@ -146,7 +148,8 @@ int QtServiceBase::commandHelp()
 int QtServiceBase::commandStart()
 {
     if (run(true, arguments) != 0) {
-        std::fprintf(stderr, "The service %s could not start\n", name.toLatin1().constData());
+        static_cast<void>(
+            std::fprintf(stderr, "The service %s could not start\n", name.toLatin1().constData()));
         return StartFailed;
     }
     return 0;
