@@ -1,0 +1,346 @@
+// SPDX-FileCopyrightText: 2026 The Quillmere developers
+// SPDX-License-Identifier: MIT
+
+#include "tests/support/modelscenario.h"
+
+#include <QCoreApplication>
+#include <QTimerEvent>
+
+#include <array>
+
+using namespace Qt::StringLiterals;
+using QMR::Esn;
+
+namespace {
+
+constexpr qint64 Second = 1000;
+constexpr quint32 ConfirmedRadios = 4;
+
+// The first is that of radios that do not tell theirs.
+constexpr std::array<Esn, 5> Esns{{{{0, 0, 0, 0, 0, 0, 0, 0}},
+                                   {{0, 0x11, 0xAA, 0xBB, 0x22, 0xCC, 0x33, 0x01}},
+                                   {{0, 0x11, 0xAA, 0xBB, 0x22, 0xCC, 0x33, 0x02}},
+                                   {{0xF1, 0x12, 0x34, 0x56, 0x78, 0x9A, 0xBC, 0x03}},
+                                   {{0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF}}}};
+constexpr size_t MarkerEsn = 4;
+constexpr size_t MarkerAddress = 3;
+const QStringList Addresses{u"127.0.0.2"_s, u"127.0.0.3"_s, u"127.0.0.4"_s, u"127.0.0.9"_s};
+
+const std::array<QMR::ServiceList, 3> Services{{{}, {1}, {3, 2, 2}}};
+
+QByteArray bytesOf(const QMR::ServiceList &services)
+{
+    QByteArray bytes;
+    for (const quint32 service : services) {
+        bytes.append(static_cast<char>(service));
+    }
+    return bytes;
+}
+
+} // namespace
+
+ModelScenario::ModelScenario(quint32 seed, Way wayOfRadios)
+    : random(seed), way(wayOfRadios), model(seed % 3 == 0 ? 0 : 30)
+{
+    QCoreApplication::instance()->installEventFilter(this);
+    server.configure(seed % 3 == 0 ? "minimumDiscoveryPeriod=0\n" : "minimumDiscoveryPeriod=30\n");
+    model.now = server.clock.now().toMSecsSinceEpoch();
+    server.start(); // makes the database
+    storeRandomRadios();
+    comparison = std::make_unique<ModelComparison>(server, model);
+    for (const QString &address : Addresses) {
+        radios.push_back(std::make_unique<ScriptedRadio>(server.registrationPort(), 0, address));
+    }
+    restarts();
+}
+
+bool ModelScenario::eventFilter(QObject *object, QEvent *event)
+{
+    return event->type() == QEvent::Timer &&
+           (object == &server->nextDiscovery() || object == &server->nextDeadline() ||
+            object == &server->timeoutCheck());
+}
+
+void ModelScenario::storeRandomRadios()
+{
+    const qint64 now = model.now / Second;
+    for (size_t i = 0; i < ConfirmedRadios; ++i) {
+        if (below(3) > 0) {
+            continue;
+        }
+        RegistrationModel::Row row;
+        row.suid.bytes[6] = static_cast<quint8>(below(3));
+        row.address = QHostAddress(Addresses[below(3)]).toIPv4Address();
+        row.availability = below(4);
+        row.attempts = static_cast<quint16>(below(5));
+        row.lastContact = now - std::array<qint64, 4>{0, 43199, 43200, 90000}[below(4)];
+        row.lastDiscovery = now - std::array<qint64, 4>{0, 250, 1700, 90000}[below(4)];
+        row.protocolVersion = 1 + below(3);
+        server.query(u"INSERT INTO subscribers (esn, suid, ip_address, availability, last_contact_time, "
+                     "num_discovery_attempts, last_discovery_attempt, protocol_version) "
+                     "VALUES (x'%1', x'0000000000000%2', %3, %4, %5, %6, %7, %8)"_s.arg(Esns[i].text())
+                         .arg(row.suid.bytes[6])
+                         .arg(row.address)
+                         .arg(row.availability)
+                         .arg(row.lastContact)
+                         .arg(row.attempts)
+                         .arg(row.lastDiscovery)
+                         .arg(row.protocolVersion));
+        model.rows[Esns[i]] = row;
+        stepTexts.append(u"stored: %1 %2"_s.arg(Esns[i].text(), row.text()));
+    }
+}
+
+void ModelScenario::takeRandomStep()
+{
+    const quint32 chance = below(100);
+    if (chance < 34) {
+        registers();
+    } else if (chance < 42) {
+        deregisters();
+    } else if (chance < 47) {
+        deregistersByAddress();
+    } else if (chance < 53) {
+        isReported();
+    } else if (chance < 67) {
+        timePasses();
+    } else if (chance < 82) {
+        discoveryExpires();
+    } else if (chance < 91) {
+        deadlineExpires();
+    } else if (chance < 95) {
+        timeoutCheckExpires();
+    } else {
+        restarts();
+    }
+}
+
+void ModelScenario::end()
+{
+    if (difference().isEmpty()) {
+        announcesMarker();
+    }
+}
+
+void ModelScenario::registers()
+{
+    RegistrationModel::Registration registration;
+    const size_t radio = below(ConfirmedRadios);
+    registration.esn = Esns[radio];
+    // A radio that does not tell its ESN is known as zero only by a registration of version 1.
+    registration.protocolVersion = radio == 0 ? 1 : std::array<quint32, 8>{1, 2, 3, 3, 3, 3, 3, 3}[below(8)];
+    registration.address = static_cast<quint32>(below(3));
+    registration.services = Services[below(3)];
+    if (registration.protocolVersion > 1) {
+        registration.suid.bytes[6] = static_cast<quint8>(1 + below(2));
+    }
+    registration.pending = registration.protocolVersion > 2 && below(2) == 0;
+    carryOut(registration);
+}
+
+void ModelScenario::announcesMarker()
+{
+    RegistrationModel::Registration registration;
+    registration.esn = Esns[MarkerEsn];
+    registration.protocolVersion = 3;
+    registration.address = MarkerAddress;
+    carryOut(registration);
+}
+
+// The registration's address is still the number of the radio that sends it.
+void ModelScenario::carryOut(const RegistrationModel::Registration &planned)
+{
+    RegistrationModel::Registration registration = planned;
+    const size_t number = planned.address;
+    ScriptedRadio &radio = *radios[number];
+    radio.esn = registration.esn;
+    radio.suid = registration.suid;
+    radio.protocolVersion = static_cast<quint8>(registration.protocolVersion);
+    registration.address = radio.address().toIPv4Address();
+    const QByteArray services = bytesOf(registration.services);
+    const QString detail =
+        u"%1 version %2 %3 at %4 [%5]"_s.arg(registration.esn.text())
+            .arg(registration.protocolVersion)
+            .arg(registration.suid.text(), radio.address().toString(), QString::fromLatin1(services.toHex()));
+    step(
+        registration.pending ? u"registers pending"_s : u"registers"_s, detail,
+        [&] { model.registers(registration); },
+        [&] {
+            if (way == Direct) {
+                server->registerRadio(registration.esn, registration.protocolVersion, registration.suid,
+                                      radio.address(), radio.port(), registration.pending,
+                                      registration.services);
+            } else if (registration.protocolVersion == 1) {
+                radio.registersBasic(services);
+            } else if (registration.pending) {
+                radio.registersPending(services);
+            } else {
+                radio.registers(services);
+            }
+            waitForDatagramsOf(radio);
+        });
+    if (!radio.isAcknowledged()) {
+        comparison->differs(u"acknowledgement"_s, u"none, or another"_s, detail);
+    }
+}
+
+void ModelScenario::deregisters()
+{
+    const size_t number = below(3);
+    const Esn esn = anyEsn();
+    if (esn.isZero()) {
+        return deregistersByAddress();
+    }
+    ScriptedRadio &radio = *radios[number];
+    radio.esn = esn;
+    radio.protocolVersion = 3;
+    step(
+        u"deregisters"_s, esn.text() + u" from "_s + radio.address().toString(),
+        [&] { model.deregisters(esn, radio.address().toIPv4Address()); },
+        [&] {
+            if (way == Direct) {
+                server->deregisterRadio(esn, radio.address());
+            } else {
+                radio.deregisters();
+            }
+            waitForDatagramsOf(radio);
+        });
+}
+
+void ModelScenario::deregistersByAddress()
+{
+    const size_t number = below(3);
+    ScriptedRadio &radio = *radios[number];
+    step(
+        u"deregisters by address"_s, radio.address().toString(),
+        [&] { model.deregistersByAddress(radio.address().toIPv4Address()); },
+        [&] {
+            if (way == Direct) {
+                server->deregisterRadioByAddress(radio.address());
+            } else {
+                radio.deregistersByAddress();
+            }
+            waitForDatagramsOf(radio);
+        });
+}
+
+void ModelScenario::isReported()
+{
+    const Esn esn = anyEsn();
+    const QHostAddress address(Addresses[below(3)]);
+    step(
+        u"is reported"_s, esn.text() + u" at "_s + address.toString(),
+        [&] { model.isReported(esn, address.toIPv4Address()); },
+        [&] { server->handleRadioReport(esn, address); });
+}
+
+void ModelScenario::timePasses()
+{
+    const qint64 milliseconds = randomAdvance();
+    step(
+        u"time passes"_s, u"%1 ms"_s.arg(milliseconds), [&] { model.now += milliseconds; },
+        [&] { server.clock.set(server.clock.now().addMSecs(milliseconds)); });
+}
+
+void ModelScenario::waitForDatagramsOf(ScriptedRadio &radio)
+{
+    if (way == Sockets) {
+        comparison->waitForDatagramsOf(radio);
+    }
+}
+
+// Half of the expiries come when they are due, the others at whatever time it is.
+void ModelScenario::discoveryExpires()
+{
+    const qint64 wait = below(2) == 0 ? 0 : model.discoveryTimer.value_or(0);
+    step(
+        u"discovery timer expires"_s, u"%1 ms on"_s.arg(wait),
+        [&] {
+            model.now += wait;
+            model.discoveryExpires();
+        },
+        [&] {
+            server.clock.set(server.clock.now().addMSecs(wait));
+            server.expireDiscovery();
+        });
+}
+
+void ModelScenario::deadlineExpires()
+{
+    const qint64 wait = below(3) == 0 ? 0 : model.deadlineTimer.value_or(0);
+    step(
+        u"deadline timer expires"_s, u"%1 ms on"_s.arg(wait),
+        [&] {
+            model.now += wait;
+            model.deadlineExpires();
+        },
+        [&] {
+            server.clock.set(server.clock.now().addMSecs(wait));
+            server.expireHeartbeat();
+        });
+}
+
+void ModelScenario::timeoutCheckExpires()
+{
+    step(
+        u"timeout check"_s, QString(), [&] { model.timeoutCheckExpires(); },
+        [&] { server.expireTimeoutCheck(); });
+}
+
+void ModelScenario::restarts()
+{
+    if (comparison->hasApplication()) {
+        announcesMarker(); // what the application has not been sent by now, it never gets
+    }
+    step(
+        u"restart"_s, QString(),
+        [&] {
+            model.restarts();
+            model.notices = model.snapshot();
+        },
+        [&] {
+            comparison->dropApplication();
+            server.restart();
+            comparison->connectApplication();
+        });
+}
+
+void ModelScenario::step(const QString &kind, const QString &detail, const std::function<void()> &inModel,
+                         const std::function<void()> &inServer)
+{
+    stepKinds.append(kind);
+    stepTexts.append(kind + u' ' + detail);
+    model.records.clear();
+    model.notices.clear();
+    model.requests = 0;
+    inModel();
+    inServer();
+    comparison->compare();
+}
+
+Esn ModelScenario::anyEsn()
+{
+    return Esns[below(ConfirmedRadios)];
+}
+
+qint64 ModelScenario::randomAdvance()
+{
+    switch (below(8)) {
+    case 0:
+        return below(3000);
+    case 1:
+        return 17 * Second;
+    case 2:
+        return 16999;
+    case 3:
+        return 300 * Second;
+    case 4:
+        return 1800 * Second;
+    case 5:
+        return 43200 * Second;
+    case 6:
+        return 43200 * Second + 1;
+    default:
+        return static_cast<qint64>(below(20000)) * Second;
+    }
+}
