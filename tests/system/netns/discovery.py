@@ -1,0 +1,264 @@
+#!/usr/bin/env python3
+# SPDX-FileCopyrightText: 2026 The Quillmere developers
+# SPDX-License-Identifier: MIT
+"""A discovery request reaches a radio on another host, and its answer ends the search.
+
+usage: discovery.py <quillmere>
+
+The hosts are network namespaces: the server has one, each radio and the application one of its own. They are
+made inside a network and a mount namespace of this run, so that nothing shows outside and all of it is gone
+with the last process, however the run ends. Exits with 77 where namespaces cannot be made, with 1 there when
+CI is true.
+"""
+
+import contextlib
+import ctypes
+import json
+import os
+import pathlib
+import shutil
+import signal
+import socket
+import sqlite3
+import struct
+import subprocess
+import sys
+import tempfile
+import time
+
+SKIPPED = 77
+PATIENCE = 20  # seconds
+PORT = 9361  # of both protocols, and of the radios: where requests go
+
+CLONE_NEWNS = 0x00020000
+CLONE_NEWNET = 0x40000000
+MS_PRIVATE_RECURSIVE = (1 << 18) | (1 << 14)
+PR_SET_PDEATHSIG = 1
+
+SERVER_HOST = "server"
+SERVER_ADDRESS = "10.77.0.1"
+APPLICATION_HOST = ("application", "10.77.0.9")
+LOST = ("lost", "10.77.0.5")
+SILENT = ("silent", "10.77.0.6")
+
+UNREACHABLE, UNCONFIRMED, REGISTERED = 1, 2, 3
+
+libc = ctypes.CDLL(None, use_errno=True)
+
+
+class CannotRun(Exception):
+    """This machine cannot make the hosts."""
+
+
+def check(condition, text):
+    if not condition:
+        raise AssertionError(text)
+
+
+def call(function, *arguments):
+    if getattr(libc, function)(*arguments) != 0:
+        raise CannotRun(f"{function}: {os.strerror(ctypes.get_errno())}")
+
+
+def die_with_this_run():
+    libc.prctl(PR_SET_PDEATHSIG, signal.SIGKILL)
+
+
+def ip(*arguments):
+    result = subprocess.run(["ip", *arguments], capture_output=True, text=True, check=False)
+    if result.returncode != 0:
+        raise CannotRun(f"ip {' '.join(arguments)}: {result.stderr.strip()}")
+
+
+def make_hosts():
+    """A bridge in the namespace of this run, and a host at each of its ports."""
+    if os.geteuid() != 0:
+        raise CannotRun("needs root")
+    if not shutil.which("ip"):
+        raise CannotRun("needs iproute2")
+    call("unshare", CLONE_NEWNS | CLONE_NEWNET)
+    call("mount", b"none", b"/", None, MS_PRIVATE_RECURSIVE, None)
+    call("mount", b"tmpfs", b"/run", b"tmpfs", 0, None)  # where the names of namespaces are kept
+    ip("link", "add", "bridge", "type", "bridge")
+    ip("link", "set", "bridge", "up")
+    for name, address in ((SERVER_HOST, SERVER_ADDRESS), APPLICATION_HOST, LOST, SILENT):
+        ip("netns", "add", name)
+        ip("link", "add", name, "type", "veth", "peer", "name", "uplink", "netns", name)
+        ip("link", "set", name, "master", "bridge", "up")
+        ip("-n", name, "address", "add", f"{address}/24", "dev", "uplink")
+        ip("-n", name, "link", "set", "uplink", "up")
+        ip("-n", name, "link", "set", "lo", "up")
+
+
+@contextlib.contextmanager
+def on_host(name):
+    """Sockets that are made inside belong to that host, also afterwards."""
+    with open("/proc/self/ns/net", "rb") as here, open(f"/run/netns/{name}", "rb") as there:
+        call("setns", there.fileno(), CLONE_NEWNET)
+        try:
+            yield
+        finally:
+            call("setns", here.fileno(), CLONE_NEWNET)
+
+
+def esn(serial):
+    return bytes([0x00, 0x11, 0xAA, 0xBB, 0x22, 0xCC, 0x33, serial])
+
+
+def suid(serial):
+    return bytes([0x12, 0x34, 0x56, 0x78, 0x9A, 0xBC, serial])
+
+
+def datagram(serial, opcode, payload=b""):
+    return b"QMRS\x03" + esn(serial) + bytes([opcode]) + struct.pack("<H", len(payload)) + payload
+
+
+def notice(serial, address, availability):
+    payload = esn(serial) + suid(serial) + b"\x00" + socket.inet_aton(address)[::-1]
+    payload += bytes([availability, 0])
+    return b"QMRA\x04\x01" + struct.pack("<H", len(payload)) + payload
+
+
+class Server:
+    """The program, run in the foreground on its host."""
+
+    def __init__(self, program, folder):
+        self.folder = folder / "Brackwater" / "Quill Mere"
+        self.database = self.folder / "qmr.db"
+        self.event_log = folder / "events"
+        self.environment = dict(os.environ, QUILLMERE_APPDATA=str(folder), QUILLMERE_EVENTLOG=str(self.event_log))
+        self.command = ["ip", "netns", "exec", SERVER_HOST, program, "-exec"]
+        self.process = None
+
+    def start(self):
+        self.event_log.write_bytes(b"")
+        self.process = subprocess.Popen(self.command, env=self.environment, preexec_fn=die_with_this_run)
+        wait_for(lambda: any("Service started" in record for record in self.records()), "the server to start")
+
+    def stop(self):
+        if self.process:
+            self.process.send_signal(signal.SIGKILL)
+            self.process.wait()
+            self.process = None
+
+    def records(self):
+        lines = self.event_log.read_text(encoding="utf-8").splitlines(keepends=True)
+        return [json.loads(line)["message"] for line in lines if line.endswith("\n")]
+
+    def rows(self):
+        with contextlib.closing(sqlite3.connect(self.database, timeout=PATIENCE)) as database:
+            return database.execute("SELECT esn, availability, num_discovery_attempts, last_discovery_attempt, "
+                                    "last_contact_time FROM subscribers ORDER BY esn").fetchall()
+
+    def store(self, serial, availability, address, now):
+        """A radio heard from a minute ago, asked for long ago."""
+        number = struct.unpack(">I", socket.inet_aton(address))[0]
+        with contextlib.closing(sqlite3.connect(self.database)) as database, database:
+            database.execute("INSERT INTO subscribers (esn, suid, ip_address, availability, last_contact_time, "
+                             "num_discovery_attempts, last_discovery_attempt, protocol_version) "
+                             "VALUES (?, ?, ?, ?, ?, 0, ?, 3)",
+                             (esn(serial), suid(serial), number, availability, now - 60, now - 100000))
+
+
+def wait_for(condition, what):
+    deadline = time.monotonic() + PATIENCE
+    while not condition():
+        check(time.monotonic() < deadline, f"waited in vain for {what}")
+        time.sleep(0.02)
+
+
+def open_radio(host):
+    """A radio's socket, at its own address and at the port where requests are sent to."""
+    with on_host(host[0]):
+        radio = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
+    radio.settimeout(PATIENCE)
+    radio.bind((host[1], PORT))
+    return radio
+
+
+def receive(connection, size):
+    received = b""
+    while len(received) < size:
+        piece = connection.recv(size - len(received))
+        check(piece, "the server has closed the connection")
+        received += piece
+    return received
+
+
+def run(program, folder):
+    server = Server(program, folder)
+    try:
+        # A first run makes the database; what it is to find at the next start is then put in.
+        server.folder.mkdir(parents=True)
+        (server.folder / "qmr.cfg").write_text("minimumDiscoveryPeriod=0\n", encoding="utf-8")
+        server.start()
+        server.stop()
+        now = int(time.time())
+        server.store(1, REGISTERED, LOST[1], now)
+        server.store(2, UNREACHABLE, SILENT[1], now)
+
+        with open_radio(LOST) as lost, open_radio(SILENT) as silent:
+            server.start()
+            story(server, lost, silent, now)
+    finally:
+        server.stop()
+
+
+def story(server, lost, silent, now):
+    # Both requests leave at once, each to its radio's own address and to the registration port.
+    for radio, serial in ((lost, 1), (silent, 2)):
+        request, sender = radio.recvfrom(2048)
+        check(request == datagram(serial, 4), f"not a discovery request: {request.hex()}")
+        check(sender == (SERVER_ADDRESS, PORT), f"request from {sender}")
+    wait_for(lambda: [row[2] for row in server.rows()] == [1, 1], "both attempts to be stored")
+    check([row[1] for row in server.rows()] == [UNCONFIRMED, UNREACHABLE], f"rows {server.rows()}")
+    check(all(row[3] >= now for row in server.rows()), f"rows {server.rows()}")
+
+    with on_host(APPLICATION_HOST[0]):
+        application = socket.socket(socket.AF_INET, socket.SOCK_STREAM)
+    with application:
+        application.settimeout(PATIENCE)
+        application.connect((SERVER_ADDRESS, PORT))
+        snapshot = notice(1, LOST[1], UNCONFIRMED) + notice(2, SILENT[1], UNREACHABLE)
+        received = receive(application, len(snapshot))
+        check(received == snapshot, f"snapshot {received.hex()}")
+
+        # One answers as radios do, by registering again; it is then no longer searched for.
+        lost.sendto(datagram(1, 5, suid(1) + b"\x00\x00"), (SERVER_ADDRESS, PORT))
+        acknowledgement = lost.recv(2048)
+        check(acknowledgement == datagram(1, 2, b"\x00"), f"acknowledgement {acknowledgement.hex()}")
+        announced = notice(1, LOST[1], REGISTERED)
+        received = receive(application, len(announced))
+        check(received == announced, f"notice {received.hex()}")
+
+    answered, unanswered = server.rows()
+    check(answered[1:3] == (REGISTERED, 0) and answered[4] >= now, f"row {answered}")
+    check(unanswered[1:3] == (UNREACHABLE, 1) and unanswered[4] == now - 60, f"row {unanswered}")
+    registered = ("Radio 0011AABB22CC3301 with SUID {WACN: 0x12345, System: 0x678, Unit: 0x9ABC01} registered "
+                  f"with address {LOST[1]}")
+    check(server.records().count(registered) == 1, f"records {server.records()}")
+    check(not any("rror" in record for record in server.records()), f"records {server.records()}")
+
+
+def main():
+    if len(sys.argv) != 2:
+        print(__doc__, file=sys.stderr)
+        return 2
+    try:
+        make_hosts()
+    except CannotRun as reason:
+        print(f"discovery between hosts cannot be tested here: {reason}", file=sys.stderr)
+        return 1 if os.environ.get("CI") == "true" else SKIPPED
+    with tempfile.TemporaryDirectory(prefix="quillmere-") as folder:
+        try:
+            run(os.path.abspath(sys.argv[1]), pathlib.Path(folder))
+        except (AssertionError, OSError) as failure:
+            print(f"FAILED: {failure}", file=sys.stderr)
+            return 1
+    print("PASSED: both requests arrived, and the answer took its radio off the queue")
+    return 0
+
+
+if __name__ == "__main__":
+    signal.signal(signal.SIGTERM, lambda *_: sys.exit(1))
+    sys.exit(main())
