@@ -41,7 +41,7 @@ char *toString(const Notice &notice)
 ScriptedApplication::ScriptedApplication(quint16 serverPort)
 {
     socket.connectToHost(QHostAddress::LocalHost, serverPort);
-    if (!QTest::qWaitFor([this] { return socket.state() == QAbstractSocket::ConnectedState; })) {
+    if (!socket.waitForConnected()) {
         qFatal("cannot connect to port %d", serverPort);
     }
 }
