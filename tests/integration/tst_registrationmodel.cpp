@@ -8,7 +8,6 @@
 
 #include "tests/support/modelscenario.h"
 
-#include <QFileInfo>
 #include <QtTest>
 
 #include <algorithm>
@@ -33,7 +32,6 @@ class TestRegistrationModel : public QObject
     Q_OBJECT
 
 private slots:
-    void initTestCase();
     void agreesWithTheServerAfterEveryStep_data();
     void agreesWithTheServerAfterEveryStep();
     void cleanupTestCase();
@@ -41,14 +39,6 @@ private slots:
 private:
     QMap<QString, int> taken; // how often each kind of step
 };
-
-void TestRegistrationModel::initTestCase()
-{
-    const QString memory = u"/dev/shm"_s;
-    if (!qEnvironmentVariableIsSet("TMPDIR") && QFileInfo(memory).isWritable()) {
-        qputenv("TMPDIR", memory.toUtf8()); // thousands of databases: not on a disk when it can be helped
-    }
-}
 
 void TestRegistrationModel::agreesWithTheServerAfterEveryStep_data()
 {
