@@ -3,7 +3,9 @@
 
 #include "service/linux/eventlog.h"
 
+#include "service/linux/errors.h"
 #include "service/linux/eventsink.h"
+#include "service/linux/text.h"
 
 #include <QDateTime>
 #include <QString>
@@ -17,11 +19,6 @@ struct EventSource
     QString name;
 };
 
-QString toString(const Scm::Char *text)
-{
-    return QString::fromUtf16(text);
-}
-
 } // namespace
 
 Scm::Handle registerEventSource(const Scm::Char *, const Scm::Char *source)
@@ -32,6 +29,9 @@ Scm::Handle registerEventSource(const Scm::Char *, const Scm::Char *source)
 Scm::Bool reportEvent(Scm::Handle log, Scm::Word type, Scm::Word category, Scm::Dword id, void *,
                       Scm::Word stringCount, Scm::Dword dataSize, const Scm::Char **strings, void *data)
 {
+    if (!log) {
+        return fail(ErrorInvalidHandle);
+    }
     EventRecord record;
     record.time = QDateTime::currentDateTimeUtc();
     record.source = static_cast<EventSource *>(log)->name;
@@ -45,6 +45,9 @@ Scm::Bool reportEvent(Scm::Handle log, Scm::Word type, Scm::Word category, Scm::
 
 Scm::Bool deregisterEventSource(Scm::Handle log)
 {
+    if (!log) {
+        return fail(ErrorInvalidHandle);
+    }
     delete static_cast<EventSource *>(log);
     return 1;
 }

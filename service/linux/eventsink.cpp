@@ -16,6 +16,7 @@
 
 #include <array>
 #include <cerrno>
+#include <mutex>
 
 namespace Linux {
 
@@ -71,7 +72,9 @@ bool writeAll(int descriptor, QByteArray bytes)
 
 bool appendToFile(const QByteArray &path, const QByteArray &line)
 {
-    const int descriptor = ::open(path.constData(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0640);
+    // Not blocking: a pipe that nobody reads loses its records, it does not hold the server.
+    const int descriptor =
+        ::open(path.constData(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC | O_NONBLOCK, 0640);
     if (descriptor < 0) {
         return false;
     }
@@ -105,6 +108,9 @@ bool sendToJournal(const EventRecord &record)
 
 bool sendToSyslog(const EventRecord &record)
 {
+    // openlog() keeps one identifier for the whole process.
+    static std::mutex mutex;
+    const std::lock_guard lock(mutex);
     const QByteArray source = record.source.toUtf8();
     ::openlog(source.constData(), LOG_NDELAY, LOG_DAEMON);
     ::syslog(syslogPriority(record.type), "%s", record.message.toUtf8().constData());

@@ -3,7 +3,12 @@
 
 #include "service/platform.h"
 
+#include "service/linux/dispatcher.h"
+#include "service/linux/errors.h"
 #include "service/linux/eventlog.h"
+#include "service/linux/servicecontrol.h"
+#include "service/linux/servicehandle.h"
+#include "service/linux/serviceregistry.h"
 
 #include <QFile>
 #include <QStandardPaths>
@@ -15,32 +20,35 @@ using namespace Qt::StringLiterals;
 
 namespace Platform {
 
-namespace {
-
-Scm::Handle openScManager(const Scm::Char *, const Scm::Char *, Scm::Dword)
-{
-    static int localManager = 0;
-    return &localManager;
-}
-
-} // namespace
-
 void provide(Scm::Functions &functions)
 {
-    functions.openScManager = openScManager;
-    functions.deregisterEventSource = Linux::deregisterEventSource;
-    functions.reportEvent = Linux::reportEvent;
-    functions.registerEventSource = Linux::registerEventSource;
+    functions = {Linux::registerServiceCtrlHandler,
+                 Linux::setServiceStatus,
+                 Linux::changeServiceConfig2,
+                 Linux::closeServiceHandle,
+                 Linux::createService,
+                 Linux::openScManager,
+                 Linux::deleteService,
+                 Linux::openService,
+                 Linux::queryServiceStatus,
+                 Linux::startServiceCtrlDispatcher,
+                 Linux::startService,
+                 Linux::controlService,
+                 Linux::deregisterEventSource,
+                 Linux::reportEvent,
+                 Linux::registerEventSource,
+                 Linux::queryServiceConfig,
+                 Linux::queryServiceConfig2};
 }
 
 Scm::Dword lastError()
 {
-    return 0;
+    return Linux::lastError();
 }
 
 QString errorText(Scm::Dword code)
 {
-    return QString::number(code);
+    return Linux::errorText(code);
 }
 
 QString executablePath()

@@ -5,7 +5,22 @@ find_package(PkgConfig REQUIRED)
 pkg_check_modules(SYSTEMD REQUIRED IMPORTED_TARGET libsystemd)
 
 target_sources(quillmere_service PRIVATE
-    linux/eventsink.cpp
+    linux/account.cpp
+    linux/controlclient.cpp
+    linux/controlprotocol.cpp
+    linux/controlsocket.cpp
+    linux/dispatcher.cpp
+    linux/errors.cpp
     linux/eventlog.cpp
-    linux/platform.cpp)
+    linux/eventsink.cpp
+    linux/platform.cpp
+    linux/servicecontrol.cpp
+    linux/servicehandle.cpp
+    linux/serviceregistry.cpp
+    linux/startparameters.cpp
+    linux/systemctl.cpp
+    linux/unitfile.cpp
+    linux/unitstate.cpp)
+find_package(Threads REQUIRED)
+target_link_libraries(quillmere_service PRIVATE Threads::Threads)
 target_link_libraries(quillmere_service PRIVATE PkgConfig::SYSTEMD)

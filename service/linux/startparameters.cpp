@@ -1,0 +1,77 @@
+// SPDX-FileCopyrightText: 2026 The Quillmere developers
+// SPDX-License-Identifier: MIT
+
+#include "service/linux/startparameters.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <array>
+#include <cerrno>
+
+namespace Linux {
+
+namespace {
+
+constexpr auto FileName = "start-parameters";
+constexpr qsizetype MaximumSize = 1 << 20;
+
+// No link leads anywhere else: the service's account may own this folder.
+int openFolder(const QByteArray &folder)
+{
+    return ::open(folder.constData(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+}
+
+} // namespace
+
+bool storeStartParameters(const QByteArray &runtimeDirectory, const QStringList &parameters)
+{
+    if (::mkdir(runtimeDirectory.constData(), S_IRWXU) != 0 && errno != EEXIST) {
+        return false;
+    }
+    const int folder = openFolder(runtimeDirectory);
+    if (folder < 0) {
+        return false;
+    }
+    ::unlinkat(folder, FileName, 0);
+    const int file = ::openat(folder, FileName, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600);
+    ::close(folder);
+    if (file < 0) {
+        return false;
+    }
+    QByteArray content;
+    for (const QString &parameter : parameters) {
+        content += parameter.toUtf8() + '\0';
+    }
+    const bool written =
+        ::write(file, content.constData(), static_cast<size_t>(content.size())) == content.size();
+    return ::close(file) == 0 && written;
+}
+
+QStringList takeStartParameters(const QByteArray &runtimeDirectory)
+{
+    const int folder = openFolder(runtimeDirectory);
+    if (folder < 0) {
+        return {};
+    }
+    QByteArray content;
+    const int file = ::openat(folder, FileName, O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC);
+    if (file >= 0) {
+        std::array<char, 4096> buffer{};
+        ssize_t count = 0;
+        while (content.size() < MaximumSize && (count = ::read(file, buffer.data(), buffer.size())) > 0) {
+            content.append(buffer.data(), count);
+        }
+        ::close(file);
+        ::unlinkat(folder, FileName, 0);
+    }
+    ::close(folder);
+    QStringList parameters;
+    for (qsizetype end = 0; (end = content.indexOf('\0')) >= 0; content.remove(0, end + 1)) {
+        parameters.append(QString::fromUtf8(content.first(end)));
+    }
+    return parameters;
+}
+
+} // namespace Linux
