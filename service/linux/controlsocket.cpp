@@ -85,7 +85,7 @@ void ControlSocket::serve(const Handler &handler)
     if (listener < 0) {
         return;
     }
-    acceptAll();
+    acceptAll(handler);
     for (auto connection = connections.begin(); connection != connections.end();) {
         if (isFinished(*connection, handler) || connection->deadline.hasExpired()) {
             ::close(connection->descriptor);
@@ -96,7 +96,7 @@ void ControlSocket::serve(const Handler &handler)
     }
 }
 
-void ControlSocket::acceptAll()
+void ControlSocket::acceptAll(const Handler &handler)
 {
     // No more than the backlog holds, so that a crowd of clients cannot keep the dispatcher here.
     for (int i = 0; i < SOMAXCONN && acceptAgain.hasExpired(); ++i) {
@@ -110,7 +110,9 @@ void ControlSocket::acceptAll()
             }
             continue;
         }
-        if (!admits(descriptor)) {
+        // What has already sent its request is answered at once, so that no crowd can drop it.
+        Connection connection{descriptor, {}, QDeadlineTimer(PatienceMilliseconds)};
+        if (!admits(descriptor) || isFinished(connection, handler)) {
             ::close(descriptor);
             continue;
         }
@@ -118,7 +120,7 @@ void ControlSocket::acceptAll()
             ::close(connections.front().descriptor);
             connections.pop_front();
         }
-        connections.push_back({descriptor, {}, QDeadlineTimer(PatienceMilliseconds)});
+        connections.push_back(std::move(connection));
     }
 }
 

@@ -50,7 +50,7 @@ private:
         QDeadlineTimer deadline;
     };
 
-    void acceptAll();
+    void acceptAll(const Handler &handler);
     bool admits(int descriptor) const;
     bool isFinished(Connection &connection, const Handler &handler) const;
 

@@ -195,6 +195,7 @@ Scm::Bool deleteService(Scm::Handle handle)
     }
     // The service is gone from the next start of systemd on in any case.
     (void)reload();
+    (void)systemctl({"reset-failed", "--", service->unit.toLatin1() + ".service"});
     return 1;
 }
 

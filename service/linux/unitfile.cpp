@@ -196,9 +196,7 @@ QByteArray unitText(const UnitSettings &settings)
     text += "RuntimeDirectory=" + unit + "\nRuntimeDirectoryMode=0700\n";
     text += Sandbox;
     if (isHiddenBySandbox(settings.binaryPath)) {
-        QString program = settings.binaryPath;
-        program.replace(u'\\', u"\\\\"_s).replace(u':', u"\\:"_s);
-        text += "ProtectHome=tmpfs\nBindReadOnlyPaths=" + quotedWord(program) + '\n';
+        text += "ProtectHome=tmpfs\nBindReadOnlyPaths=" + quotedWord(settings.binaryPath) + '\n';
     } else {
         text += "ProtectHome=yes\n";
     }

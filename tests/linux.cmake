@@ -1,0 +1,6 @@
+# SPDX-FileCopyrightText: 2026 The Quillmere developers
+# SPDX-License-Identifier: MIT
+
+# Tests that only Linux has.
+add_subdirectory(unit/linux)
+add_subdirectory(system/systemd)

@@ -1,0 +1,313 @@
+// SPDX-FileCopyrightText: 2026 The Quillmere developers
+// SPDX-License-Identifier: MIT
+
+#include "service/linux/dispatcher.h"
+
+#include "service/linux/controlclient.h"
+#include "service/linux/errors.h"
+#include "service/linux/startparameters.h"
+
+#include <QFile>
+#include <QSemaphore>
+#include <QTemporaryDir>
+#include <QTest>
+
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <array>
+#include <atomic>
+#include <csignal>
+#include <cstring>
+#include <thread>
+
+using namespace Qt::StringLiterals;
+using namespace Linux;
+
+namespace {
+
+// The end of the notification socket that systemd holds.
+class NotifySocket
+{
+public:
+    explicit NotifySocket(const QByteArray &path)
+        : descriptor(::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0))
+    {
+        sockaddr_un address{};
+        address.sun_family = AF_UNIX;
+        std::memcpy(address.sun_path, path.constData(), static_cast<size_t>(path.size()));
+        if (::bind(descriptor, reinterpret_cast<sockaddr *>(&address), sizeof(address)) != 0) {
+            qFatal("cannot bind %s", path.constData());
+        }
+    }
+    ~NotifySocket() { ::close(descriptor); }
+    Q_DISABLE_COPY_MOVE(NotifySocket)
+
+    // Waits for the next notification.
+    QByteArray next() const
+    {
+        std::array<char, 1024> buffer{};
+        const ssize_t count = ::recv(descriptor, buffer.data(), buffer.size(), 0);
+        return {buffer.data(), std::max<ssize_t>(count, 0)};
+    }
+
+private:
+    int descriptor;
+};
+
+// What the functions without a context parameter, which Windows' signatures ask for, work on.
+struct Scene
+{
+    QStringList parameters;
+    QList<Scm::Dword> controls;
+    std::atomic<Scm::Dword> accepted{Scm::AcceptStop};
+    bool registers = true;
+    Scm::Handle status = nullptr;
+    QSemaphore mayRun;
+    QSemaphore controlled;
+};
+Scene *scene = nullptr;
+
+bool report(Scm::Dword state)
+{
+    Scm::Status status{};
+    status.currentState = state;
+    status.controlsAccepted = scene->accepted;
+    return setServiceStatus(scene->status, &status) != 0;
+}
+
+void handleControl(Scm::Dword control)
+{
+    scene->controls.append(control);
+    if (control == Scm::ControlStop) {
+        report(Scm::StateStopPending);
+        report(Scm::StateStopped);
+    }
+    scene->controlled.release();
+}
+
+void serviceMain(Scm::Dword argc, Scm::Char **argv)
+{
+    for (Scm::Dword i = 0; i < argc; ++i) {
+        scene->parameters.append(QString::fromUtf16(argv[i]));
+    }
+    if (!scene->registers) {
+        return;
+    }
+    scene->status = registerServiceCtrlHandler(u"Quill Mere", handleControl);
+    report(Scm::StateStartPending);
+    scene->mayRun.acquire();
+    report(Scm::StateRunning);
+}
+
+} // namespace
+
+class TestDispatcher : public QObject
+{
+    Q_OBJECT
+
+private slots:
+    void init();
+    void cleanup();
+    void withoutSystemdItFails();
+    void aChildOfAServiceIsNoService();
+    void runsAServiceToItsEnd();
+    void handsStartParametersOver();
+    void carriesOutControls();
+    void refusesControls_data();
+    void refusesControls();
+    void refusesControlsWhileStarting();
+    void stopWaitsForTheStart();
+    void handlersNeedADispatcher();
+    void reportsEveryState();
+
+private:
+    void dispatch()
+    {
+        thread = std::thread([this] {
+            std::u16string name = u"Quill Mere";
+            const std::array<Scm::TableEntry, 2> table = {{{name.data(), serviceMain}, {nullptr, nullptr}}};
+            result = startServiceCtrlDispatcher(table.data());
+        });
+    }
+    void start()
+    {
+        dispatch();
+        QCOMPARE(notify->next(), QByteArray("STATUS=Starting"));
+        scene->mayRun.release();
+        QCOMPARE(notify->next(), QByteArray("STATUS=Running\nREADY=1"));
+    }
+    void stop()
+    {
+        ::kill(::getpid(), SIGTERM);
+        QCOMPARE(notify->next(), QByteArray("STATUS=Stopping\nSTOPPING=1"));
+        QCOMPARE(notify->next(), QByteArray("STATUS=Stopped\nSTOPPING=1"));
+        thread.join();
+        QCOMPARE(result, 1);
+    }
+    QByteArray socket() const { return QFile::encodeName(folder->path()) + ControlSocketName; }
+    ControlAnswer send(Scm::Dword control) const { return sendControl(socket(), control, 60000); }
+
+    std::unique_ptr<QTemporaryDir> folder;
+    std::unique_ptr<NotifySocket> notify;
+    std::unique_ptr<Scene> only;
+    std::thread thread;
+    Scm::Bool result = -1;
+};
+
+void TestDispatcher::init()
+{
+    folder = std::make_unique<QTemporaryDir>();
+    const QByteArray path = QFile::encodeName(folder->filePath(u"notify"_s));
+    notify = std::make_unique<NotifySocket>(path);
+    qputenv("NOTIFY_SOCKET", path);
+    qputenv("RUNTIME_DIRECTORY", QFile::encodeName(folder->path()));
+    only = std::make_unique<Scene>();
+    scene = only.get();
+    result = -1;
+}
+
+void TestDispatcher::cleanup()
+{
+    qunsetenv("NOTIFY_SOCKET");
+    qunsetenv("RUNTIME_DIRECTORY");
+    qunsetenv("SYSTEMD_EXEC_PID");
+}
+
+void TestDispatcher::withoutSystemdItFails()
+{
+    qunsetenv("NOTIFY_SOCKET");
+    dispatch();
+    thread.join();
+    QCOMPARE(result, 0);
+    QVERIFY(scene->parameters.isEmpty());
+    QVERIFY(!startServiceCtrlDispatcher(nullptr));
+    QCOMPARE(Linux::lastError(), Scm::Dword(Scm::ErrorFailedControllerConnect));
+}
+
+void TestDispatcher::aChildOfAServiceIsNoService()
+{
+    qputenv("SYSTEMD_EXEC_PID", "1");
+    QVERIFY(!startServiceCtrlDispatcher(nullptr));
+    QCOMPARE(Linux::lastError(), Scm::Dword(Scm::ErrorFailedControllerConnect));
+}
+
+void TestDispatcher::runsAServiceToItsEnd()
+{
+    qputenv("SYSTEMD_EXEC_PID", QByteArray::number(::getpid()));
+    start();
+    QVERIFY(QFile::exists(QFile::decodeName(socket())));
+    QCOMPARE(scene->parameters, QStringList{u"Quill Mere"_s});
+    stop();
+    QCOMPARE(scene->controls, QList<Scm::Dword>{Scm::ControlStop});
+    QVERIFY(!QFile::exists(QFile::decodeName(socket())));
+    QVERIFY(!report(Scm::StateRunning)); // nothing more to report
+}
+
+void TestDispatcher::handsStartParametersOver()
+{
+    QVERIFY(storeStartParameters(QFile::encodeName(folder->path()), {u"a b"_s, u"Größe"_s}));
+    start();
+    const QStringList expected = {u"Quill Mere"_s, u"a b"_s, u"Größe"_s};
+    QCOMPARE(scene->parameters, expected);
+    QVERIFY(!QFile::exists(folder->filePath(u"start-parameters"_s)));
+    stop();
+}
+
+void TestDispatcher::carriesOutControls()
+{
+    scene->accepted = Scm::AcceptStop | Scm::AcceptPauseContinue;
+    start();
+    for (const Scm::Dword control : {128u, 255u, 4u, 2u, 3u}) {
+        const ControlAnswer answer = send(control);
+        QCOMPARE(answer.error, 0u);
+        QCOMPARE(answer.state, Scm::Dword(Scm::StateRunning));
+        QCOMPARE(answer.controlsAccepted, 3u);
+        scene->controlled.acquire();
+        QCOMPARE(scene->controls.last(), control);
+    }
+    // The stop control is only asked for here; systemd brings it.
+    QCOMPARE(send(Scm::ControlStop).error, 0u);
+    QCOMPARE(scene->controls.size(), 5);
+    stop();
+}
+
+void TestDispatcher::refusesControls_data()
+{
+    QTest::addColumn<uint>("control");
+    QTest::addColumn<uint>("error");
+    QTest::newRow("stop") << 1u << uint(Scm::ErrorServiceNotAcceptingControl);
+    QTest::newRow("pause") << 2u << uint(Scm::ErrorServiceNotAcceptingControl);
+    QTest::newRow("continue") << 3u << uint(Scm::ErrorServiceNotAcceptingControl);
+    QTest::newRow("shutdown") << 5u << uint(ErrorInvalidParameter);
+    QTest::newRow("0") << 0u << uint(ErrorInvalidParameter);
+    QTest::newRow("127") << 127u << uint(ErrorInvalidParameter);
+    QTest::newRow("the start-up code") << 256u << uint(ErrorInvalidParameter);
+}
+
+void TestDispatcher::refusesControls()
+{
+    QFETCH(uint, control);
+    QFETCH(uint, error);
+    scene->accepted = 0;
+    start();
+    QCOMPARE(send(control).error, error);
+    QVERIFY(scene->controls.isEmpty());
+    stop(); // a SIGTERM is not to be refused: a kill would follow
+}
+
+void TestDispatcher::refusesControlsWhileStarting()
+{
+    dispatch();
+    QCOMPARE(notify->next(), QByteArray("STATUS=Starting"));
+    QCOMPARE(send(200).error, Scm::Dword(ErrorCannotAcceptControl));
+    QCOMPARE(send(Scm::ControlStop).error, Scm::Dword(ErrorCannotAcceptControl));
+    scene->mayRun.release();
+    QCOMPARE(notify->next(), QByteArray("STATUS=Running\nREADY=1"));
+    QVERIFY(scene->controls.isEmpty());
+    stop();
+}
+
+void TestDispatcher::stopWaitsForTheStart()
+{
+    dispatch();
+    QCOMPARE(notify->next(), QByteArray("STATUS=Starting"));
+    ::kill(::getpid(), SIGTERM);
+    QCOMPARE(send(200).error, Scm::Dword(ErrorCannotAcceptControl)); // the dispatcher has turned since
+    QVERIFY(scene->controls.isEmpty());
+    scene->mayRun.release();
+    QCOMPARE(notify->next(), QByteArray("STATUS=Running\nREADY=1"));
+    QCOMPARE(notify->next(), QByteArray("STATUS=Stopping\nSTOPPING=1"));
+    QCOMPARE(notify->next(), QByteArray("STATUS=Stopped\nSTOPPING=1"));
+    thread.join();
+    QCOMPARE(scene->controls, QList<Scm::Dword>{Scm::ControlStop});
+}
+
+void TestDispatcher::handlersNeedADispatcher()
+{
+    QVERIFY(!registerServiceCtrlHandler(u"Quill Mere", handleControl));
+    QCOMPARE(Linux::lastError(), Scm::Dword(ErrorNotInExecutable));
+    Scm::Status status{};
+    QVERIFY(!setServiceStatus(nullptr, &status));
+    QCOMPARE(Linux::lastError(), Scm::Dword(ErrorInvalidHandle));
+    QVERIFY(!startServiceCtrlDispatcher(nullptr));
+    QCOMPARE(Linux::lastError(), Scm::Dword(ErrorInvalidParameter));
+}
+
+void TestDispatcher::reportsEveryState()
+{
+    start();
+    const QByteArrayList expected = {"STATUS=Pausing", "STATUS=Paused", "STATUS=Resuming",
+                                     "STATUS=Running\nREADY=1"};
+    int row = 0;
+    for (const Scm::Dword state :
+         {Scm::StatePausePending, Scm::StatePaused, Scm::StateContinuePending, Scm::StateRunning}) {
+        QVERIFY(report(state));
+        QCOMPARE(notify->next(), expected[row++]);
+    }
+    stop();
+}
+
+QTEST_GUILESS_MAIN(TestDispatcher)
+#include "tst_dispatcher.moc"

@@ -1,0 +1,183 @@
+// SPDX-FileCopyrightText: 2026 The Quillmere developers
+// SPDX-License-Identifier: MIT
+
+#include "service/linux/eventsink.h"
+
+#include "service/linux/eventlog.h"
+
+#include <QDir>
+#include <QFile>
+#include <QJsonDocument>
+#include <QJsonObject>
+#include <QTemporaryDir>
+#include <QTest>
+
+#include <sys/stat.h>
+
+#include <thread>
+#include <vector>
+
+using namespace Qt::StringLiterals;
+using namespace Linux;
+
+class TestEventSink : public QObject
+{
+    Q_OBJECT
+
+private slots:
+    void writesTheLineToTheLetter_data();
+    void writesTheLineToTheLetter();
+    void appendsToTheFile();
+    void functionsFillTheRecord();
+    void writersDoNotMixTheirLines();
+    void unwritableSinkLosesTheRecord_data();
+    void unwritableSinkLosesTheRecord();
+
+private:
+    static EventRecord record(const QString &message)
+    {
+        EventRecord result;
+        result.time = QDateTime::fromString(u"2026-11-21T10:00:00.123Z"_s, Qt::ISODateWithMs);
+        result.source = u"Quill Mere"_s;
+        result.type = Scm::EventWarning;
+        result.id = 0xC0000001;
+        result.message = message;
+        return result;
+    }
+    static QByteArray content(const QString &path)
+    {
+        QFile file(path);
+        return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
+    }
+};
+
+void TestEventSink::writesTheLineToTheLetter_data()
+{
+    QTest::addColumn<QString>("message");
+    QTest::addColumn<int>("type");
+    QTest::addColumn<QByteArray>("data");
+    QTest::addColumn<QByteArray>("middle");
+    const auto row = [](const char *name, const QString &message, int type, const QByteArray &data,
+                        const QByteArray &middle) {
+        QTest::newRow(name) << message << type << data << middle;
+    };
+    row("warning", u"text"_s, 2, {}, R"("type":"warning","id":3221225473,"category":0,"message":"text")");
+    row("success", u"text"_s, 0, {}, R"("type":"success","id":3221225473,"category":0,"message":"text")");
+    row("error", u"text"_s, 1, {}, R"("type":"error","id":3221225473,"category":0,"message":"text")");
+    row("information", u"text"_s, 4, {},
+        R"("type":"information","id":3221225473,"category":0,"message":"text")");
+    row("data", u"text"_s, 2, QByteArray("\0\xff\n", 3),
+        R"("type":"warning","id":3221225473,"category":0,"message":"text","data":"AP8K")");
+    row("empty", QString(), 2, {}, R"("type":"warning","id":3221225473,"category":0,"message":"")");
+    row("control characters", u"a\n\r\t\"\\\u0001\u001f"_s + QChar(0), 2, {},
+        R"("type":"warning","id":3221225473,"category":0,"message":"a\n\r\t\"\\\u0001\u001f\u0000")");
+    row("non-ASCII", u"Größe\U0001F4FB"_s, 2, {},
+        "\"type\":\"warning\",\"id\":3221225473,\"category\":0,\"message\":\"Gr\xc3\xb6\xc3\x9f"
+        "e\xf0\x9f\x93\xbb\"");
+}
+
+void TestEventSink::writesTheLineToTheLetter()
+{
+    QFETCH(QString, message);
+    QFETCH(int, type);
+    QFETCH(QByteArray, data);
+    QFETCH(QByteArray, middle);
+    EventRecord warning = record(message);
+    warning.type = static_cast<Scm::Word>(type);
+    warning.data = data;
+    QCOMPARE(jsonLine(warning),
+             "{\"time\":\"2026-11-21T10:00:00.123Z\",\"source\":\"Quill Mere\"," + middle + "}\n");
+}
+
+void TestEventSink::appendsToTheFile()
+{
+    const QTemporaryDir folder;
+    const QString path = folder.filePath(u"Größe/../log"_s);
+    QVERIFY(QDir(folder.path()).mkdir(u"Größe"_s));
+    qputenv("QUILLMERE_EVENTLOG", QFile::encodeName(path));
+    QVERIFY(writeEvent(record(u"one"_s)));
+    QCOMPARE(content(path), jsonLine(record(u"one"_s)));
+    QVERIFY(writeEvent(record(u"two"_s)));
+    QCOMPARE(content(path), jsonLine(record(u"one"_s)) + jsonLine(record(u"two"_s)));
+    QVERIFY(!(QFile::permissions(path) & (QFileDevice::ReadOther | QFileDevice::WriteOther)));
+    qunsetenv("QUILLMERE_EVENTLOG");
+}
+
+void TestEventSink::functionsFillTheRecord()
+{
+    const QTemporaryDir folder;
+    const QString path = folder.filePath(u"log"_s);
+    qputenv("QUILLMERE_EVENTLOG", QFile::encodeName(path));
+    Scm::Handle log = registerEventSource(nullptr, u"Some Source");
+    QVERIFY(log);
+    const Scm::Char *strings[] = {u"message"};
+    char data[] = {1, 2, 3};
+    QCOMPARE(reportEvent(log, Scm::EventError, 0x2345, 0xC0000001, nullptr, 1, 3, strings, data), 1);
+    QCOMPARE(reportEvent(log, Scm::EventSuccess, 0, 0, nullptr, 0, 0, nullptr, nullptr), 1);
+    QCOMPARE(deregisterEventSource(log), 1);
+    QVERIFY(!reportEvent(nullptr, 0, 0, 0, nullptr, 1, 0, strings, nullptr));
+    QVERIFY(!deregisterEventSource(nullptr));
+    const QList<QByteArray> lines = content(path).split('\n');
+    QCOMPARE(lines.size(), 3);
+    const QJsonObject first = QJsonDocument::fromJson(lines[0]).object();
+    QVERIFY(QDateTime::fromString(first[u"time"].toString(), Qt::ISODateWithMs).isValid());
+    QVERIFY(first[u"time"].toString().endsWith(u'Z'));
+    QVERIFY(lines[0].endsWith(R"(Z","source":"Some Source","type":"error","id":3221225473,"category":9029,)"
+                              R"("message":"message","data":"AQID"})"));
+    QVERIFY(
+        lines[1].endsWith(R"(Z","source":"Some Source","type":"success","id":0,"category":0,"message":""})"));
+    qunsetenv("QUILLMERE_EVENTLOG");
+}
+
+void TestEventSink::writersDoNotMixTheirLines()
+{
+    constexpr int Writers = 8;
+    constexpr int Records = 200;
+    const QTemporaryDir folder;
+    const QString path = folder.filePath(u"log"_s);
+    qputenv("QUILLMERE_EVENTLOG", QFile::encodeName(path));
+    std::vector<std::thread> writers;
+    for (int writer = 0; writer < Writers; ++writer) {
+        writers.emplace_back([writer] {
+            for (int i = 0; i < Records; ++i) {
+                writeEvent(record(QString(5000, QChar(u'a' + writer))));
+            }
+        });
+    }
+    for (std::thread &writer : writers) {
+        writer.join();
+    }
+    qunsetenv("QUILLMERE_EVENTLOG");
+    QByteArrayList lines = content(path).split('\n');
+    QCOMPARE(lines.takeLast(), QByteArray());
+    QCOMPARE(lines.size(), Writers * Records);
+    for (const QByteArray &line : lines) {
+        const QString message = QJsonDocument::fromJson(line).object()[u"message"].toString();
+        QCOMPARE(message, QString(5000, message.isEmpty() ? QChar(u'?') : message[0]));
+    }
+}
+
+void TestEventSink::unwritableSinkLosesTheRecord_data()
+{
+    QTest::addColumn<QString>("path");
+    QTest::newRow("no folder") << u"/nowhere/at/all/log"_s;
+    QTest::newRow("a folder") << u"/"_s;
+    QTest::newRow("full") << u"/dev/full"_s;
+    QTest::newRow("pipe that nobody reads") << u"pipe"_s;
+}
+
+void TestEventSink::unwritableSinkLosesTheRecord()
+{
+    QFETCH(QString, path);
+    const QTemporaryDir folder;
+    const QString sink = path == u"pipe" ? folder.filePath(path) : path;
+    if (path == u"pipe") {
+        QCOMPARE(::mkfifo(QFile::encodeName(sink).constData(), 0600), 0);
+    }
+    qputenv("QUILLMERE_EVENTLOG", QFile::encodeName(sink));
+    QVERIFY(!writeEvent(record(u"text"_s)));
+    qunsetenv("QUILLMERE_EVENTLOG");
+}
+
+QTEST_GUILESS_MAIN(TestEventSink)
+#include "tst_eventsink.moc"

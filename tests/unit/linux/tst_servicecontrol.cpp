@@ -1,0 +1,318 @@
+// SPDX-FileCopyrightText: 2026 The Quillmere developers
+// SPDX-License-Identifier: MIT
+
+#include "service/linux/servicecontrol.h"
+
+#include "service/linux/controlprotocol.h"
+#include "service/linux/controlsocket.h"
+#include "service/linux/errors.h"
+#include "service/linux/servicehandle.h"
+#include "service/linux/startparameters.h"
+#include "service/linux/systemctl.h"
+#include "tests/unit/linux/fakesystemd.h"
+
+#include <QDir>
+#include <QTest>
+
+#include <atomic>
+#include <memory>
+#include <thread>
+
+using namespace Qt::StringLiterals;
+using namespace Linux;
+
+namespace {
+
+// A service that listens on the control socket and answers every control as it is told.
+class ListeningService
+{
+public:
+    ListeningService(const QString &runtimeFolder, const ControlAnswer &given) : answer(given)
+    {
+        QDir(runtimeFolder).mkpath(u"quill-mere"_s);
+        socket = std::make_unique<ControlSocket>(QFile::encodeName(runtimeFolder + u"/quill-mere") +
+                                                 ControlSocketName);
+        thread = std::thread([this] {
+            while (!isEnding) {
+                std::vector<pollfd> descriptors;
+                socket->appendTo(descriptors);
+                ::poll(descriptors.data(), descriptors.size(), 20);
+                socket->serve([this](Scm::Dword control) {
+                    received = control;
+                    return answer;
+                });
+            }
+        });
+    }
+    ~ListeningService()
+    {
+        isEnding = true;
+        thread.join();
+    }
+    Q_DISABLE_COPY_MOVE(ListeningService)
+
+    std::atomic<Scm::Dword> received{0};
+
+private:
+    ControlAnswer answer;
+    std::unique_ptr<ControlSocket> socket;
+    std::atomic<bool> isEnding{false};
+    std::thread thread;
+};
+
+} // namespace
+
+class TestServiceControl : public QObject
+{
+    Q_OBJECT
+
+private slots:
+    void init();
+    void cleanup();
+    void tellsTheStatus();
+    void statusOfADeletedService();
+    void startsAndWaitsForTheReport();
+    void startHandsParametersOver();
+    void startRefuses_data();
+    void startRefuses();
+    void startThatSystemdRefusesLeavesNoParameters();
+    void startThatFailsAtOnceIsStopped();
+    void startThatEndedAlreadyHasBegun();
+    void startThatNeverReportsTimesOut();
+    void sendsControls_data();
+    void sendsControls();
+    void refusesWhatCannotBeSent_data();
+    void refusesWhatCannotBeSent();
+    void refusedControlTellsWhy();
+    void controlOfAServiceThatDoesNotRun();
+    void controlOfAServiceThatDoesNotListen();
+    void stopsThroughSystemd();
+    void stopAsksTheServiceFirst();
+    void stopWithoutRights();
+
+private:
+    std::unique_ptr<FakeSystemd> systemd;
+    ServiceHandle handle{u"quill-mere"_s};
+    Scm::Status status{};
+};
+
+void TestServiceControl::init()
+{
+    systemd = std::make_unique<FakeSystemd>();
+    status = {};
+}
+
+void TestServiceControl::cleanup()
+{
+    systemd.reset();
+}
+
+void TestServiceControl::tellsTheStatus()
+{
+    systemd->shows(Shown::Running);
+    QCOMPARE(queryServiceStatus(&handle, &status), 1);
+    QCOMPARE(status.currentState, Scm::Dword(Scm::StateRunning));
+    QCOMPARE(status.serviceType, Scm::Dword(Scm::OwnProcess));
+    QCOMPARE(status.win32ExitCode, 0u);
+    systemd->shows(Shown::Stopped + "ExecMainStatus=252\n");
+    QCOMPARE(queryServiceStatus(&handle, &status), 1);
+    QCOMPARE(status.currentState, Scm::Dword(Scm::StateStopped));
+    QCOMPARE(status.win32ExitCode, 252u);
+    systemd->setExitCode("show", 1);
+    QVERIFY(!queryServiceStatus(&handle, &status));
+    QCOMPARE(Linux::lastError(), Scm::Dword(ErrorManagerUnavailable));
+}
+
+void TestServiceControl::statusOfADeletedService()
+{
+    systemd->shows("LoadState=not-found\nActiveState=active\n");
+    QCOMPARE(queryServiceStatus(&handle, &status), 1);
+    systemd->shows(Shown::Absent);
+    QVERIFY(!queryServiceStatus(&handle, &status));
+    QCOMPARE(Linux::lastError(), Scm::Dword(Scm::ErrorServiceDoesNotExist));
+}
+
+void TestServiceControl::startsAndWaitsForTheReport()
+{
+    systemd->shows(Shown::Stopped);
+    systemd->thenShows(Shown::Starting);
+    QCOMPARE(startService(&handle, 0, nullptr), 1);
+    QCOMPARE(systemd->calls(), QByteArrayList{"start --no-block --no-ask-password -- quill-mere.service"});
+    QVERIFY(QDir(systemd->runtimeFolder()).isEmpty());
+}
+
+void TestServiceControl::startHandsParametersOver()
+{
+    systemd->shows(Shown::Stopped);
+    systemd->thenShows(Shown::Running);
+    const std::array<const Scm::Char *, 4> parameters = {u"first one", u"", u"Größe\n", u"-x"};
+    QCOMPARE(startService(&handle, 4, const_cast<const Scm::Char **>(parameters.data())), 1);
+    const QByteArray folder = QFile::encodeName(systemd->runtimeFolder() + u"/quill-mere");
+    QCOMPARE(QFile::permissions(QFile::decodeName(folder + "/start-parameters")) & 0x0077,
+             QFileDevice::Permissions());
+    const QStringList expected = {u"first one"_s, QString(), u"Größe\n"_s, u"-x"_s};
+    QCOMPARE(takeStartParameters(folder), expected);
+    QCOMPARE(takeStartParameters(folder), QStringList());
+    QCOMPARE(takeStartParameters("/nowhere"), QStringList());
+}
+
+void TestServiceControl::startRefuses_data()
+{
+    QTest::addColumn<QByteArray>("shown");
+    QTest::addColumn<uint>("error");
+    QTest::newRow("running") << Shown::Running << uint(Scm::ErrorServiceAlreadyRunning);
+    QTest::newRow("starting") << Shown::Starting << uint(Scm::ErrorServiceAlreadyRunning);
+    QTest::newRow("stopping") << QByteArray("LoadState=loaded\nActiveState=deactivating\n")
+                              << uint(Scm::ErrorServiceAlreadyRunning);
+    QTest::newRow("masked") << QByteArray("LoadState=masked\nActiveState=inactive\n")
+                            << uint(ErrorServiceDisabled);
+    QTest::newRow("absent") << Shown::Absent << uint(Scm::ErrorServiceDoesNotExist);
+}
+
+void TestServiceControl::startRefuses()
+{
+    QFETCH(QByteArray, shown);
+    QFETCH(uint, error);
+    systemd->shows(shown);
+    QVERIFY(!startService(&handle, 0, nullptr));
+    QCOMPARE(Linux::lastError(), error);
+    QVERIFY(systemd->calls().isEmpty());
+}
+
+void TestServiceControl::startThatSystemdRefusesLeavesNoParameters()
+{
+    systemd->shows(Shown::Stopped);
+    systemd->setExitCode("start", 1);
+    const Scm::Char *parameter = u"x";
+    QVERIFY(!startService(&handle, 1, &parameter));
+    QVERIFY(Linux::lastError() == ErrorManagerUnavailable || Linux::lastError() == Scm::ErrorAccessDenied);
+    QVERIFY(QDir(systemd->runtimeFolder()).isEmpty());
+}
+
+void TestServiceControl::startThatFailsAtOnceIsStopped()
+{
+    systemd->shows(Shown::Stopped);
+    systemd->thenShows("LoadState=loaded\nActiveState=activating\nSubState=auto-restart\nInvocationID=2\n");
+    QVERIFY(!startService(&handle, 0, nullptr));
+    QCOMPARE(Linux::lastError(), Scm::Dword(ErrorProcessAborted));
+    QCOMPARE(systemd->calls().last(), QByteArray("stop --no-block --no-ask-password -- quill-mere.service"));
+}
+
+void TestServiceControl::startThatEndedAlreadyHasBegun()
+{
+    systemd->shows(Shown::Stopped);
+    systemd->thenShows("LoadState=loaded\nActiveState=inactive\nInvocationID=2\nExecMainStatus=0\n");
+    QCOMPARE(startService(&handle, 0, nullptr), 1);
+}
+
+void TestServiceControl::startThatNeverReportsTimesOut()
+{
+    systemd->shows(Shown::Stopped);
+    systemd->thenShows("LoadState=loaded\nActiveState=activating\nSubState=start\nInvocationID=2\n");
+    places().timeoutMilliseconds = 500;
+    QVERIFY(!startService(&handle, 0, nullptr));
+    QCOMPARE(Linux::lastError(), Scm::Dword(ErrorRequestTimeout));
+}
+
+void TestServiceControl::sendsControls_data()
+{
+    QTest::addColumn<uint>("control");
+    for (const uint control : {2u, 3u, 4u, 128u, 200u, 255u}) {
+        QTest::addRow("%u", control) << control;
+    }
+}
+
+void TestServiceControl::sendsControls()
+{
+    QFETCH(uint, control);
+    systemd->shows(Shown::Running);
+    ListeningService service(systemd->runtimeFolder(), {0, Scm::StatePaused, 3, 7});
+    QCOMPARE(controlService(&handle, control, &status), 1);
+    QCOMPARE(service.received.load(), control);
+    QCOMPARE(status.currentState, Scm::Dword(Scm::StatePaused));
+    QCOMPARE(status.controlsAccepted, 3u);
+    QCOMPARE(status.win32ExitCode, 7u);
+    QVERIFY(systemd->calls().isEmpty());
+}
+
+void TestServiceControl::refusesWhatCannotBeSent_data()
+{
+    QTest::addColumn<uint>("control");
+    for (const uint control : {0u, 5u, 6u, 127u, 256u, 0xFFFFFFFFu}) {
+        QTest::addRow("%u", control) << control;
+    }
+}
+
+void TestServiceControl::refusesWhatCannotBeSent()
+{
+    QFETCH(uint, control);
+    systemd->shows(Shown::Running);
+    ListeningService service(systemd->runtimeFolder(), {});
+    QVERIFY(!controlService(&handle, control, &status));
+    QCOMPARE(Linux::lastError(), Scm::Dword(ErrorInvalidParameter));
+    QCOMPARE(service.received.load(), 0u);
+}
+
+void TestServiceControl::refusedControlTellsWhy()
+{
+    systemd->shows(Shown::Running);
+    ListeningService service(systemd->runtimeFolder(), {Scm::ErrorServiceNotAcceptingControl, 4, 1, 0});
+    QVERIFY(!controlService(&handle, Scm::ControlPause, &status));
+    QCOMPARE(Linux::lastError(), Scm::Dword(Scm::ErrorServiceNotAcceptingControl));
+}
+
+void TestServiceControl::controlOfAServiceThatDoesNotRun()
+{
+    for (const Scm::Dword control : {1u, 2u, 3u, 4u, 200u}) {
+        systemd->shows(Shown::Stopped);
+        QVERIFY(!controlService(&handle, control, &status));
+        QCOMPARE(Linux::lastError(), Scm::Dword(Scm::ErrorServiceNotActive));
+        systemd->shows(Shown::Absent);
+        QVERIFY(!controlService(&handle, control, &status));
+        QCOMPARE(Linux::lastError(), Scm::Dword(Scm::ErrorServiceDoesNotExist));
+    }
+    QVERIFY(!controlService(nullptr, 200, &status));
+    QCOMPARE(Linux::lastError(), Scm::Dword(ErrorInvalidHandle));
+}
+
+void TestServiceControl::controlOfAServiceThatDoesNotListen()
+{
+    systemd->shows(Shown::Running);
+    QVERIFY(!controlService(&handle, 200, &status));
+    QCOMPARE(Linux::lastError(), Scm::Dword(Scm::ErrorServiceNotActive));
+    QCOMPARE(controlService(&handle, Scm::ControlStop, &status), 1); // it can be stopped nevertheless
+    QCOMPARE(systemd->calls(), QByteArrayList{"stop --no-block --no-ask-password -- quill-mere.service"});
+}
+
+void TestServiceControl::stopsThroughSystemd()
+{
+    systemd->shows(Shown::Running);
+    ListeningService service(systemd->runtimeFolder(), {0, Scm::StateRunning, 1, 0});
+    QCOMPARE(controlService(&handle, Scm::ControlStop, &status), 1);
+    QCOMPARE(service.received.load(), 1u);
+    QCOMPARE(status.currentState, Scm::Dword(Scm::StateStopPending)); // though systemd still shows it running
+    QCOMPARE(systemd->calls(), QByteArrayList{"stop --no-block --no-ask-password -- quill-mere.service"});
+    systemd->thenShows(Shown::Stopped);
+    QCOMPARE(controlService(&handle, Scm::ControlStop, &status), 1);
+    QCOMPARE(status.currentState, Scm::Dword(Scm::StateStopped));
+}
+
+void TestServiceControl::stopAsksTheServiceFirst()
+{
+    systemd->shows(Shown::Running);
+    ListeningService service(systemd->runtimeFolder(), {Scm::ErrorServiceNotAcceptingControl, 4, 0, 0});
+    QVERIFY(!controlService(&handle, Scm::ControlStop, &status));
+    QCOMPARE(Linux::lastError(), Scm::Dword(Scm::ErrorServiceNotAcceptingControl));
+    QVERIFY(systemd->calls().isEmpty());
+}
+
+void TestServiceControl::stopWithoutRights()
+{
+    systemd->shows(Shown::Running);
+    systemd->setExitCode("stop", 1);
+    QVERIFY(!controlService(&handle, Scm::ControlStop, &status));
+    QVERIFY(Linux::lastError() == ErrorManagerUnavailable || Linux::lastError() == Scm::ErrorAccessDenied);
+}
+
+QTEST_GUILESS_MAIN(TestServiceControl)
+#include "tst_servicecontrol.moc"

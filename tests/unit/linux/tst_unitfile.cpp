@@ -1,0 +1,205 @@
+// SPDX-FileCopyrightText: 2026 The Quillmere developers
+// SPDX-License-Identifier: MIT
+
+#include "service/linux/unitfile.h"
+
+#include <QTest>
+
+using namespace Qt::StringLiterals;
+using namespace Linux;
+
+class TestUnitFile : public QObject
+{
+    Q_OBJECT
+
+private slots:
+    void namesTheUnit_data();
+    void namesTheUnit();
+    void wordsSurviveQuoting_data();
+    void wordsSurviveQuoting();
+    void writesTheCommandLine_data();
+    void writesTheCommandLine();
+    void writesTheDescription_data();
+    void writesTheDescription();
+    void letsAHiddenProgramIn();
+    void runsUnderTheAccount();
+    void keepsTheDataFolderWhereTheServerLooks();
+    void readsBackWhatItWrote();
+    void readsNothingFromAForeignUnit();
+    void changesOnlyTheDescription();
+};
+
+namespace {
+
+UnitSettings settingsFor(const QString &path)
+{
+    return {u"Quill Mere"_s, u"Quill Mere"_s, u"text"_s, path, QString(), 0x110};
+}
+
+bool hasLine(const QByteArray &text, const QByteArray &line)
+{
+    return text.split('\n').contains(line);
+}
+
+} // namespace
+
+void TestUnitFile::namesTheUnit_data()
+{
+    QTest::addColumn<QString>("service");
+    QTest::addColumn<QString>("unit");
+    QTest::newRow("the server") << u"Quill Mere"_s << u"quill-mere"_s;
+    QTest::newRow("run of others") << u"A  _.B9"_s << u"a-b9"_s;
+    QTest::newRow("never like an option") << u"--now"_s << u"now"_s;
+    QTest::newRow("nothing at the end") << u"Server!"_s << u"server"_s;
+    QTest::newRow("other letters") << u"Zürich"_s << u"z-rich"_s;
+    QTest::newRow("path") << u"../../etc/passwd"_s << u"etc-passwd"_s;
+    QTest::newRow("nothing left") << u" /%\u00e4"_s << QString();
+    QTest::newRow("longest") << QString(247, u'a') << QString(247, u'a');
+    QTest::newRow("too long for a file") << QString(248, u'a') << QString();
+}
+
+void TestUnitFile::namesTheUnit()
+{
+    QFETCH(QString, service);
+    QFETCH(QString, unit);
+    QCOMPARE(unitName(service), unit);
+}
+
+void TestUnitFile::wordsSurviveQuoting_data()
+{
+    QTest::addColumn<QString>("text");
+    QTest::addColumn<QByteArray>("word");
+    QTest::newRow("plain") << u"/usr/bin/x"_s << QByteArray("\"/usr/bin/x\"");
+    QTest::newRow("blank") << u"a b"_s << QByteArray("\"a b\"");
+    QTest::newRow("quotes") << u"a\"b'c"_s << QByteArray("\"a\\\"b'c\"");
+    QTest::newRow("backslash") << u"a\\x41"_s << QByteArray("\"a\\\\x41\"");
+    QTest::newRow("specifier") << u"%n 50%"_s << QByteArray("\"%%n 50%%\"");
+    QTest::newRow("line feed") << u"a\nExecStart=b"_s << QByteArray("\"a\\x0aExecStart=b\"");
+    QTest::newRow("non-ASCII") << u"Größe\U0001F4FB"_s
+                               << QByteArray("\"Gr\xc3\xb6\xc3\x9f"
+                                             "e\xf0\x9f\x93\xbb\"");
+    QTest::newRow("empty") << u""_s << QByteArray("\"\"");
+}
+
+void TestUnitFile::wordsSurviveQuoting()
+{
+    QFETCH(QString, text);
+    QFETCH(QByteArray, word);
+    QCOMPARE(quotedWord(text), word);
+    QCOMPARE(unquotedWord(word), text);
+}
+
+void TestUnitFile::writesTheCommandLine_data()
+{
+    QTest::addColumn<QString>("path");
+    QTest::addColumn<QByteArray>("line");
+    QTest::newRow("plain") << u"/usr/bin/quillmere"_s << QByteArray("ExecStart=:\"/usr/bin/quillmere\"");
+    QTest::newRow("blank, percent, dollar")
+        << u"/opt/a b/50%/$HOME"_s << QByteArray("ExecStart=:\"/opt/a b/50%%/$HOME\"");
+    // systemd takes these in arguments only.
+    QTest::newRow("quote") << u"/opt/\"a\""_s
+                           << QByteArray("ExecStart=:/bin/sh -c \"exec \\\"$0\\\"\" \"/opt/\\\"a\\\"\"");
+    QTest::newRow("apostrophe") << u"/opt/a'"_s
+                                << QByteArray("ExecStart=:/bin/sh -c \"exec \\\"$0\\\"\" \"/opt/a'\"");
+    QTest::newRow("backslash") << u"/opt/a\\"_s
+                               << QByteArray("ExecStart=:/bin/sh -c \"exec \\\"$0\\\"\" \"/opt/a\\\\\"");
+    QTest::newRow("line feed") << u"/opt/a\nUser=b"_s
+                               << QByteArray(
+                                      "ExecStart=:/bin/sh -c \"exec \\\"$0\\\"\" \"/opt/a\\x0aUser=b\"");
+}
+
+void TestUnitFile::writesTheCommandLine()
+{
+    QFETCH(QString, path);
+    QFETCH(QByteArray, line);
+    const QByteArray text = unitText(settingsFor(path));
+    QVERIFY2(hasLine(text, line), text);
+    QCOMPARE(unitSettings(text).binaryPath, path);
+}
+
+void TestUnitFile::writesTheDescription_data()
+{
+    QTest::addColumn<QString>("description");
+    QTest::addColumn<QByteArray>("line");
+    QTest::newRow("plain") << u"A server"_s << QByteArray("Description=A server");
+    QTest::newRow("specifier") << u"100 % %n"_s << QByteArray("Description=100 %% %%n");
+    QTest::newRow("lines") << u"a\nExecStart=/bin/false\r"_s
+                           << QByteArray("Description=a ExecStart=/bin/false ");
+    QTest::newRow("joins no next line") << u"a\\"_s << QByteArray("Description=a\\ ");
+    QTest::newRow("non-ASCII") << u"Größe"_s
+                               << QByteArray("Description=Gr\xc3\xb6\xc3\x9f"
+                                             "e");
+}
+
+void TestUnitFile::writesTheDescription()
+{
+    QFETCH(QString, description);
+    QFETCH(QByteArray, line);
+    UnitSettings settings = settingsFor(u"/usr/bin/quillmere"_s);
+    settings.description = description;
+    QVERIFY(hasLine(unitText(settings), line));
+}
+
+void TestUnitFile::letsAHiddenProgramIn()
+{
+    const QByteArray hidden = unitText(settingsFor(u"/home/me/a:b/quillmere"_s));
+    QVERIFY(hasLine(hidden, "ProtectHome=tmpfs"));
+    QVERIFY(hasLine(hidden, "BindReadOnlyPaths=\"/home/me/a:b/quillmere\""));
+    const QByteArray installed = unitText(settingsFor(u"/usr/bin/quillmere"_s));
+    QVERIFY(hasLine(installed, "ProtectHome=yes"));
+    QVERIFY(!installed.contains("BindReadOnlyPaths"));
+}
+
+void TestUnitFile::runsUnderTheAccount()
+{
+    UnitSettings settings = settingsFor(u"/usr/bin/quillmere"_s);
+    QVERIFY(!unitText(settings).contains("User="));
+    settings.account = u"radio"_s;
+    QVERIFY(hasLine(unitText(settings), "User=radio"));
+}
+
+void TestUnitFile::keepsTheDataFolderWhereTheServerLooks()
+{
+    const QByteArray text = unitText(settingsFor(u"/usr/bin/quillmere"_s));
+    QVERIFY(hasLine(text, "StateDirectory=\"Brackwater/Quill Mere\""));
+    QVERIFY(hasLine(text, "Environment=QUILLMERE_APPDATA=/var/lib LC_ALL=C.UTF-8"));
+    QVERIFY(hasLine(text, "RuntimeDirectory=quill-mere"));
+    for (const char *line :
+         {"Type=notify", "NotifyAccess=main", "Restart=on-failure", "TimeoutStartSec=infinity",
+          "NoNewPrivileges=yes", "CapabilityBoundingSet=", "ProtectSystem=strict", "PrivateTmp=yes",
+          "PrivateDevices=yes", "MemoryDenyWriteExecute=yes",
+          "RestrictAddressFamilies=AF_INET AF_INET6 AF_UNIX", "SystemCallFilter=@system-service"}) {
+        QVERIFY2(hasLine(text, line), line);
+    }
+}
+
+void TestUnitFile::readsBackWhatItWrote()
+{
+    const UnitSettings settings = {u"Quill \"Mere\""_s,          u"Quill %n\\"_s, u"100 %"_s,
+                                   u"/opt/Größe $x/quillmere"_s, u"radio"_s,      0x10};
+    const UnitSettings read = unitSettings(unitText(settings));
+    QCOMPARE(read.name, settings.name);
+    QCOMPARE(read.displayName, settings.displayName);
+    QCOMPARE(read.description, settings.description);
+    QCOMPARE(read.binaryPath, settings.binaryPath);
+    QCOMPARE(read.account, settings.account);
+    QCOMPARE(read.serviceType, settings.serviceType);
+}
+
+void TestUnitFile::readsNothingFromAForeignUnit()
+{
+    const UnitSettings read = unitSettings("[Unit]\nDescription=Other\n[Service]\nExecStart=/bin/true\n");
+    QCOMPARE(read.description, u"Other"_s);
+    QCOMPARE(read.binaryPath, QString());
+    QCOMPARE(read.serviceType, 0u);
+}
+
+void TestUnitFile::changesOnlyTheDescription()
+{
+    const QByteArray before = "# mine\n[Unit]\nDescription=old\nAfter=x\n\n[Service]\nNice=5\n";
+    QCOMPARE(withDescription(before, u"new %"_s),
+             QByteArray("# mine\n[Unit]\nDescription=new %%\nAfter=x\n\n[Service]\nNice=5\n"));
+}
+
+QTEST_GUILESS_MAIN(TestUnitFile)
+#include "tst_unitfile.moc"
