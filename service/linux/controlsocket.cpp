@@ -136,7 +136,7 @@ bool ControlSocket::admits(int descriptor) const
 bool ControlSocket::isFinished(Connection &connection, const Handler &handler) const
 {
     std::array<char, MaximumRequest> buffer{};
-    const size_t room = static_cast<size_t>(MaximumRequest - connection.received.size());
+    const auto room = static_cast<size_t>(MaximumRequest - connection.received.size());
     const ssize_t count = ::recv(connection.descriptor, buffer.data(), room, 0);
     if (count < 0) {
         return errno != EAGAIN && errno != EINTR;

@@ -147,6 +147,7 @@ ControlAnswer carryOut(Scm::Dword control)
 void runServiceMain(Scm::ServiceMain main, std::vector<std::u16string> parameters)
 {
     std::vector<Scm::Char *> argv;
+    argv.reserve(parameters.size() + 1);
     for (std::u16string &parameter : parameters) {
         argv.push_back(parameter.data());
     }
@@ -173,8 +174,8 @@ std::thread startServiceMain(const Scm::TableEntry &entry, const QByteArray &run
 // A service that can no longer be told to stop ends as any process does.
 void endByDefault()
 {
-    ::signal(SIGTERM, SIG_DFL);
-    ::raise(SIGTERM);
+    (void)::signal(SIGTERM, SIG_DFL);
+    (void)::raise(SIGTERM);
 }
 
 void dispatch(ControlSocket &socket)

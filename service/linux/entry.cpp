@@ -15,11 +15,11 @@ namespace {
 // Qt complains on the console of any locale but UTF-8 ones, and then uses this one.
 void useUtf8()
 {
-    std::setlocale(LC_ALL, "");
+    (void)std::setlocale(LC_ALL, "");
     if (std::strcmp(::nl_langinfo(CODESET), "UTF-8") != 0) {
         ::setenv("LC_ALL", "C.UTF-8", 1);
     }
-    std::setlocale(LC_ALL, "C");
+    (void)std::setlocale(LC_ALL, "C");
 }
 
 } // namespace
@@ -28,6 +28,6 @@ int main(int argc, char **argv)
 {
     useUtf8();
     // A reader of the output or of the event records that goes away must not take the server with it.
-    std::signal(SIGPIPE, SIG_IGN);
+    (void)std::signal(SIGPIPE, SIG_IGN);
     return processMain(argc, argv);
 }

@@ -122,13 +122,12 @@ bool sendToSyslog(const EventRecord &record)
 
 QByteArray jsonLine(const EventRecord &record)
 {
-    QByteArray line = "{\"time\":" + jsonString(record.time.toString(Qt::ISODateWithMs)) +
-                      ",\"source\":" + jsonString(record.source) + ",\"type\":\"" + typeName(record.type) +
-                      "\",\"id\":" + QByteArray::number(record.id) +
-                      ",\"category\":" + QByteArray::number(record.category) +
-                      ",\"message\":" + jsonString(record.message);
+    QByteArray line = R"({"time":)" + jsonString(record.time.toString(Qt::ISODateWithMs)) + R"(,"source":)" +
+                      jsonString(record.source) + R"(,"type":")" + typeName(record.type) + R"(","id":)" +
+                      QByteArray::number(record.id) + R"(,"category":)" +
+                      QByteArray::number(record.category) + R"(,"message":)" + jsonString(record.message);
     if (!record.data.isEmpty()) {
-        line += ",\"data\":\"" + record.data.toBase64() + '"';
+        line += R"(,"data":")" + record.data.toBase64() + '"';
     }
     return line + "}\n";
 }
