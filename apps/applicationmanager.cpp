@@ -74,7 +74,10 @@ void ApplicationManager::applicationDisconnected()
 void ApplicationManager::socketError(QAbstractSocket::SocketError error)
 {
     auto *socket = dynamic_cast<QTcpSocket *>(sender());
-    if (!socket) {
+    // A wait for the rest of a message that ends without data raises an error too, but not one of the
+    // connection.
+    const bool waitEnded = socket == awaited && error == QAbstractSocket::SocketTimeoutError;
+    if (!socket || waitEnded) {
         return;
     }
     if (error != QAbstractSocket::RemoteHostClosedError) {
@@ -103,10 +106,13 @@ void ApplicationManager::applicationDataAvailable()
 }
 
 // Takes exactly count bytes, or none when the rest does not come in time.
-bool ApplicationManager::readBytes(QTcpSocket *socket, char *buffer, qint64 count) const
+bool ApplicationManager::readBytes(QTcpSocket *socket, char *buffer, qint64 count)
 {
     while (socket->bytesAvailable() < count) {
-        if (!socket->waitForReadyRead(ReadTimeout)) {
+        awaited = socket;
+        const bool arrived = socket->waitForReadyRead(ReadTimeout);
+        awaited = nullptr;
+        if (!arrived) {
             server->logMessage(u"Network error: read timeout"_s, QtServiceBase::Error, EventId);
             return false;
         }
@@ -116,7 +122,7 @@ bool ApplicationManager::readBytes(QTcpSocket *socket, char *buffer, qint64 coun
 
 // False: reading stops until the next data signal. What has been read by then is gone, and no search for the
 // next message's start is made; both deliberately.
-bool ApplicationManager::readMessage(QTcpSocket *socket) const
+bool ApplicationManager::readMessage(QTcpSocket *socket)
 {
     std::array<char, Qmra::HeaderSize> headerBytes{};
     if (!readBytes(socket, headerBytes.data(), headerBytes.size())) {

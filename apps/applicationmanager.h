@@ -46,13 +46,14 @@ private slots:
     void applicationDataAvailable();
 
 private:
-    bool readBytes(QTcpSocket *socket, char *buffer, qint64 count) const;
-    bool readMessage(QTcpSocket *socket) const;
+    bool readBytes(QTcpSocket *socket, char *buffer, qint64 count);
+    bool readMessage(QTcpSocket *socket);
     void write(QTcpSocket *socket, const Qmra::Message &message) const;
 
     Quillmere *server;
     QTcpServer tcpServer;
     std::set<QTcpSocket *> applications; // children of tcpServer
+    QTcpSocket *awaited = nullptr; // while the rest of its message is waited for
 };
 
 } // namespace QMR

@@ -101,6 +101,18 @@ QStringList RecordingLog::takeMessages()
     return messages;
 }
 
+QList<LogRecord> RecordingLog::takeOnce(qsizetype recordCount)
+{
+    (void)QTest::qWaitFor([recordCount] { return written().size() >= recordCount; });
+    return take();
+}
+
+QStringList RecordingLog::takeMessagesOnce(qsizetype recordCount)
+{
+    (void)QTest::qWaitFor([recordCount] { return written().size() >= recordCount; });
+    return takeMessages();
+}
+
 qsizetype RecordingLog::count(const QString &message) const
 {
     return std::count_if(written().begin(), written().end(),

@@ -41,6 +41,9 @@ public:
     // What has been written since the last take, and forgets it.
     QList<LogRecord> take();
     QStringList takeMessages();
+    // Waits until there are that many, and takes them; fewer when they did not come in time.
+    QList<LogRecord> takeOnce(qsizetype recordCount);
+    QStringList takeMessagesOnce(qsizetype recordCount);
     qsizetype count(const QString &message) const;
     // Is called in the middle of the server's work, at each record, until another is given: what it finds
     // then is what had been done by then.

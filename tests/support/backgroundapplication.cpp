@@ -1,0 +1,35 @@
+// SPDX-FileCopyrightText: 2026 The Quillmere developers
+// SPDX-License-Identifier: MIT
+
+#include "tests/support/backgroundapplication.h"
+
+#include <QHostAddress>
+#include <QTcpSocket>
+
+BackgroundApplication::BackgroundApplication(quint16 serverPort, const QList<QByteArray> &segments,
+                                             std::chrono::milliseconds pause, Then then)
+{
+    if (then == Then::Close) {
+        released.release();
+    }
+    thread = std::thread([this, serverPort, segments, pause] {
+        QTcpSocket socket;
+        socket.connectToHost(QHostAddress::LocalHost, serverPort);
+        if (!socket.waitForConnected()) {
+            qFatal("cannot connect to port %d", serverPort);
+        }
+        socket.setSocketOption(QAbstractSocket::LowDelayOption, 1); // each segment leaves by itself
+        for (const QByteArray &segment : segments) {
+            socket.write(segment);
+            socket.flush();
+            std::this_thread::sleep_for(pause);
+        }
+        released.acquire();
+    });
+}
+
+BackgroundApplication::~BackgroundApplication()
+{
+    released.release();
+    thread.join();
+}
