@@ -181,6 +181,7 @@ void ApplicationManager::sendRadioNotice(std::shared_ptr<RadioEntry> entry, QTcp
     for (QTcpSocket *application : connected) {
         if (applications.contains(application)) {
             write(application, message);
+            application->flush(); // it leaves now, before the radio's acknowledgement does
         }
     }
 }
