@@ -1,0 +1,94 @@
+// SPDX-FileCopyrightText: 2026 The Quillmere developers
+// SPDX-License-Identifier: MIT
+
+#include "tests/support/scriptedapplication.h"
+#include "tests/support/scriptedradio.h"
+#include "tests/support/testserver.h"
+
+#include <QtTest>
+
+#include <fcntl.h>
+#include <sys/resource.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <memory>
+#include <vector>
+
+namespace {
+
+// Holds every file descriptor that the process may still have, but for a number of them.
+class DescriptorShortage
+{
+public:
+    explicit DescriptorShortage(size_t left)
+    {
+        getrlimit(RLIMIT_NOFILE, &saved);
+        rlimit lowered = saved;
+        lowered.rlim_cur = std::min<rlim_t>(saved.rlim_cur, 512);
+        setrlimit(RLIMIT_NOFILE, &lowered);
+        for (int fd = open("/dev/null", O_RDONLY | O_CLOEXEC); fd >= 0;
+             fd = open("/dev/null", O_RDONLY | O_CLOEXEC)) {
+            held.push_back(fd);
+        }
+        while (left-- > 0) {
+            close(held.back());
+            held.pop_back();
+        }
+    }
+    ~DescriptorShortage()
+    {
+        std::for_each(held.begin(), held.end(), close);
+        setrlimit(RLIMIT_NOFILE, &saved);
+    }
+    Q_DISABLE_COPY_MOVE(DescriptorShortage)
+
+private:
+    rlimit saved{};
+    std::vector<int> held;
+};
+
+} // namespace
+
+// The process runs out of file descriptors, and gets them back.
+class TestDescriptors : public QObject
+{
+    Q_OBJECT
+
+private slots:
+    void applicationsConnectAgainWhenDescriptorsAreBack()
+    {
+        TestServer server;
+        server.start();
+        ScriptedRadio radio(server.registrationPort(), 1);
+        ScriptedApplication before(server.applicationPort());
+        radio.registers();
+        QVERIFY(before.sees(radio, QMR::Registered));
+
+        QTcpSocket early;
+        QTcpSocket late;
+        {
+            // Enough for two clients' own ends, and none for the server's.
+            const DescriptorShortage shortage(2);
+            early.connectToHost(QHostAddress::LocalHost, server.applicationPort());
+            late.connectToHost(QHostAddress::LocalHost, server.applicationPort());
+            QTRY_COMPARE(early.state(), QAbstractSocket::ConnectedState);
+            QTRY_COMPARE(late.state(), QAbstractSocket::ConnectedState);
+            server.log.take();
+
+            // Who is connected is served on, even where the database has no descriptor for its journal.
+            radio.registers(QByteArray::fromHex("01"));
+            QVERIFY(radio.isAcknowledged());
+            QVERIFY(before.sees(radio, QMR::Registered, QByteArray::fromHex("01")));
+            QCOMPARE(server.log.count(QStringLiteral("Application connected from 127.0.0.1")), 0);
+        }
+        QTRY_COMPARE(server.log.count(QStringLiteral("Application connected from 127.0.0.1")), 2);
+        QTRY_COMPARE(early.bytesAvailable(), 31);
+        QTRY_COMPARE(late.bytesAvailable(), 31);
+        ScriptedApplication after(server.applicationPort());
+        QVERIFY(after.sees(radio, QMR::Registered, QByteArray::fromHex("01")));
+    }
+};
+
+QTEST_GUILESS_MAIN(TestDescriptors)
+#include "tst_descriptors.moc"

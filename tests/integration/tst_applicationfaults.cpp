@@ -1,0 +1,244 @@
+// SPDX-FileCopyrightText: 2026 The Quillmere developers
+// SPDX-License-Identifier: MIT
+
+#include "tests/support/connections.h"
+#include "tests/support/scriptedapplication.h"
+#include "tests/support/scriptedradio.h"
+#include "tests/support/testserver.h"
+
+#include <QtTest>
+
+#include <memory>
+#include <vector>
+
+using QMR::RadioPointer;
+
+namespace {
+
+const QString Connected = QStringLiteral("Application connected from 127.0.0.1");
+const QString Disconnected = QStringLiteral("Application disconnected from 127.0.0.1");
+const QString Lost = QStringLiteral("Network error: write message failed");
+
+constexpr qint64 MaximumUnsent = 64LL * 1024 * 1024;
+constexpr qint64 LargestNotice = 8 + 277;
+
+} // namespace
+
+// Applications that vanish, that never read, or that send rubbish without end: the others do not notice.
+class TestApplicationFaults : public QObject
+{
+    Q_OBJECT
+
+private slots:
+    void init()
+    {
+        server = std::make_unique<TestServer>();
+        server->configure(
+            "minimumDiscoveryPeriod=2147483647\n"); // on loopback requests reach the server itself
+        server->start();
+        radio = std::make_unique<ScriptedRadio>(server->registrationPort(), 1);
+        radio->registers();
+        QVERIFY(radio->isAcknowledged());
+    }
+
+    void cleanup()
+    {
+        applications.clear();
+        radio.reset();
+        server.reset();
+    }
+
+    void resetConnectionIsDroppedOnce()
+    {
+        connectApplications(2);
+        reset(applications[0]->connection());
+        QCOMPARE(server->log.takeMessagesOnce(1), QStringList{Disconnected});
+        radio->registers();
+        QVERIFY(applications[1]->sees(*radio, QMR::Registered));
+        QCOMPARE(server->log.takeMessages(), QStringList{radio->registeredText()});
+    }
+
+    void otherErrorIsLoggedWithItsPeerAndThenTheDrop()
+    {
+        connectApplications(2);
+        const quint16 port = applications[0]->connection().localPort();
+        breakPeerOf(applications[0]->connection());
+        const QString error = QStringLiteral("Network error 7 on connection to 127.0.0.1:%1").arg(port);
+        QCOMPARE(server->log.takeOnce(2), (QList{RecordingLog::record(Scm::EventWarning, error),
+                                                 RecordingLog::record(Scm::EventInformation, Disconnected)}));
+        radio->registers();
+        QVERIFY(applications[1]->sees(*radio, QMR::Registered));
+        QCOMPARE(server->log.takeMessages(), QStringList{radio->registeredText()});
+    }
+
+    void connectionResetBeforeItIsAcceptedIsDropped()
+    {
+        QTcpSocket brief;
+        brief.connectToHost(QHostAddress::LocalHost, server->applicationPort());
+        QVERIFY(brief.waitForConnected());
+        server->log.take();
+        reset(brief);
+        const QStringList records = server->log.takeMessagesOnce(2);
+        QCOMPARE(records.size(), 2);
+        QVERIFY(records[0].startsWith(QStringLiteral("Application connected from")));
+        QVERIFY(records[1].startsWith(QStringLiteral("Application disconnected from")));
+    }
+
+    void vanishInTheMiddleOfANotice_data()
+    {
+        QTest::addColumn<bool>("byReset");
+        QTest::newRow("closed") << false;
+        QTest::newRow("reset") << true;
+    }
+
+    // The server has not heard of it yet when it writes to them: they drop out of the set as it walks it.
+    void vanishInTheMiddleOfANotice()
+    {
+        QFETCH(bool, byReset);
+        constexpr size_t Count = 40;
+        connectApplications(Count);
+        for (size_t i = 0; i < Count; i += 2) {
+            if (byReset) {
+                reset(applications[i]->connection());
+            } else {
+                applications[i]->connection().abort();
+            }
+        }
+        const RadioPointer entry = (*server)->findRadio(radio->esn);
+        for (int i = 0; i < 3; ++i) {
+            (*server)->notifyApplications(entry);
+        }
+        for (size_t i = 1; i < Count; i += 2) {
+            QCOMPARE(applications[i]->receives(3).size(), 3);
+        }
+        QTRY_COMPARE(server->log.records().size(), qsizetype{Count / 2});
+        const QStringList expected(Count / 2, Disconnected);
+        QCOMPARE(server->log.takeMessages(), expected);
+        (*server)->notifyApplications(entry);
+        for (size_t i = 1; i < Count; i += 2) {
+            QCOMPARE(applications[i]->receives(1).size(), 1);
+        }
+        QVERIFY(server->log.take().isEmpty());
+    }
+
+    void reporterThatVanishesIsToldNothing()
+    {
+        connectApplications(2);
+        applications[0]->reports(radio->esn, radio->address());
+        applications[0]->connection().flush();
+        reset(applications[0]->connection());
+        QTRY_COMPARE(server->log.count(Disconnected), 1);
+        radio->registers();
+        QVERIFY(radio->isAcknowledged());
+        QVERIFY(!applications[1]->receives(1).isEmpty());
+    }
+
+    void applicationThatNeverReadsCostsABoundedMemory()
+    {
+        connectApplications(1);
+        const RadioPointer entry = (*server)->findRadio(radio->esn);
+        entry->supportedServices.assign(255, 1);
+        QTcpSocket stuck;
+        stuck.setReadBufferSize(1);
+        stuck.connectToHost(QHostAddress::LocalHost, server->applicationPort());
+        QTRY_COMPARE(server->log.count(Connected), 1);
+        server->log.take();
+
+        // The other reads all the while. Each round stays far below what its connection takes at once.
+        constexpr int Round = 500;
+        constexpr int Rounds = static_cast<int>(MaximumUnsent / LargestNotice / Round) + 400;
+        for (int round = 0; round < Rounds && server->log.records().size() < Round; ++round) {
+            for (int i = 0; i < Round; ++i) {
+                (*server)->notifyApplications(entry);
+            }
+            QCOMPARE(applications[0]->receives(Round).size(), Round);
+        }
+        const QList<LogRecord> records = server->log.take();
+        QVERIFY(records.size() >= Round);
+        for (const LogRecord &record : records) {
+            QCOMPARE(record, RecordingLog::record(Scm::EventError, Lost));
+        }
+        // One record for each notice that is lost, and the connection stands.
+        for (int i = 0; i < 10; ++i) {
+            (*server)->notifyApplications(entry);
+        }
+        QCOMPARE(applications[0]->receives(10).size(), 10);
+        QCOMPARE(server->log.takeMessages(), QStringList(10, Lost));
+
+        // What it did not lose comes when it reads: at most the bound, and what lay on the way.
+        qint64 held = 0;
+        stuck.setReadBufferSize(0);
+        connect(&stuck, &QTcpSocket::readyRead, this, [&] { held += stuck.readAll().size(); });
+        held += stuck.readAll().size();
+        QTRY_VERIFY_WITH_TIMEOUT(held > MaximumUnsent - LargestNotice, 30000);
+        (*server)->notifyApplications(entry);
+        QCOMPARE(applications[0]->receives(1).size(), 1);
+        QVERIFY(server->log.take().isEmpty());
+        stuck.disconnect(this);
+    }
+
+    void floodOfRubbishIsHeldBackByTcp()
+    {
+        connectApplications(1);
+        QTcpSocket flood;
+        flood.connectToHost(QHostAddress::LocalHost, server->applicationPort());
+        QTRY_COMPARE(server->log.count(Connected), 1);
+        server->log.take();
+        const QByteArray rubbish(32 * 1024 * 1024, 'x');
+        flood.write(rubbish);
+        constexpr qsizetype Signals = 2000;
+        QTRY_VERIFY(server->log.records().size() >= Signals);
+        // Eight bytes go with each signal. What the server holds beyond those, and what lies in the
+        // system's buffers, has left the sender; the rest waits with it.
+        QVERIFY2(flood.bytesToWrite() > rubbish.size() / 2,
+                 qPrintable(QString::number(flood.bytesToWrite())));
+        // Others are served in the middle of it.
+        radio->registers();
+        QVERIFY(radio->isAcknowledged());
+        QVERIFY(applications[0]->sees(*radio, QMR::Registered));
+        applications[0]->reports(radio->esn, radio->address());
+        QVERIFY(applications[0]->sees(*radio, QMR::Unconfirmed));
+        reset(flood);
+        QTRY_COMPARE(server->log.count(Disconnected), 1);
+    }
+
+    // The bound on what is read ahead is no bound on what is read.
+    void reportBehindMoreThanTheReadBufferIsReached()
+    {
+        connectApplications(1);
+        const QByteArray ignored = ScriptedApplication::message(3, QByteArray(277, '\0'));
+        applications[0]->sends(ignored.repeated(5000)); // 1.4 MB
+        applications[0]->reports(radio->esn, radio->address());
+        QVERIFY(applications[0]->sees(*radio, QMR::Unconfirmed));
+        QVERIFY(server->log.take().isEmpty());
+    }
+
+    void rubbishBehindMoreThanTheReadBufferIsReadToItsEnd()
+    {
+        connectApplications(1);
+        constexpr int Headers = 20000; // 160 kB
+        applications[0]->sends(QByteArray(8 * Headers, 'x'));
+        // At least as long as more comes in than the server reads ahead, every 8 bytes are read.
+        constexpr int ReadAhead = 64 * 1024 / 8;
+        QTRY_VERIFY(server->log.records().size() >= Headers - ReadAhead);
+        applications[0]->connection().disconnectFromHost();
+        QTRY_COMPARE(server->log.count(Disconnected), 1);
+    }
+
+private:
+    void connectApplications(size_t count)
+    {
+        for (size_t i = 0; i < count; ++i) {
+            applications.push_back(std::make_unique<ScriptedApplication>(server->applicationPort()));
+            QVERIFY(applications.back()->sees(*radio, QMR::Registered));
+        }
+        server->log.take();
+    }
+
+    std::unique_ptr<TestServer> server;
+    std::unique_ptr<ScriptedRadio> radio;
+    std::vector<std::unique_ptr<ScriptedApplication>> applications;
+};
+
+QTEST_GUILESS_MAIN(TestApplicationFaults)
+#include "tst_applicationfaults.moc"
