@@ -27,6 +27,10 @@ constexpr qint64 ReadBufferSize = 64 * 1024;
 // An application that never reads costs no more memory than this.
 constexpr qint64 MaximumUnsent = 64 * 1024 * 1024;
 
+// All applications come back at once when the server has been restarted. One that the system could not queue
+// may believe for good that it is connected, and is told nothing.
+constexpr int ConnectionBacklog = 4096;
+
 constexpr int AcceptPause = 1000; // ms
 
 } // namespace
@@ -37,6 +41,7 @@ ApplicationManager::ApplicationManager(Quillmere *owner, quint16 port) : server(
     // After an accept error (no descriptors left, say) the server would not accept again by itself.
     connect(&tcpServer, &QTcpServer::acceptError, this,
             [this] { QTimer::singleShot(AcceptPause, &tcpServer, &QTcpServer::resumeAccepting); });
+    tcpServer.setListenBacklogSize(ConnectionBacklog);
     if (!tcpServer.listen(QHostAddress::AnyIPv4, port)) {
         server->logMessage(u"Failed to listen for application connections"_s, QtServiceBase::Error, EventId);
     }

@@ -46,18 +46,18 @@ ScriptedApplication::ScriptedApplication(quint16 serverPort)
     }
 }
 
-bool ScriptedApplication::hasNotice() const
+std::optional<Notice> noticeAt(const QByteArray &bytes, qsizetype offset)
 {
-    const QByteArray header = const_cast<QTcpSocket &>(socket).peek(HeaderSize);
-    return header.size() == HeaderSize &&
-           socket.bytesAvailable() >= HeaderSize + (at(header, 6) | at(header, 7) << 8);
-}
-
-Notice ScriptedApplication::takeNotice()
-{
-    const QByteArray header = socket.read(HeaderSize);
-    const QByteArray payload = socket.read(at(header, 6) | at(header, 7) << 8);
-    if (!header.startsWith("QMRA\x04\x01") || payload.size() < 22 || payload.size() != 22 + at(payload, 21)) {
+    if (bytes.size() < offset + HeaderSize) {
+        return std::nullopt;
+    }
+    const QByteArray header = bytes.sliced(offset, HeaderSize);
+    const qsizetype length = at(header, 6) | at(header, 7) << 8;
+    if (bytes.size() < offset + HeaderSize + length) {
+        return std::nullopt;
+    }
+    const QByteArray payload = bytes.sliced(offset + HeaderSize, length);
+    if (!header.startsWith("QMRA\x04\x01") || length < 22 || length != 22 + at(payload, 21)) {
         qFatal("not a notice: %s %s", header.toHex().constData(), payload.toHex().constData());
     }
     Notice notice;
@@ -71,11 +71,27 @@ Notice ScriptedApplication::takeNotice()
     return notice;
 }
 
+std::optional<Notice> ScriptedApplication::nextNotice()
+{
+    constexpr qint64 LargestNotice = HeaderSize + 277;
+    std::optional<Notice> notice = noticeAt(socket.peek(LargestNotice), 0);
+    if (notice) {
+        socket.skip(HeaderSize + 22 + notice->services.size());
+    }
+    return notice;
+}
+
 QList<Notice> ScriptedApplication::receives(qsizetype count)
 {
     QList<Notice> notices;
-    while (notices.size() < count && QTest::qWaitFor([this] { return hasNotice(); })) {
-        notices.append(takeNotice());
+    const auto takesOne = [this, &notices] {
+        const std::optional<Notice> notice = nextNotice();
+        if (notice) {
+            notices.append(*notice);
+        }
+        return notice.has_value();
+    };
+    while (notices.size() < count && QTest::qWaitFor(takesOne)) {
     }
     return notices;
 }

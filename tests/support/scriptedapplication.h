@@ -8,6 +8,8 @@
 
 #include <QTcpSocket>
 
+#include <optional>
+
 // What a notice says of a radio.
 struct Notice
 {
@@ -22,6 +24,10 @@ struct Notice
 };
 
 char *toString(const Notice &notice); // what QCOMPARE prints
+
+// The notice whose header begins there; nothing when it is not there whole. Fails the process when it is no
+// notice.
+std::optional<Notice> noticeAt(const QByteArray &bytes, qsizetype offset);
 
 // One application, reading its bytes one by one, so that a scenario does not rest on the codec it tests.
 class ScriptedApplication
@@ -46,8 +52,7 @@ public:
     static QByteArray message(quint8 type, const QByteArray &payload, quint8 version = 4);
 
 private:
-    bool hasNotice() const;
-    Notice takeNotice();
+    std::optional<Notice> nextNotice();
 
     QTcpSocket socket;
 };
