@@ -1,0 +1,161 @@
+// SPDX-FileCopyrightText: 2026 The Quillmere developers
+// SPDX-License-Identifier: MIT
+
+#include "tools/watch/commandline.h"
+#include "tools/watch/connection.h"
+#include "tools/watch/format.h"
+#include "tools/watch/radiotable.h"
+
+#include <QJsonDocument>
+#include <QtTest>
+
+using namespace Qt::StringLiterals;
+using namespace WatchTool;
+using QMR::Qmra::RadioNotice;
+
+namespace {
+
+RadioNotice radio(quint8 serial, quint8 availability, bool pending = false)
+{
+    return {{{0x00, 0x11, 0xAA, 0xBB, 0x22, 0xCC, 0x33, serial}},
+            {{0x01, 0x23, 0x45, 0x67, 0x89, 0xAB, serial}},
+            pending,
+            availability == 0 ? 0 : 0x0A000000U + serial,
+            availability,
+            {1, 3}};
+}
+
+} // namespace
+
+// What quillmere-watch makes of its command line and shows of the notices.
+class TestWatchFormat : public QObject
+{
+    Q_OBJECT
+
+private slots:
+    void lineNamesEverything()
+    {
+        QCOMPARE(noticeLine(radio(5, 3)),
+                 u"0011AABB22CC3305 01234/567/89AB05 10.0.0.5 registered services 1,3"_s);
+        RadioNotice gone = radio(5, 0);
+        gone.services.clear();
+        QCOMPARE(noticeLine(gone), u"0011AABB22CC3305 01234/567/89AB05 - gone services -"_s);
+    }
+
+    void statesHaveNames()
+    {
+        QCOMPARE(stateName(radio(1, 3)), u"registered"_s);
+        QCOMPARE(stateName(radio(1, 2)), u"unconfirmed"_s);
+        QCOMPARE(stateName(radio(1, 1)), u"unreachable"_s);
+        QCOMPARE(stateName(radio(1, 0)), u"gone"_s);
+        QCOMPARE(stateName(radio(1, 3, true)), u"pending"_s);
+        QCOMPARE(stateName(radio(1, 77)), u"77"_s);
+    }
+
+    void objectHasAllOfIt()
+    {
+        QCOMPARE(QJsonDocument(noticeObject(radio(5, 2))).toJson(QJsonDocument::Compact),
+                 QByteArrayLiteral(R"({"address":"10.0.0.5","availability":2,"esn":"0011AABB22CC3305",)"
+                                   R"("pending":false,"services":[1,3],"state":"unconfirmed",)"
+                                   R"("system":"567","unit":"89AB05","wacn":"01234"})"));
+        QVERIFY(noticeObject(radio(5, 0)).value(u"address"_s).isNull());
+    }
+
+    void tableIsInEsnOrderAndMarksTheLastChange()
+    {
+        RadioTable table;
+        table.apply(radio(9, 3));
+        table.apply(radio(1, 2));
+        QCOMPARE(table.lines(1000, 0, false),
+                 (QStringList{u"  ESN              WACN/SYSTEM/UNIT  ADDRESS         STATE       SERVICES"_s,
+                              u"> 0011AABB22CC3301 01234/567/89AB01  10.0.0.1        unconfirmed 1,3"_s,
+                              u"  0011AABB22CC3309 01234/567/89AB09  10.0.0.9        registered  1,3"_s}));
+    }
+
+    void radioThatIsGoneIsShownOnceMore()
+    {
+        RadioTable table;
+        table.apply(radio(1, 3));
+        table.apply(radio(1, 0));
+        QCOMPARE(table.size(), size_t{0});
+        QVERIFY(table.lines(1000, 0, false).at(1).contains(u" -               gone "));
+        table.apply(radio(2, 3));
+        QCOMPARE(table.size(), size_t{1});
+        QCOMPARE(table.lines(1000, 0, false).size(), 2);
+    }
+
+    void tableFitsItsWindow()
+    {
+        RadioTable table;
+        for (quint8 serial = 0; serial < 20; ++serial) {
+            table.apply(radio(serial, 3));
+        }
+        const QStringList lines = table.lines(30, 10, false);
+        QCOMPARE(lines.size(), 10);
+        QCOMPARE(lines.last(), u"  ... and 12 more"_s);
+        for (const QString &line : lines) {
+            QVERIFY(line.size() <= 30);
+        }
+        QCOMPARE(table.lines(80, 21, false).size(), 21);
+        QCOMPARE(table.lines(80, 1, false).size(), 1);
+    }
+
+    void stateIsColouredAndNothingElse()
+    {
+        RadioTable table;
+        table.apply(radio(1, 1));
+        QVERIFY(table.lines(80, 5, true).at(1).contains(u"10.0.0.1        \033[31munreachable \033[0m1,3"_s));
+        QVERIFY(!table.lines(40, 5, true).at(1).contains(u'\033'));
+        QVERIFY(!table.lines(80, 5, false).join(u' ').contains(u'\033'));
+    }
+
+    void pausesGrowToTheirBound()
+    {
+        QList<qint64> pauses;
+        for (int attempt = 0; attempt < 9; ++attempt) {
+            pauses.append(Connection::pauseBeforeAttempt(attempt));
+        }
+        QCOMPARE(pauses, (QList<qint64>{500, 1000, 2000, 4000, 8000, 16000, 30000, 30000, 30000}));
+        QCOMPARE(Connection::pauseBeforeAttempt(1000000), 30000);
+    }
+
+    void usageErrors_data()
+    {
+        QTest::addColumn<QString>("line");
+        QTest::addColumn<QString>("error");
+        QTest::newRow("option") << u"--nothing"_s << u"Unknown option 'nothing'."_s;
+        QTest::newRow("command") << u"reprot"_s << u"unknown command 'reprot'"_s;
+        QTest::newRow("server") << u"--server localhost"_s
+                                << u"--server: 'localhost' is not an IPv4 address"_s;
+        QTest::newRow("twice") << u"--count 1 --count 2"_s << u"--count is given more than once"_s;
+        QTest::newRow("both outputs") << u"--json --table"_s << u"--json and --table exclude each other"_s;
+        QTest::newRow("report alone") << u"report"_s << u"report needs an ESN and an address"_s;
+        QTest::newRow("report address")
+            << u"report 0011AABB22CC3301 10.0.0"_s << u"'10.0.0' is not an IPv4 address"_s;
+        QTest::newRow("report count") << u"report 0011AABB22CC3301 10.0.0.1 --count 1"_s
+                                      << u"report takes neither --count nor --table"_s;
+    }
+
+    void usageErrors()
+    {
+        QFETCH(QString, line);
+        QFETCH(QString, error);
+        const CommandLine parsed = CommandLine::parse(line.split(u' '));
+        QVERIFY(parsed.kind == CommandLine::Kind::Error);
+        QCOMPARE(parsed.text, error);
+    }
+
+    void settingsAreRead()
+    {
+        const auto parsed =
+            CommandLine::parse(u"--server 10.0.0.1:99 --json --count 7 --for 1.5"_s.split(u' '));
+        QVERIFY(parsed.kind == CommandLine::Kind::Run);
+        QCOMPARE(parsed.settings.server.text(), u"10.0.0.1:99"_s);
+        QVERIFY(parsed.settings.output == Output::Json);
+        QCOMPARE(parsed.settings.count, quint64{7});
+        QCOMPARE(parsed.settings.duration, 1500);
+    }
+};
+
+QTEST_APPLESS_MAIN(TestWatchFormat)
+#include "tst_watchformat.moc"

@@ -1,0 +1,80 @@
+// SPDX-FileCopyrightText: 2026 The Quillmere developers
+// SPDX-License-Identifier: MIT
+
+#include "tools/watch/connection.h"
+
+#include <algorithm>
+
+using namespace Qt::StringLiterals;
+
+namespace WatchTool {
+
+namespace {
+
+constexpr qint64 FirstPause = 500;     // ms
+constexpr qint64 LongestPause = 30000; // ms
+
+} // namespace
+
+Connection::Connection(const Console::Endpoint &newServer) : server(newServer)
+{
+    again.setSingleShot(true);
+    QObject::connect(&again, &QTimer::timeout, &again, [this] { open(); });
+    QObject::connect(&socket, &QTcpSocket::connected, &socket, [this] { onConnected(); });
+    QObject::connect(&socket, &QTcpSocket::readyRead, &socket, [this] { read(); });
+    QObject::connect(&socket, &QTcpSocket::errorOccurred, &socket, [this] { lost(socket.errorString()); });
+}
+
+qint64 Connection::pauseBeforeAttempt(int attempt)
+{
+    constexpr int MaximumDoublings = 6; // beyond the longest pause
+    return std::min(FirstPause << std::min(attempt, MaximumDoublings), LongestPause);
+}
+
+void Connection::open()
+{
+    socket.connectToHost(server.address, server.port);
+}
+
+void Connection::stop()
+{
+    stopped = true;
+    again.stop();
+    socket.abort();
+}
+
+void Connection::lost(const QString &reason)
+{
+    if (stopped || again.isActive()) {
+        return;
+    }
+    const qint64 pause = pauseBeforeAttempt(attempt++);
+    again.start(static_cast<int>(pause));
+    socket.abort();
+    onLost(reason, pause);
+}
+
+void Connection::read()
+{
+    using namespace QMR::Qmra;
+    while (!stopped && socket.bytesAvailable() >= HeaderSize) {
+        const Header header = decodeHeader(socket.peek(HeaderSize));
+        const bool isNotice = header.magicMatches && header.protocolVersion == ProtocolVersion &&
+                              header.messageType == static_cast<quint8>(MessageType::RadioNotice) &&
+                              header.payloadLength <= MaximumPayload;
+        if (isNotice && socket.bytesAvailable() < HeaderSize + header.payloadLength) {
+            return;
+        }
+        const QByteArray message = isNotice ? socket.read(HeaderSize + header.payloadLength) : QByteArray();
+        const auto notice =
+            isNotice ? decodeNotice(QByteArrayView(message).sliced(HeaderSize)) : std::nullopt;
+        if (!notice) {
+            lost(u"what came is no radio notice"_s);
+            return;
+        }
+        attempt = 0; // it is a server, and it speaks
+        onNotice(*notice);
+    }
+}
+
+} // namespace WatchTool

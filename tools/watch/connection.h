@@ -1,0 +1,48 @@
+// SPDX-FileCopyrightText: 2026 The Quillmere developers
+// SPDX-License-Identifier: MIT
+
+#pragma once
+
+#include "apps/qmra.h"
+#include "tools/console.h"
+
+#include <QTcpSocket>
+#include <QTimer>
+
+#include <functional>
+
+namespace WatchTool {
+
+// A connection to a server that comes back by itself, each time after a longer pause, and cuts what it gets
+// into notices.
+class Connection
+{
+public:
+    std::function<void()> onConnected;
+    std::function<void(const QMR::Qmra::RadioNotice &)> onNotice;
+    // pause: ms until the next attempt.
+    std::function<void(const QString &reason, qint64 pause)> onLost;
+
+    explicit Connection(const Console::Endpoint &server);
+    Q_DISABLE_COPY_MOVE(Connection)
+
+    void open();
+    void send(const QByteArray &message) { socket.write(message); }
+    // From here on nothing is called back.
+    void stop();
+
+    // 500 ms at first, then twice as long each time, up to 30 s.
+    static qint64 pauseBeforeAttempt(int attempt);
+
+private:
+    void read();
+    void lost(const QString &reason);
+
+    const Console::Endpoint server;
+    QTcpSocket socket;
+    QTimer again;
+    int attempt = 0;
+    bool stopped = false;
+};
+
+} // namespace WatchTool

@@ -1,0 +1,135 @@
+// SPDX-FileCopyrightText: 2026 The Quillmere developers
+// SPDX-License-Identifier: MIT
+
+#include "tools/watch/watch.h"
+
+#include "tools/watch/format.h"
+
+#include <QCoreApplication>
+
+#include <limits>
+
+using namespace Qt::StringLiterals;
+
+namespace WatchTool {
+
+namespace {
+
+constexpr int RedrawPeriod = 100; // ms
+constexpr int AnyWidth = 1000;
+constexpr quint8 Unconfirmed = 2;
+
+} // namespace
+
+Watch::Watch(const Settings &newSettings) : settings(newSettings), connection(newSettings.server)
+{
+    connection.onConnected = [this] { connected(); };
+    connection.onNotice = [this](const auto &notice) { noticed(notice); };
+    connection.onLost = [this](const QString &reason, qint64 pause) { lost(reason, pause); };
+    duration.setSingleShot(true);
+    QObject::connect(&duration, &QTimer::timeout, &duration, [this] { timeIsOver(); });
+    QObject::connect(&redraw, &QTimer::timeout, &redraw, [this] { draw(); });
+}
+
+void Watch::start()
+{
+    if (settings.output == Output::Table && Screen::isUsable()) {
+        screen = std::make_unique<Screen>();
+        redraw.start(RedrawPeriod);
+    }
+    if (settings.duration > 0) {
+        duration.start(
+            static_cast<int>(std::min<qint64>(settings.duration, std::numeric_limits<int>::max())));
+    }
+    status(u"connecting to %1"_s.arg(settings.server.text()));
+    connection.open();
+}
+
+void Watch::interrupt()
+{
+    finish(Console::ExitSuccess);
+}
+
+void Watch::connected()
+{
+    wasConnected = true;
+    table.clear(); // the server tells all of it again
+    status(u"connected to %1"_s.arg(settings.server.text()));
+    if (settings.report) {
+        connection.send(
+            QMR::Qmra::encodeReport({settings.report->esn, settings.report->address.toIPv4Address()}));
+    }
+}
+
+void Watch::noticed(const QMR::Qmra::RadioNotice &notice)
+{
+    if (settings.report) {
+        if (notice.esn != settings.report->esn || notice.pending || notice.availability != Unconfirmed ||
+            notice.address != settings.report->address.toIPv4Address()) {
+            return;
+        }
+    }
+    ++notices;
+    switch (settings.output) {
+    case Output::Lines:
+        Console::writeLine(noticeLine(notice));
+        break;
+    case Output::Json:
+        Console::writeJson(noticeObject(notice));
+        break;
+    case Output::Table:
+        table.apply(notice);
+        break;
+    }
+    if (settings.report || (settings.count > 0 && notices == settings.count)) {
+        finish(Console::ExitSuccess);
+    }
+}
+
+void Watch::lost(const QString &reason, qint64 pause)
+{
+    status(u"%1: %2; trying again in %3 s"_s.arg(settings.server.text(), reason).arg(double(pause) / 1000));
+}
+
+void Watch::timeIsOver()
+{
+    if (!wasConnected) {
+        finish(Console::ExitError);
+    } else {
+        finish(settings.count > 0 || settings.report ? ExitIncomplete : Console::ExitSuccess);
+    }
+}
+
+void Watch::draw()
+{
+    const ScreenSize size = Screen::size();
+    const QStringList head{u"%1 radios, %2"_s.arg(table.size()).arg(statusText).left(size.columns)};
+    Screen::show(head + table.lines(size.columns, size.rows - 1, Screen::hasColours()));
+}
+
+void Watch::status(const QString &text)
+{
+    statusText = text;
+    if (!screen) {
+        Console::writeError(text);
+    }
+}
+
+void Watch::finish(int exitCode)
+{
+    if (finished) {
+        return;
+    }
+    finished = true;
+    connection.stop();
+    redraw.stop();
+    screen.reset();
+    if (settings.output == Output::Table) {
+        for (const QString &line : table.lines(AnyWidth, 0, false)) {
+            Console::writeLine(line);
+        }
+    }
+    QCoreApplication::exit(exitCode);
+}
+
+} // namespace WatchTool
