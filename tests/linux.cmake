@@ -3,4 +3,6 @@
 
 # Tests that only Linux has.
 add_subdirectory(unit/linux)
+add_subdirectory(integration/linux)
+add_subdirectory(system)
 add_subdirectory(system/systemd)
