@@ -10,6 +10,8 @@ cd "$(dirname "${BASH_SOURCE[0]}")/.."
 # shellcheck disable=SC2034 # each script picks the lists it needs
 build_packages=(g++ cmake ninja-build ccache pkg-config qt6-base-dev qt6-base-dev-tools libqt6sql6-sqlite libsqlite3-dev libsystemd-dev)
 # shellcheck disable=SC2034
+demo_packages=(python3 iproute2 util-linux)
+# shellcheck disable=SC2034
 test_packages=(python3 iproute2 systemd-container dbus)
 # shellcheck disable=SC2034
 bench_packages=(libbenchmark-dev)
@@ -17,6 +19,9 @@ bench_packages=(libbenchmark-dev)
 lint_packages=(clang-format clang-tidy shellcheck)
 # shellcheck disable=SC2034
 fuzz_packages=(clang libclang-rt-14-dev)
+
+# One compiler cache for every clone of this tree: what a source is compiled to does not depend on where it lies.
+export CCACHE_BASEDIR=$PWD CCACHE_NOHASHDIR=1
 
 as_root() {
     if [ "$(id -u)" -eq 0 ]; then
