@@ -22,10 +22,10 @@ constexpr auto EventId = static_cast<int>(0xC0000001);
 constexpr int ReadTimeout = 500; // ms, anew with each arrival
 
 // An application that sends faster than its messages are taken is held back by TCP, not kept in memory.
-constexpr qint64 ReadBufferSize = 64 * 1024;
+constexpr qint64 ReadBufferSize = 64LL * 1024;
 
 // An application that never reads costs no more memory than this.
-constexpr qint64 MaximumUnsent = 64 * 1024 * 1024;
+constexpr qint64 MaximumUnsent = 64LL * 1024 * 1024;
 
 // All applications come back at once when the server has been restarted. One that the system could not queue
 // may believe for good that it is connected, and is told nothing.

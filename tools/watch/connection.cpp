@@ -4,6 +4,7 @@
 #include "tools/watch/connection.h"
 
 #include <algorithm>
+#include <utility>
 
 using namespace Qt::StringLiterals;
 
@@ -16,7 +17,7 @@ constexpr qint64 LongestPause = 30000; // ms
 
 } // namespace
 
-Connection::Connection(const Console::Endpoint &newServer) : server(newServer)
+Connection::Connection(Console::Endpoint newServer) : server(std::move(newServer))
 {
     again.setSingleShot(true);
     QObject::connect(&again, &QTimer::timeout, &again, [this] { open(); });

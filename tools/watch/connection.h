@@ -23,7 +23,7 @@ public:
     // pause: ms until the next attempt.
     std::function<void(const QString &reason, qint64 pause)> onLost;
 
-    explicit Connection(const Console::Endpoint &server);
+    explicit Connection(Console::Endpoint server);
     Q_DISABLE_COPY_MOVE(Connection)
 
     void open();
