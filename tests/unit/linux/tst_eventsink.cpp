@@ -137,6 +137,7 @@ void TestEventSink::writersDoNotMixTheirLines()
     const QString path = folder.filePath(u"log"_s);
     qputenv("QUILLMERE_EVENTLOG", QFile::encodeName(path));
     std::vector<std::thread> writers;
+    writers.reserve(Writers);
     for (int writer = 0; writer < Writers; ++writer) {
         writers.emplace_back([writer] {
             for (int i = 0; i < Records; ++i) {

@@ -69,16 +69,16 @@ void TestUnitFile::wordsSurviveQuoting_data()
 {
     QTest::addColumn<QString>("text");
     QTest::addColumn<QByteArray>("word");
-    QTest::newRow("plain") << u"/usr/bin/x"_s << QByteArray("\"/usr/bin/x\"");
-    QTest::newRow("blank") << u"a b"_s << QByteArray("\"a b\"");
-    QTest::newRow("quotes") << u"a\"b'c"_s << QByteArray("\"a\\\"b'c\"");
-    QTest::newRow("backslash") << u"a\\x41"_s << QByteArray("\"a\\\\x41\"");
-    QTest::newRow("specifier") << u"%n 50%"_s << QByteArray("\"%%n 50%%\"");
-    QTest::newRow("line feed") << u"a\nExecStart=b"_s << QByteArray("\"a\\x0aExecStart=b\"");
+    QTest::newRow("plain") << u"/usr/bin/x"_s << QByteArray(R"("/usr/bin/x")");
+    QTest::newRow("blank") << u"a b"_s << QByteArray(R"("a b")");
+    QTest::newRow("quotes") << u"a\"b'c"_s << QByteArray(R"("a\"b'c")");
+    QTest::newRow("backslash") << u"a\\x41"_s << QByteArray(R"("a\\x41")");
+    QTest::newRow("specifier") << u"%n 50%"_s << QByteArray(R"("%%n 50%%")");
+    QTest::newRow("line feed") << u"a\nExecStart=b"_s << QByteArray(R"("a\x0aExecStart=b")");
     QTest::newRow("non-ASCII") << u"Größe\U0001F4FB"_s
                                << QByteArray("\"Gr\xc3\xb6\xc3\x9f"
                                              "e\xf0\x9f\x93\xbb\"");
-    QTest::newRow("empty") << u""_s << QByteArray("\"\"");
+    QTest::newRow("empty") << u""_s << QByteArray(R"("")");
 }
 
 void TestUnitFile::wordsSurviveQuoting()
@@ -93,19 +93,18 @@ void TestUnitFile::writesTheCommandLine_data()
 {
     QTest::addColumn<QString>("path");
     QTest::addColumn<QByteArray>("line");
-    QTest::newRow("plain") << u"/usr/bin/quillmere"_s << QByteArray("ExecStart=:\"/usr/bin/quillmere\"");
+    QTest::newRow("plain") << u"/usr/bin/quillmere"_s << QByteArray(R"(ExecStart=:"/usr/bin/quillmere")");
     QTest::newRow("blank, percent, dollar")
-        << u"/opt/a b/50%/$HOME"_s << QByteArray("ExecStart=:\"/opt/a b/50%%/$HOME\"");
+        << u"/opt/a b/50%/$HOME"_s << QByteArray(R"(ExecStart=:"/opt/a b/50%%/$HOME")");
     // systemd takes these in arguments only.
     QTest::newRow("quote") << u"/opt/\"a\""_s
-                           << QByteArray("ExecStart=:/bin/sh -c \"exec \\\"$0\\\"\" \"/opt/\\\"a\\\"\"");
+                           << QByteArray(R"(ExecStart=:/bin/sh -c "exec \"$0\"" "/opt/\"a\"")");
     QTest::newRow("apostrophe") << u"/opt/a'"_s
-                                << QByteArray("ExecStart=:/bin/sh -c \"exec \\\"$0\\\"\" \"/opt/a'\"");
+                                << QByteArray(R"(ExecStart=:/bin/sh -c "exec \"$0\"" "/opt/a'")");
     QTest::newRow("backslash") << u"/opt/a\\"_s
-                               << QByteArray("ExecStart=:/bin/sh -c \"exec \\\"$0\\\"\" \"/opt/a\\\\\"");
+                               << QByteArray(R"(ExecStart=:/bin/sh -c "exec \"$0\"" "/opt/a\\")");
     QTest::newRow("line feed") << u"/opt/a\nUser=b"_s
-                               << QByteArray(
-                                      "ExecStart=:/bin/sh -c \"exec \\\"$0\\\"\" \"/opt/a\\x0aUser=b\"");
+                               << QByteArray(R"(ExecStart=:/bin/sh -c "exec \"$0\"" "/opt/a\x0aUser=b")");
 }
 
 void TestUnitFile::writesTheCommandLine()
