@@ -53,8 +53,7 @@ std::atomic<int> stopEvent{-1}; // an eventfd: SIGTERM has come
 
 void raiseEvent(int descriptor)
 {
-    const eventfd_t one = 1;
-    (void)::write(descriptor, &one, sizeof(one));
+    ::eventfd_write(descriptor, 1);
 }
 
 bool takeEvent(int descriptor)
