@@ -1,13 +1,14 @@
 # SPDX-FileCopyrightText: 2026 The Quillmere developers
 # SPDX-License-Identifier: MIT
 
-# The one place that chooses a platform folder; sources never ask which platform they are on.
+# The one place that chooses a platform folder; sources never ask which platform they are on. The platform's file here
+# defines:
+#   quillmere_platform_executable(<target> <description>)   what an executable that is delivered needs beyond its
+#                                                           libraries
+#   quillmere_platform_test(<target>)                       what a test needs beside its CTest entry
 if(WIN32)
     set(QUILLMERE_PLATFORM windows)
 else()
     set(QUILLMERE_PLATFORM linux)
 endif()
-
-# What an executable of the server needs beyond its libraries on this platform.
-function(quillmere_platform_executable target)
-endfunction()
+include(cmake/${QUILLMERE_PLATFORM}.cmake)

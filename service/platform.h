@@ -31,6 +31,11 @@ QString commonDataFolder();
 // What stands between two folders in a path that is shown to people.
 QChar folderSeparator();
 
+// Makes the file, an executable with a message table, the one by which viewers of the event log show the
+// records of this source; and takes that back. Nothing is reported: records are written either way.
+void registerMessageFile(const QString &source, const QString &file);
+void removeMessageFile(const QString &source);
+
 } // namespace Platform
 
 // The program's main body. The platform's process entry calls it with the command line in the local 8-bit

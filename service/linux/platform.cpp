@@ -78,4 +78,8 @@ QChar folderSeparator()
     return u'/';
 }
 
+// The journal keeps whole texts.
+void registerMessageFile(const QString &, const QString &) {}
+void removeMessageFile(const QString &) {}
+
 } // namespace Platform

@@ -1,0 +1,19 @@
+# SPDX-FileCopyrightText: 2026 The Quillmere developers
+# SPDX-License-Identifier: MIT
+
+enable_language(RC)
+
+# Version resource and manifest; the program that writes event records has the message table for them too.
+function(quillmere_platform_executable target description)
+    set(folder ${PROJECT_SOURCE_DIR}/packaging/windows)
+    configure_file(${folder}/executable.rc.in ${CMAKE_CURRENT_BINARY_DIR}/${target}.rc @ONLY)
+    target_sources(${target} PRIVATE ${CMAKE_CURRENT_BINARY_DIR}/${target}.rc)
+    target_include_directories(${target} PRIVATE $<$<COMPILE_LANGUAGE:RC>:${folder}>)
+    set_property(SOURCE ${CMAKE_CURRENT_BINARY_DIR}/${target}.rc PROPERTY OBJECT_DEPENDS ${folder}/executable.manifest)
+endfunction()
+
+# Every test has the one common data folder of its Wine. The bin folder is what goes to a server: no tests in it.
+function(quillmere_platform_test target)
+    set_target_properties(${target} PROPERTIES RUNTIME_OUTPUT_DIRECTORY ${PROJECT_BINARY_DIR}/tests/bin)
+    set_tests_properties(${target} PROPERTIES RESOURCE_LOCK common-data-folder)
+endfunction()
