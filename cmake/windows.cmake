@@ -3,6 +3,9 @@
 
 enable_language(RC)
 
+# The bin folder is what goes to a server: no tests in it.
+set(QUILLMERE_TEST_FOLDER ${PROJECT_BINARY_DIR}/tests/bin)
+
 # Version resource and manifest; the program that writes event records has the message table for them too.
 function(quillmere_platform_executable target description)
     set(folder ${PROJECT_SOURCE_DIR}/packaging/windows)
@@ -10,10 +13,14 @@ function(quillmere_platform_executable target description)
     target_sources(${target} PRIVATE ${CMAKE_CURRENT_BINARY_DIR}/${target}.rc)
     target_include_directories(${target} PRIVATE $<$<COMPILE_LANGUAGE:RC>:${folder}>)
     set_property(SOURCE ${CMAKE_CURRENT_BINARY_DIR}/${target}.rc PROPERTY OBJECT_DEPENDS ${folder}/executable.manifest)
+    # Tests look for it in their own folder.
+    add_custom_command(TARGET ${target} POST_BUILD
+        COMMAND ${CMAKE_COMMAND} -E make_directory ${QUILLMERE_TEST_FOLDER}
+        COMMAND ${CMAKE_COMMAND} -E copy_if_different $<TARGET_FILE:${target}> ${QUILLMERE_TEST_FOLDER})
 endfunction()
 
-# Every test has the one common data folder of its Wine. The bin folder is what goes to a server: no tests in it.
+# Every test has the one common data folder of its Wine.
 function(quillmere_platform_test target)
-    set_target_properties(${target} PROPERTIES RUNTIME_OUTPUT_DIRECTORY ${PROJECT_BINARY_DIR}/tests/bin)
+    set_target_properties(${target} PROPERTIES RUNTIME_OUTPUT_DIRECTORY ${QUILLMERE_TEST_FOLDER})
     set_tests_properties(${target} PROPERTIES RESOURCE_LOCK common-data-folder)
 endfunction()

@@ -207,14 +207,14 @@ private slots:
         const TestServer server;
         QDir common(server.folder.path());
         QVERIFY(common.cdUp() && common.cdUp());
-        QVERIFY(QDir(common.path()).removeRecursively());
+        QVERIFY(QDir(common.filePath(u"Brackwater"_s)).removeRecursively());
         QCoreApplication::setOrganizationName(organization);
         QCoreApplication::setApplicationName(application);
         const bool unnamed = QCoreApplication::organizationName().isEmpty();
         QVERIFY(unnamed);
-        QCOMPARE(QMR::Quillmere::configDirectory(), common.path());
+        QCOMPARE(QMR::Quillmere::configDirectory(), QDir::toNativeSeparators(common.path()));
         QVERIFY(common.exists());
-        QVERIFY(common.isEmpty());
+        QVERIFY(!common.exists(u"Brackwater"_s));
     }
 
     void stopDropsApplicationsThenSaysSo()
