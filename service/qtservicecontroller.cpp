@@ -140,13 +140,18 @@ bool QtServiceController::install(const QString &account, const QString &passwor
         return false;
     }
     describe(service.get());
+    Scm::source.registerMessageFile(name, path);
     return true;
 }
 
 bool QtServiceController::uninstall() const
 {
     const OpenService service(name, Scm::ManagerAllAccess, Scm::Delete);
-    return service && Scm::functions.deleteService(service.get());
+    if (!service || !Scm::functions.deleteService(service.get())) {
+        return false;
+    }
+    Scm::source.removeMessageFile(name);
+    return true;
 }
 
 bool QtServiceController::start(const QStringList &arguments) const

@@ -8,7 +8,8 @@
 namespace Scm {
 
 Functions functions{};
-Source source{Platform::provide, Platform::lastError, Platform::errorText};
+Source source{Platform::provide, Platform::lastError, Platform::errorText, Platform::registerMessageFile,
+              Platform::removeMessageFile};
 
 bool available()
 {

@@ -78,6 +78,9 @@ struct Source
     void (*provide)(Functions &functions);
     Dword (*lastError)(); // of the calling thread
     QString (*errorText)(Dword code);
+    // How viewers of the event log show this source's records; what fails there is not reported.
+    void (*registerMessageFile)(const QString &source, const QString &file);
+    void (*removeMessageFile)(const QString &source);
 };
 
 extern Source source;

@@ -252,6 +252,18 @@ struct FakeFunctions
         return !fake->startExpires && fake->savedWaits.forStart(start, milliseconds);
     }
 
+    static void registerMessageFile(const QString &source, const QString &file)
+    {
+        fake->call(u"registerMessageFile"_s, source);
+        fake->messageFiles.insert(source, file);
+    }
+
+    static void removeMessageFile(const QString &source)
+    {
+        fake->call(u"removeMessageFile"_s, source);
+        fake->messageFiles.remove(source);
+    }
+
     // A dispatcher that is held would be waited for in vain.
     static bool waitForEnd(QThread &thread, unsigned milliseconds)
     {
@@ -289,7 +301,8 @@ FakeScm::FakeScm() : savedFunctions(Scm::functions), savedSource(Scm::source), s
         nullptr, // the service configuration is never asked for
         nullptr,
     };
-    Scm::source = {noFunctions, lastError, errorText};
+    Scm::source = {noFunctions, lastError, errorText, FakeFunctions::registerMessageFile,
+                   FakeFunctions::removeMessageFile};
     waits = {FakeFunctions::sleep, FakeFunctions::waitForStart, FakeFunctions::waitForEnd};
 }
 

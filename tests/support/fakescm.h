@@ -46,6 +46,8 @@ public:
 
     // The manager's services; only while no dispatcher runs.
     QMap<QString, Service> services;
+    // By event source.
+    QMap<QString, QString> messageFiles;
     // Answers to queries that come after one another, before the service's own state counts again.
     QList<Scm::Dword> statesToReport;
 

@@ -74,7 +74,7 @@ void TestQtServiceController::opensActsAndClosesInOrder_data()
     row("isRunning", [](const auto &c) { return c.isRunning(); }, u"0x0"_s, u"0x4"_s,
         {u"queryServiceStatus"_s});
     row("uninstall", [](const auto &c) { return c.uninstall(); }, u"0xf003f"_s, u"0x10000"_s,
-        {u"deleteService"_s});
+        {u"deleteService"_s, u"removeMessageFile Quill Mere"_s});
     row("pause", [](const auto &c) { return c.pause(); }, u"0x1"_s, u"0x40"_s, {u"controlService 2"_s});
     row("resume", [](const auto &c) { return c.resume(); }, u"0x1"_s, u"0x40"_s, {u"controlService 3"_s});
     row(
@@ -133,6 +133,7 @@ void TestQtServiceController::failsCleanlyAtEachStep()
     QVERIFY(!operation(QtServiceController(Name)));
     QCOMPARE(scm.openHandles(), 0);
     QVERIFY(scm.services.contains(Name));
+    QVERIFY(scm.callsOf(u"removeMessageFile"_s).isEmpty());
     if (!failing.isEmpty()) {
         QCOMPARE(scm.callsOf(failing).size(), skipped + 1);
     }
@@ -200,6 +201,7 @@ void TestQtServiceController::installsForTheAccount()
         u"openScManager 0xf003f"_s,
         u"createService Quill Mere 0xf01ff"_s,
         u"changeServiceConfig2 1 Keeps radios"_s,
+        u"registerMessageFile Quill Mere"_s,
         u"closeServiceHandle service"_s,
         u"closeServiceHandle manager"_s,
     };
@@ -211,6 +213,7 @@ void TestQtServiceController::installsForTheAccount()
     QCOMPARE(service.binaryPath, Platform::executablePath());
     QVERIFY(service.binaryPath.contains(u"tst_qtservicecontroller"_s));
     QVERIFY(!service.binaryPath.contains(u'"'));
+    QCOMPARE(scm.messageFiles.value(Name), service.binaryPath);
     QCOMPARE(service.startType, Scm::Dword(3));
     QCOMPARE(service.errorControl, Scm::Dword(1));
     QTEST(service.type, "type");
@@ -270,6 +273,7 @@ void TestQtServiceController::installLeavesNothingOpenWhenRefused()
     QVERIFY(!QtServiceController(Name).install(u"someone"_s, u"pw"_s));
     QCOMPARE(scm.openHandles(), 0);
     QVERIFY(scm.services.isEmpty());
+    QVERIFY(scm.messageFiles.isEmpty());
     if (failing == u"createService"_s) {
         QCOMPARE(scm.takeCalls().last(), u"closeServiceHandle manager"_s);
     }
