@@ -1,0 +1,79 @@
+#!/usr/bin/env python3
+# SPDX-FileCopyrightText: 2026 The Quillmere developers
+# SPDX-License-Identifier: MIT
+"""What the built executables say of themselves. QUILLMERE_BIN names the folder of the executables."""
+
+import os
+import pathlib
+import unittest
+
+import peinfo
+
+BIN = pathlib.Path(os.environ["QUILLMERE_BIN"])
+EXECUTABLES = sorted(BIN.glob("*.exe"))
+SERVER = BIN / "quillmere.exe"
+
+# What every Windows 10 and Windows Server 2016 has.
+SYSTEM_LIBRARIES = {
+    "advapi32.dll", "api-ms-win-core-synch-l1-2-0.dll", "authz.dll", "iphlpapi.dll", "kernel32.dll", "msvcrt.dll",
+    "netapi32.dll", "ole32.dll", "secur32.dll", "shell32.dll", "user32.dll", "userenv.dll", "version.dll",
+    "winhttp.dll", "winmm.dll", "ws2_32.dll",
+}  # fmt: skip
+
+MESSAGE_TABLE = bytes.fromhex(
+    "01000000"  # one block
+    "010000c0"  # from identifier
+    "010000c0"  # to identifier
+    "10000000"  # its entries begin here
+    "1000"  # length of the entry
+    "0100"  # UTF-16
+    "250031000d000a000000"  # "%1", carriage return, line feed, null
+    "0000"  # padding
+)
+
+
+class Executables(unittest.TestCase):
+    def test_are_those_that_an_operator_gets(self):
+        names = [path.name for path in EXECUTABLES]
+        self.assertIn("quillmere.exe", names)
+        self.assertIn("quillmere-radio.exe", names)
+        self.assertLessEqual(set(names), {"quillmere.exe", "quillmere-radio.exe", "quillmere-watch.exe"})
+
+    def test_need_only_the_libraries_of_the_system(self):
+        for path in EXECUTABLES:
+            with self.subTest(path.name):
+                self.assertLessEqual(set(peinfo.imported_libraries(path)), SYSTEM_LIBRARIES)
+
+    def test_are_protected(self):
+        for path in EXECUTABLES:
+            with self.subTest(path.name):
+                on = {"HIGH_ENTROPY_VA", "DYNAMIC_BASE", "NX_COMPAT", "RELOC"}
+                self.assertLessEqual(on, peinfo.hardening(path))
+
+    def test_hold_no_time_and_no_folder_of_the_build(self):
+        for path in EXECUTABLES:
+            with self.subTest(path.name):
+                self.assertFalse(peinfo.has_timestamp(path))
+                self.assertNotIn(os.fsencode(pathlib.Path(__file__).resolve().parents[3]), path.read_bytes())
+
+    def test_have_the_version(self):
+        for path in EXECUTABLES:
+            with self.subTest(path.name):
+                self.assertEqual(peinfo.version(path), ((1, 38, 3, 27), (1, 38, 3, 27)))
+                self.assertIn((24, 1, 1033), peinfo.resource_ids(path))
+
+    def test_keep_the_ansi_code_page_and_take_long_paths(self):
+        manifest = SERVER.read_bytes()
+        self.assertIn(b"longPathAware", manifest)
+        self.assertNotIn(b"<activeCodePage", manifest)
+
+
+class MessageTable(unittest.TestCase):
+    def test_shows_a_record_as_it_is(self):
+        self.assertEqual(len(MESSAGE_TABLE), 32)
+        self.assertIn((11, 1, 1033), peinfo.resource_ids(SERVER))
+        self.assertEqual(peinfo.message_table(SERVER), MESSAGE_TABLE)
+
+
+if __name__ == "__main__":
+    unittest.main(verbosity=2)
