@@ -82,10 +82,11 @@ int QtServiceBase::runAsService(const QStringList &runArguments)
     QCoreApplication::eventDispatcher()->installNativeEventFilter(QtServiceAppEventFilter::instance());
     auto receiver = std::make_unique<QtServiceControllerHandler>(this, runtime);
     runtime->acceptControls(receiver.get());
-    runtime->reportStopped(static_cast<Scm::Dword>(executeApplication()));
-
+    const int exitCode = executeApplication();
     // A control that came too late for the event loop would wait for it for ever.
     runtime->end();
+    runtime->waitForControls();
+    runtime->reportStopped(static_cast<Scm::Dword>(exitCode));
     if (!thread->isFinished()) {
         waits.forEnd(*thread, EndTimeout);
     }

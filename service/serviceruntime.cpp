@@ -8,6 +8,8 @@
 #include <QCoreApplication>
 #include <QEvent>
 
+#include <chrono>
+
 using namespace Qt::StringLiterals;
 
 namespace {
@@ -107,6 +109,7 @@ void ServiceRuntime::handle(Scm::Dword control)
 {
     {
         std::unique_lock lock(mutex);
+        ++controlsInside;
         switch (control) {
         case Scm::ControlStartUp:
             report(Scm::StateStartPending);
@@ -138,6 +141,9 @@ void ServiceRuntime::handle(Scm::Dword control)
         }
     }
     repeatStatus();
+    const std::lock_guard lock(mutex);
+    --controlsInside;
+    handled.notify_all();
 }
 
 // No time-out: a start() that never returns keeps the service manager waiting, as it must.
@@ -207,6 +213,15 @@ void ServiceRuntime::controlHandled()
     const std::lock_guard lock(mutex);
     ++handledEvents;
     handled.notify_all();
+}
+
+// A service manager that hears of the end of a service before the answer to its control may wait for that
+// answer in vain: Wine's does, for ten seconds.
+void ServiceRuntime::waitForControls()
+{
+    constexpr auto Limit = std::chrono::seconds(1);
+    std::unique_lock lock(mutex);
+    handled.wait_for(lock, Limit, [this] { return controlsInside == 0; });
 }
 
 void ServiceRuntime::reportStopped(Scm::Dword exitCode)

@@ -51,6 +51,8 @@ public:
     void acceptControls(QObject *controlReceiver);
     // The receiver has dealt with an event.
     void controlHandled();
+    // Waits, a bounded time, until the control handler is back with the service manager.
+    void waitForControls();
     // The last report of the run.
     void reportStopped(Scm::Dword exitCode);
     // Lets go of every thread that waits for the main thread, and of the receiver. Idempotent.
@@ -73,6 +75,7 @@ private:
     QStringList arguments;
     QObject *receiver = nullptr;
     unsigned handledEvents = 0;
+    unsigned controlsInside = 0;
     bool ended = false;
 
     std::mutex statusMutex; // so that reports neither overtake nor tear one another

@@ -55,6 +55,7 @@ class TestServiceRuntime : public QObject
 private slots:
     void runsFromStartToStop();
     void runsTwiceInOneProcess();
+    void answersTheStopBeforeItReportsTheEnd();
     void passesTheStartParametersToTheApplication();
     void acceptsControlsByItsFlags_data();
     void acceptsControlsByItsFlags();
@@ -129,6 +130,24 @@ void TestServiceRuntime::runsTwiceInOneProcess()
         QCOMPARE(runService(service, [&scm] { stopWhenRunning(scm); }), 0);
         QCOMPARE(service.takeCalls(), QStringList({u"start"_s, u"stop"_s}));
         QCOMPARE(withoutRepeats(scm.reportedStates()), QList<Scm::Dword>({2, 4, 3, 1}));
+    }
+}
+
+// The control handler's own last report comes before the end, however the threads run.
+void TestServiceRuntime::answersTheStopBeforeItReportsTheEnd()
+{
+    FakeScm scm;
+    TestService service({});
+    for (int run = 0; run < 50; ++run) {
+        scm.launch({Name});
+        const qsizetype before = scm.reports().size();
+        QCOMPARE(runService(service,
+                            [&scm] {
+                                scm.waitForServiceMain();
+                                scm.postControl(Scm::ControlStop);
+                            }),
+                 0);
+        QCOMPARE(scm.reportedStates().mid(before), QList<Scm::Dword>({2, 4, 4, 3, 3, 1}));
     }
 }
 
