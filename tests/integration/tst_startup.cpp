@@ -287,6 +287,9 @@ private slots:
         server.stop();
         server.log.take();
         const TestServer other; // its folder is the one that would be found now
+        if (other.folder.path() == server.folder.path()) {
+            QSKIP("the platform has one data folder");
+        }
         server->start();
         QVERIFY(!QFile::exists(other.folder.databaseFile()));
         QVERIFY(QFile::exists(server.folder.databaseFile()));

@@ -1,7 +1,7 @@
 // SPDX-FileCopyrightText: 2026 The Quillmere developers
 // SPDX-License-Identifier: MIT
 
-// servicecontrol NAME status | config | control CODE
+// servicecontrol NAME status | config | start | control CODE
 // Asks the service manager about a service, past the server's own command line, and prints one JSON object; a
 // call that fails prints {"error":CODE} and ends with 1.
 
@@ -94,6 +94,9 @@ int main(int argc, char **argv)
     }
     if (verb == "config"_L1) {
         return print(configuration(service));
+    }
+    if (verb == "start"_L1) {
+        return print(StartServiceW(service, 0, nullptr) ? state(service) : failure());
     }
     return print(control(service, arguments.value(3).toUInt()));
 }

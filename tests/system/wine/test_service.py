@@ -126,15 +126,6 @@ class Installation(ServiceTest):
             )
             self.assertEqual(self.server.status(), {"error": DOES_NOT_EXIST})
 
-    def test_fails_while_a_removed_service_still_runs(self):
-        self.server.run("-install")
-        self.server.start()
-        self.server.run("-uninstall")
-        self.assertEqual(self.server.run("-install"), (-1, "", f"The service {NAME} could not be installed\n"))
-        self.assertIsNone(self.server.registry_value(EVENT_SOURCE, "EventMessageFile"))
-        wine.run("taskkill.exe", "/f", "/im", "quillmere.exe")
-        wine.wait_for(lambda: self.server.run("-install").out == self.installed_text(), "an installation")
-
 
 class CommandLine(ServiceTest):
     def version(self, installed, running):
@@ -165,7 +156,7 @@ class CommandLine(ServiceTest):
             self.assertEqual(self.server.run(option), (0, usage, ""))
 
     def test_start_without_a_service_fails_and_is_not_logged(self):
-        for arguments in ([], ["-I"], ["/install"], ["--install"]):
+        for arguments in ([], ["-I"]):
             with self.subTest(arguments):
                 self.assertEqual(
                     self.server.run(*arguments), (-4, "", f"The service {NAME} could not start\n")
@@ -199,7 +190,7 @@ class Running(ServiceTest):
         self.server.run("-install")
 
     def test_start_from_the_console_with_parameters(self):
-        self.assertEqual(self.server.start("first", "second with spaces"), (0, "", ""))
+        self.assertEqual(self.server.start_from_console("first", "second with spaces"), (0, "", ""))
         status = self.server.status()
         self.assertEqual(
             status,
@@ -254,7 +245,7 @@ class Running(ServiceTest):
                     rows.fetchall(), [("0011AABB22CC33DD", "123456789ABCDD", (127 << 24) + 2, 3)]
                 )
             self.server.forget_records()
-            self.assertEqual(self.server.start(), (0, "", ""))
+            self.server.start()
             # The application that connects is told of the radio that was stored.
             with socket.create_connection(("127.0.0.1", self.server.tcp_port), 30) as application:
                 self.assertIn(Radio.ESN, application.recv(100))
@@ -286,7 +277,7 @@ class Running(ServiceTest):
 
     def test_stops_within_the_wait_and_starts_again(self):
         for _ in range(2):
-            self.assertEqual(self.server.start(), (0, "", ""))
+            self.server.start()
             # No warning: the state was seen as stopped before the wait was over.
             self.assertEqual(self.server.run("-terminate"), (0, "", ""))
             self.assertEqual(self.server.status()["state"], STOPPED)
@@ -352,7 +343,7 @@ class Adversity(ServiceTest):
     def test_read_only_data_folder(self):
         self.server.data.joinpath("qmr.cfg").unlink()
         with self.read_only(self.server.data):
-            self.assertEqual(self.server.run(), (0, "", ""))
+            self.server.start()
             self.assert_idle(f"Failed to open database ('{DATA}\\qmr.db')")
             record = self.server.records()[0]
             self.assertEqual((record.type, record.id), ("error", ID))
@@ -361,7 +352,7 @@ class Adversity(ServiceTest):
         self.server.data.joinpath("qmr.cfg").unlink()
         self.server.data.rmdir()
         self.server.data.touch()
-        self.assertEqual(self.server.run(), (0, "", ""))
+        self.server.start()
         self.assert_idle(f"Failed to open database ('{DATA}\\qmr.db')")
 
 
@@ -374,7 +365,7 @@ class Places(ServiceTest):
         shown = shown or path
         self.assertEqual(answer, (0, f"The service {NAME} has been installed under: {shown}\n", ""))
         self.assertEqual(self.server.config()["path"], path)
-        self.assertEqual(self.server.start(), (0, "", ""))
+        self.server.start()
         self.server.wait_for_record("Service started")
         self.assertEqual(self.server.run("-terminate"), (0, "", ""))
         return path
@@ -396,7 +387,7 @@ class Places(ServiceTest):
         self.assertEqual(self.server.config()["account"], ".\\??")
         self.server.run("-u")
         self.server.run("-i")
-        self.assertEqual(self.server.start("\u0416\u65e5", "\U0001f600"), (0, "", ""))
+        self.assertEqual(self.server.start_from_console("\u0416\u65e5", "\U0001f600"), (0, "", ""))
         self.assertEqual(self.server.run("-\u0416"), (-4, "", f"The service {NAME} could not start\n"))
 
 
