@@ -53,7 +53,7 @@ private:
     Quillmere *server;
     QTcpServer tcpServer;
     std::set<QTcpSocket *> applications; // children of tcpServer
-    QTcpSocket *awaited = nullptr; // while the rest of its message is waited for
+    QTcpSocket *awaited = nullptr;       // while the rest of its message is waited for
 };
 
 } // namespace QMR

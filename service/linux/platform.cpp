@@ -79,7 +79,11 @@ QChar folderSeparator()
 }
 
 // The journal keeps whole texts.
-void registerMessageFile(const QString &, const QString &) {}
-void removeMessageFile(const QString &) {}
+void registerMessageFile(const QString &, const QString &)
+{
+}
+void removeMessageFile(const QString &)
+{
+}
 
 } // namespace Platform

@@ -14,7 +14,8 @@ namespace {
 QString folderTemplate()
 {
     const QFileInfo memory(QStringLiteral("/dev/shm"));
-    return (memory.isWritable() ? memory.filePath() : QDir::tempPath()) + QStringLiteral("/quillmere-test-XXXXXX");
+    return (memory.isWritable() ? memory.filePath() : QDir::tempPath()) +
+           QStringLiteral("/quillmere-test-XXXXXX");
 }
 
 } // namespace
