@@ -246,6 +246,7 @@ int main(int argc, char **argv)
     Collector collector;
     benchmark::RunSpecifiedBenchmarks(&collector);
     Fixture::release();
+    folder = nullptr;
     collector.summarise("A known radio registers again", "knownRadio", "knownRadioDatabaseAlone");
     collector.summarise("A new radio registers and leaves", "newRadio", "newRadioDatabaseAlone");
     std::printf("\n* with the growth of the database alone taken off; to stay at or under 1.5\n");

@@ -84,10 +84,11 @@ void RegistrationManager::reject(Qmrs::Rejection reason) const
     }
 }
 
-// NOLINTNEXTLINE(performance-unnecessary-value-param): the record is held for the call
+// NOLINTBEGIN(performance-unnecessary-value-param): the record is held for the call
 void RegistrationManager::sendMessage(Qmrs::Opcode opcode, quint16 payloadLength, Qmrs::Buffer &message,
                                       std::shared_ptr<RadioEntry> radio, quint16 destinationPort,
                                       bool pending)
+// NOLINTEND(performance-unnecessary-value-param)
 {
     Qmrs::writeHeader(message, static_cast<quint8>(radio->protocolVersion & 0xFF), radio->esn, opcode,
                       payloadLength);

@@ -17,18 +17,21 @@
 #include <QTimer>
 
 #include <memory>
+#include <utility>
+#include <vector>
 
 namespace {
 
 constexpr unsigned StartTimeout = 20000; // ms
 constexpr unsigned EndTimeout = 1000;    // ms
 
-// Deletes the thread if it has finished. One that has not is left alone for good: its dispatcher is out of
-// our hands, and the process is about to end.
+// Deletes the thread if it has finished. One that has not is left alone for good, and kept where it can be
+// found: its dispatcher is out of our hands, and the process is about to end.
 void dismiss(std::unique_ptr<HandlerThread> &thread)
 {
+    static auto *const leftAlone = new std::vector<std::unique_ptr<HandlerThread>>;
     if (!thread->isFinished()) {
-        static_cast<void>(thread.release());
+        leftAlone->push_back(std::move(thread));
     }
 }
 

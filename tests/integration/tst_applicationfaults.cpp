@@ -184,7 +184,7 @@ private slots:
         flood.connectToHost(QHostAddress::LocalHost, server->applicationPort());
         QTRY_COMPARE(server->log.count(Connected), 1);
         server->log.take();
-        const QByteArray rubbish(32 * 1024 * 1024, 'x');
+        const QByteArray rubbish(32LL * 1024 * 1024, 'x');
         flood.write(rubbish);
         constexpr qsizetype Signals = 2000;
         QTRY_VERIFY(server->log.records().size() >= Signals);
@@ -217,7 +217,7 @@ private slots:
     {
         connectApplications(1);
         constexpr int Headers = 20000; // 160 kB
-        applications[0]->sends(QByteArray(8 * Headers, 'x'));
+        applications[0]->sends(QByteArray(8LL * Headers, 'x'));
         // At least as long as more comes in than the server reads ahead, every 8 bytes are read.
         constexpr int ReadAhead = 64 * 1024 / 8;
         QTRY_VERIFY(server->log.records().size() >= Headers - ReadAhead);

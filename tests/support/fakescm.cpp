@@ -249,7 +249,13 @@ struct FakeFunctions
     static bool waitForStart(Semaphore &start, unsigned milliseconds)
     {
         note(u"start"_s, milliseconds);
-        return !fake->startExpires && fake->savedWaits.forStart(start, milliseconds);
+        if (!fake->startExpires) {
+            return fake->savedWaits.forStart(start, milliseconds);
+        }
+        // Long before the wait is over the dispatcher is in its call.
+        std::unique_lock lock(fake->mutex);
+        fake->waitUntil(lock, [] { return fake->dispatchersRunning > 0; });
+        return false;
     }
 
     static void registerMessageFile(const QString &source, const QString &file)
@@ -367,6 +373,7 @@ bool FakeScm::dispatch(const Scm::TableEntry *table)
         return false;
     }
     ++dispatchersRunning;
+    changed.notify_all();
     dispatcherId = std::this_thread::get_id();
     std::thread mainFunction;
     if (!mainWithheld) {

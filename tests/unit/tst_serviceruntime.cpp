@@ -461,8 +461,8 @@ void TestServiceRuntime::refusedControlHandlerLeavesTheLoopRunning()
                             scm.waitForServiceMain();
                             reportsWhileRunning = scm.reports().size();
                             // Only the test ends the loop.
-                            QMetaObject::invokeMethod(QCoreApplication::instance(), &QCoreApplication::quit,
-                                                      Qt::QueuedConnection);
+                            QCoreApplication::postEvent(QCoreApplication::instance(),
+                                                        new QEvent(QEvent::Quit));
                         }),
              0);
     QCOMPARE(reportsWhileRunning, 0);
