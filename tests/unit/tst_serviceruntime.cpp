@@ -461,8 +461,8 @@ void TestServiceRuntime::refusedControlHandlerLeavesTheLoopRunning()
                             scm.waitForServiceMain();
                             reportsWhileRunning = scm.reports().size();
                             // Only the test ends the loop.
-                            QCoreApplication::postEvent(QCoreApplication::instance(),
-                                                        new QEvent(QEvent::Quit));
+                            QMetaObject::invokeMethod(QCoreApplication::instance(), "quit",
+                                                      Qt::QueuedConnection);
                         }),
              0);
     QCOMPARE(reportsWhileRunning, 0);

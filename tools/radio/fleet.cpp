@@ -35,6 +35,7 @@ Identity fleetMember(const Identity &first, quint32 pendingPercent, quint32 inde
     return member;
 }
 
+// NOLINTNEXTLINE(modernize-pass-by-value): copied once in a run
 Fleet::Fleet(const Settings &newSettings)
     : settings(newSettings), report(settings.json), members(settings.fleet.count)
 {
@@ -173,7 +174,7 @@ void Fleet::sendDeregistrations(qint64 now)
     if (deregisteringSince < 0) {
         deregisteringSince = now;
     }
-    const quint64 due = std::min<quint64>({dueBy(now, deregisteringSince), statistics.sent, members.size()});
+    const auto due = std::min<quint64>({dueBy(now, deregisteringSince), statistics.sent, members.size()});
     while (statistics.deregistered < due && !failed) {
         const auto index = static_cast<quint32>(statistics.deregistered);
         const Identity member = fleetMember(settings.radio, settings.fleet.pendingPercent, index);

@@ -14,6 +14,7 @@ const auto NoValue = u"\u0001"_s;
 
 } // namespace
 
+// NOLINTNEXTLINE(modernize-pass-by-value): copied once in a run
 OptionReader::OptionReader(const QString &newCommand) : command(newCommand)
 {
     parser.setOptionsAfterPositionalArgumentsMode(QCommandLineParser::ParseAsOptions);

@@ -30,6 +30,7 @@ QMR::Esn registeredEsn(const Identity &radio)
     return std::get<QMR::Qmrs::Registration>(message).esn;
 }
 
+// NOLINTNEXTLINE(modernize-pass-by-value): copied once in a run
 Radio::Radio(const Settings &newSettings)
     : settings(newSettings),
       report(settings.json),
