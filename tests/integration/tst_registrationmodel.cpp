@@ -3,8 +3,8 @@
 
 // Drives the server at random against a plain model of its rules, and compares everything after each step.
 //   QUILLMERE_MODEL_SEQUENCES  how many sequences to run (default 2000; every tenth over real sockets)
-//   QUILLMERE_MODEL_SEED       the seed of the first one (default 1; each further one has the next)
-// A failure prints the sequence and the seed that brings it back.
+//   QUILLMERE_MODEL_SEED       seed of the first one (default 1; each further one has the next)
+// A failure prints the sequence, and its seed, which brings it back.
 
 #include "tests/support/modelscenario.h"
 
