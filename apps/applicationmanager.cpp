@@ -4,6 +4,7 @@
 #include "apps/applicationmanager.h"
 
 #include "core/quillmere.h"
+#include "service/platform.h"
 
 #include <QTcpSocket>
 #include <QTimer>
@@ -57,6 +58,7 @@ ApplicationManager::~ApplicationManager()
 
 void ApplicationManager::applicationConnected()
 {
+    Platform::endEventLoopTurn();
     while (QTcpSocket *socket = tcpServer.nextPendingConnection()) {
         server->logMessage(u"Application connected from %1"_s.arg(socket->peerAddress().toString()),
                            QtServiceBase::Information, EventId);
@@ -105,6 +107,7 @@ void ApplicationManager::removeApplication(QTcpSocket *socket)
 
 void ApplicationManager::applicationDataAvailable()
 {
+    Platform::endEventLoopTurn();
     auto *socket = dynamic_cast<QTcpSocket *>(sender());
     while (socket && socket->bytesAvailable() > 0 && readMessage(socket)) {
     }

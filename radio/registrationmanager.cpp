@@ -4,6 +4,7 @@
 #include "radio/registrationmanager.h"
 
 #include "core/quillmere.h"
+#include "service/platform.h"
 
 #include <algorithm>
 
@@ -40,14 +41,17 @@ RegistrationManager::RegistrationManager(Quillmere *owner, quint16 registrationP
 // Exactly one datagram a call; one that is still pending raises the next notification.
 void RegistrationManager::radioMessageReceived()
 {
+    Platform::endEventLoopTurn();
     Qmrs::Buffer buffer{};
     QHostAddress sender;
     quint16 senderPort = 0;
     const qint64 received = socket.readDatagram(reinterpret_cast<char *>(buffer.data()), Qmrs::MaximumMessage,
                                                 &sender, &senderPort);
-    // A failed read has no bytes and is rejected as such.
-    const auto decoded =
-        Qmrs::decodeRadioMessage(QByteArrayView(buffer.data(), std::max<qint64>(received, 0)));
+    // A failed read has no bytes and is rejected as such. A longer datagram fills the buffer, all zeros
+    // before, but where the system calls it an error the count may say none.
+    const bool isCut = received <= 0 && buffer[0] != 0;
+    const qint64 size = isCut ? Qmrs::MaximumMessage : std::max<qint64>(received, 0);
+    const auto decoded = Qmrs::decodeRadioMessage(QByteArrayView(buffer.data(), size));
     sender = plainAddress(sender);
 
     if (const auto *registration = std::get_if<Qmrs::Registration>(&decoded)) {

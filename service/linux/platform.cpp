@@ -61,6 +61,11 @@ void sleepMilliseconds(unsigned milliseconds)
     QThread::msleep(milliseconds);
 }
 
+// Qt's turn of the loop serves each socket once here.
+void endEventLoopTurn()
+{
+}
+
 QString commonDataFolder()
 {
     const QString named = qEnvironmentVariable("QUILLMERE_APPDATA");

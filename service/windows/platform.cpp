@@ -3,6 +3,7 @@
 
 #include "service/platform.h"
 
+#include <QAbstractEventDispatcher>
 #include <QLibrary>
 
 #include <array>
@@ -83,6 +84,12 @@ QString executablePath()
 void sleepMilliseconds(unsigned milliseconds)
 {
     Sleep(milliseconds);
+}
+
+// Qt's turn of the loop lasts here until no message of any socket is left.
+void endEventLoopTurn()
+{
+    QAbstractEventDispatcher::instance()->interrupt();
 }
 
 QString commonDataFolder()
