@@ -2,10 +2,12 @@
 // SPDX-License-Identifier: MIT
 
 #include "tests/support/connections.h"
+#include "tests/support/eventloop.h"
 #include "tests/support/scriptedapplication.h"
 #include "tests/support/scriptedradio.h"
 #include "tests/support/testserver.h"
 
+#include <QRegularExpression>
 #include <QtTest>
 
 #include <memory>
@@ -18,6 +20,9 @@ namespace {
 const QString Connected = QStringLiteral("Application connected from 127.0.0.1");
 const QString Disconnected = QStringLiteral("Application disconnected from 127.0.0.1");
 const QString Lost = QStringLiteral("Network error: write message failed");
+
+// Matches every text but Disconnected.
+const QRegularExpression NotTheEnd(QStringLiteral("^(?!Application disconnected from )"));
 
 constexpr qint64 MaximumUnsent = 64LL * 1024 * 1024;
 constexpr qint64 LargestNotice = 8 + 277;
@@ -62,7 +67,9 @@ private slots:
     {
         connectApplications(2);
         const quint16 port = applications[0]->connection().localPort();
-        breakPeerOf(applications[0]->connection());
+        breakConnection(applications[0]->connection());
+        (*server)->notifyApplications((*server)->findRadio(radio->esn));
+        QVERIFY(applications[1]->sees(*radio, QMR::Registered));
         const QString error = QStringLiteral("Network error 7 on connection to 127.0.0.1:%1").arg(port);
         QCOMPARE(server->log.takeOnce(2), (QList{RecordingLog::record(Scm::EventWarning, error),
                                                  RecordingLog::record(Scm::EventInformation, Disconnected)}));
@@ -78,6 +85,9 @@ private slots:
         QVERIFY(brief.waitForConnected());
         server->log.take();
         reset(brief);
+        if (isEndOfConnectionLost()) {
+            QSKIP("this system does not tell of a connection that ended before it was accepted");
+        }
         const QStringList records = server->log.takeMessagesOnce(2);
         QCOMPARE(records.size(), 2);
         QVERIFY(records[0].startsWith(QStringLiteral("Application connected from")));
@@ -111,9 +121,10 @@ private slots:
         for (size_t i = 1; i < Count; i += 2) {
             QCOMPARE(applications[i]->receives(3).size(), 3);
         }
-        QTRY_COMPARE(server->log.records().size(), qsizetype{Count / 2});
-        const QStringList expected(Count / 2, Disconnected);
-        QCOMPARE(server->log.takeMessages(), expected);
+        QTRY_COMPARE(server->log.count(Disconnected), qsizetype{Count / 2});
+        const QStringList others = server->log.takeMessages().filter(NotTheEnd);
+        QCOMPARE(others.size(), isWriteAfterResetANetworkError() ? qsizetype{Count / 2} : 0);
+        QCOMPARE(others.filter(QStringLiteral("Network error 7 on connection to 127.0.0.1:")), others);
         (*server)->notifyApplications(entry);
         for (size_t i = 1; i < Count; i += 2) {
             QCOMPARE(applications[i]->receives(1).size(), 1);
@@ -187,7 +198,14 @@ private slots:
         const QByteArray rubbish(32LL * 1024 * 1024, 'x');
         flood.write(rubbish);
         constexpr qsizetype Signals = 2000;
-        QTRY_VERIFY(server->log.records().size() >= Signals);
+        QVERIFY(runsUntil([this] { return server->log.records().size() >= Signals; }));
+        // What else waits in the event loop has its turn: timers, and controls of the service manager.
+        bool isTimed = false;
+        bool isPosted = false;
+        QTimer::singleShot(100, this, [&isTimed] { isTimed = true; });
+        QMetaObject::invokeMethod(
+            this, [&isPosted] { isPosted = true; }, Qt::QueuedConnection);
+        QVERIFY(runsUntil([&] { return isTimed && isPosted; }));
         // Eight bytes go with each signal. What the server holds beyond those, and what lies in the
         // system's buffers, has left the sender; the rest waits with it.
         QVERIFY2(flood.bytesToWrite() > rubbish.size() / 2,
@@ -199,7 +217,10 @@ private slots:
         applications[0]->reports(radio->esn, radio->address());
         QVERIFY(applications[0]->sees(*radio, QMR::Unconfirmed));
         reset(flood);
-        QTRY_COMPARE(server->log.count(Disconnected), 1);
+        if (isEndOfConnectionLost()) {
+            QSKIP("this system does not tell of an end behind unread bytes");
+        }
+        QVERIFY(runsUntil([this] { return server->log.count(Disconnected) == 1; }));
     }
 
     // The bound on what is read ahead is no bound on what is read.
@@ -220,7 +241,7 @@ private slots:
         applications[0]->sends(QByteArray(8LL * Headers, 'x'));
         // At least as long as more comes in than the server reads ahead, every 8 bytes are read.
         constexpr int ReadAhead = 64 * 1024 / 8;
-        QTRY_VERIFY(server->log.records().size() >= Headers - ReadAhead);
+        QVERIFY(runsUntil([this] { return server->log.records().size() >= Headers - ReadAhead; }));
         applications[0]->connection().disconnectFromHost();
         QTRY_COMPARE(server->log.count(Disconnected), 1);
     }

@@ -2,6 +2,7 @@
 // SPDX-License-Identifier: MIT
 
 #include "tests/support/backgroundapplication.h"
+#include "tests/support/connections.h"
 #include "tests/support/scriptedapplication.h"
 #include "tests/support/scriptedradio.h"
 #include "tests/support/testserver.h"
@@ -298,8 +299,11 @@ private slots:
         leaving.sends(message(9, 0) + reportOfRadio());
         leaving.connection().disconnectFromHost();
         QVERIFY(application->sees(*radio, QMR::Unconfirmed));
-        QTRY_COMPARE(server->log.count(Disconnected), 1);
         QCOMPARE(server->log.count(BadType), 1);
+        if (isEndOfConnectionLost()) {
+            QSKIP("this system does not tell of an end behind unread bytes; they were read");
+        }
+        QTRY_COMPARE(server->log.count(Disconnected), 1);
     }
 
 private:

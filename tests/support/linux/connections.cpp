@@ -37,7 +37,7 @@ void reset(QTcpSocket &socket)
     socket.abort();
 }
 
-void breakPeerOf(const QTcpSocket &socket)
+void breakConnection(QTcpSocket &socket)
 {
     for (int descriptor = 0; descriptor < DescriptorLimit; ++descriptor) {
         if (peerPort(descriptor) == socket.localPort()) {
@@ -50,4 +50,14 @@ void breakPeerOf(const QTcpSocket &socket)
         }
     }
     qFatal("no peer");
+}
+
+bool isWriteAfterResetANetworkError()
+{
+    return false;
+}
+
+bool isEndOfConnectionLost()
+{
+    return false;
 }

@@ -3,27 +3,7 @@
 
 #include "tests/support/connections.h"
 
-#include <QHostAddress>
-
 #include <winsock2.h>
-
-namespace {
-
-constexpr SOCKET HandleLimit = 0x10000;
-constexpr SOCKET HandleStep = 4; // handles are multiples of four
-
-quint16 peerPort(SOCKET handle)
-{
-    sockaddr_in address{};
-    int size = sizeof address;
-    if (getpeername(handle, reinterpret_cast<sockaddr *>(&address), &size) != 0 ||
-        address.sin_family != AF_INET) {
-        return 0;
-    }
-    return ntohs(address.sin_port);
-}
-
-} // namespace
 
 void reset(QTcpSocket &socket)
 {
@@ -35,13 +15,17 @@ void reset(QTcpSocket &socket)
     socket.abort();
 }
 
-void breakPeerOf(const QTcpSocket &socket)
+void breakConnection(QTcpSocket &socket)
 {
-    for (SOCKET handle = HandleStep; handle < HandleLimit; handle += HandleStep) {
-        if (peerPort(handle) == socket.localPort()) {
-            shutdown(handle, SD_RECEIVE);
-            return;
-        }
-    }
-    qFatal("no peer");
+    reset(socket);
+}
+
+bool isWriteAfterResetANetworkError()
+{
+    return true;
+}
+
+bool isEndOfConnectionLost()
+{
+    return GetProcAddress(GetModuleHandleW(L"ntdll"), "wine_get_version") != nullptr;
 }
