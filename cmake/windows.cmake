@@ -19,19 +19,8 @@ function(quillmere_platform_executable target description)
         COMMAND ${CMAKE_COMMAND} -E copy_if_different $<TARGET_FILE:${target}> ${QUILLMERE_TEST_FOLDER})
 endfunction()
 
-# Wine sends every datagram of a socket that is bound to 127.0.0.2, say, from 127.0.0.1: what needs radios with addresses
-# of their own is named in the summary as not run. Linux runs it.
-set(QUILLMERE_NOT_UNDER_WINE
-    tst_addressholder tst_applicationfaults tst_applicationlink tst_applicationreading tst_applicationviews
-    tst_discoverytimer tst_firstregistration tst_lostradio tst_pendinglapse tst_radioreports tst_radiotool
-    tst_registration tst_registrationmanager tst_registrationmodel tst_registrationorder tst_supervision
-    tst_timeoutcheck tst_watchtool)
-
 # Every test has the one common data folder of its Wine.
 function(quillmere_platform_test target)
-    if(target IN_LIST QUILLMERE_NOT_UNDER_WINE)
-        set_tests_properties(${target} PROPERTIES DISABLED TRUE)
-    endif()
     set_target_properties(${target} PROPERTIES RUNTIME_OUTPUT_DIRECTORY ${QUILLMERE_TEST_FOLDER})
     set_tests_properties(${target} PROPERTIES RESOURCE_LOCK common-data-folder)
 endfunction()
