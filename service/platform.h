@@ -25,8 +25,8 @@ QString executablePath();
 
 void sleepMilliseconds(unsigned milliseconds);
 
-// To be called at each event of a socket that others can keep busy for as long as they like: what else waits in
-// the calling thread's event loop, a stop of the service for one, then has its turn.
+// To be called at each event of a socket that others can keep busy for as long as they like: what else waits
+// in the calling thread's event loop, a stop of the service for one, then has its turn.
 void endEventLoopTurn();
 
 // The folder for data of all users of this machine; empty when the system does not tell.
