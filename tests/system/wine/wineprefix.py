@@ -257,6 +257,7 @@ class WinePrefix:
         kept = {k: v for k, v in os.environ.items() if k not in taken_out and not k.startswith(("WINE", "XDG_", "LC_"))}
         return kept | {
             "HOME": str(self._folder / "home"),
+            "TMPDIR": str(self._folder),  # Wine leaves its server's folder behind
             "LC_ALL": "C.UTF-8",
             "WINEPREFIX": str(self.prefix),
             "WINEARCH": "win64",
