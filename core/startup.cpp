@@ -77,8 +77,9 @@ QString Quillmere::configDirectory()
 {
     const QString organization = QCoreApplication::organizationName();
     const QString application = QCoreApplication::applicationName();
-    QString directory = Platform::commonDataFolder();
-    if (!directory.isEmpty() && !organization.isEmpty() && !application.isEmpty()) {
+    const std::optional<QString> folder = Platform::commonDataFolder();
+    QString directory = folder.value_or(QString());
+    if (folder && !organization.isEmpty() && !application.isEmpty()) {
         const QChar separator = Platform::folderSeparator();
         directory += separator + organization + separator + application;
     }

@@ -9,6 +9,8 @@
 
 #include <QString>
 
+#include <optional>
+
 namespace Platform {
 
 // Sets the functions that this platform has; the others stay null.
@@ -29,8 +31,9 @@ void sleepMilliseconds(unsigned milliseconds);
 // in the calling thread's event loop, a stop of the service for one, then has its turn.
 void endEventLoopTurn();
 
-// The folder for data of all users of this machine; empty when the system does not tell.
-QString commonDataFolder();
+// The folder for data of all users of this machine, empty when the system cannot tell; nothing when it cannot
+// be asked.
+std::optional<QString> commonDataFolder();
 
 // What stands between two folders in a path that is shown to people.
 QChar folderSeparator();

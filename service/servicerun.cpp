@@ -30,7 +30,7 @@ constexpr unsigned EndTimeout = 1000;    // ms
 void dismiss(std::unique_ptr<HandlerThread> &thread)
 {
     static auto *const leftAlone = new std::vector<std::unique_ptr<HandlerThread>>;
-    if (!thread->isFinished()) {
+    if (thread && !thread->isFinished()) {
         leftAlone->push_back(std::move(thread));
     }
 }
@@ -94,6 +94,8 @@ int QtServiceBase::runAsService(const QStringList &runArguments)
         waits.forEnd(*thread, EndTimeout);
     }
     receiver.reset();
+    dismiss(thread);
+    thread.reset();
     delete QCoreApplication::instance();
     return 0;
 }

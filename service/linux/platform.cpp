@@ -66,7 +66,7 @@ void endEventLoopTurn()
 {
 }
 
-QString commonDataFolder()
+std::optional<QString> commonDataFolder()
 {
     const QString named = qEnvironmentVariable("QUILLMERE_APPDATA");
     if (!named.isEmpty()) {

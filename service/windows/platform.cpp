@@ -3,6 +3,8 @@
 
 #include "service/platform.h"
 
+#include "service/windows/lookup.h"
+
 #include <QAbstractEventDispatcher>
 #include <QLibrary>
 
@@ -22,40 +24,48 @@ namespace {
 // The longest path that Windows knows, with its null.
 constexpr size_t LongestPath = 32768;
 
-// Null when the library has no such function.
 template<typename Function>
-void resolve(QLibrary &library, const char *name, Function &function)
+void resolve(const Resolver &resolver, const char *name, Function &function)
 {
-    function = reinterpret_cast<Function>(library.resolve(name));
+    function = reinterpret_cast<Function>(resolver(name));
+}
+
+// The library stays loaded when its object is gone.
+Resolver resolverOf(const QString &library)
+{
+    return [library](const char *name) { return QLibrary(library).resolve(name); };
 }
 
 } // namespace
 
-// The library stays loaded when its object is gone.
 void provide(Scm::Functions &functions)
+{
+    provide(functions, resolverOf(u"advapi32"_s));
+}
+
+void provide(Scm::Functions &functions, const Resolver &advapi32)
 {
     static_assert(sizeof(Scm::Status) == sizeof(SERVICE_STATUS));
     static_assert(sizeof(Scm::TableEntry) == sizeof(SERVICE_TABLE_ENTRYW));
     static_assert(sizeof(Scm::Description) == sizeof(SERVICE_DESCRIPTIONW));
 
-    QLibrary library(u"advapi32"_s);
-    resolve(library, "RegisterServiceCtrlHandlerW", functions.registerServiceCtrlHandler);
-    resolve(library, "SetServiceStatus", functions.setServiceStatus);
-    resolve(library, "ChangeServiceConfig2W", functions.changeServiceConfig2);
-    resolve(library, "CloseServiceHandle", functions.closeServiceHandle);
-    resolve(library, "CreateServiceW", functions.createService);
-    resolve(library, "OpenSCManagerW", functions.openScManager);
-    resolve(library, "DeleteService", functions.deleteService);
-    resolve(library, "OpenServiceW", functions.openService);
-    resolve(library, "QueryServiceStatus", functions.queryServiceStatus);
-    resolve(library, "StartServiceCtrlDispatcherW", functions.startServiceCtrlDispatcher);
-    resolve(library, "StartServiceW", functions.startService);
-    resolve(library, "ControlService", functions.controlService);
-    resolve(library, "DeregisterEventSource", functions.deregisterEventSource);
-    resolve(library, "ReportEventW", functions.reportEvent);
-    resolve(library, "RegisterEventSourceW", functions.registerEventSource);
-    resolve(library, "QueryServiceConfigW", functions.queryServiceConfig);
-    resolve(library, "QueryServiceConfig2W", functions.queryServiceConfig2);
+    resolve(advapi32, "RegisterServiceCtrlHandlerW", functions.registerServiceCtrlHandler);
+    resolve(advapi32, "SetServiceStatus", functions.setServiceStatus);
+    resolve(advapi32, "ChangeServiceConfig2W", functions.changeServiceConfig2);
+    resolve(advapi32, "CloseServiceHandle", functions.closeServiceHandle);
+    resolve(advapi32, "CreateServiceW", functions.createService);
+    resolve(advapi32, "OpenSCManagerW", functions.openScManager);
+    resolve(advapi32, "DeleteService", functions.deleteService);
+    resolve(advapi32, "OpenServiceW", functions.openService);
+    resolve(advapi32, "QueryServiceStatus", functions.queryServiceStatus);
+    resolve(advapi32, "StartServiceCtrlDispatcherW", functions.startServiceCtrlDispatcher);
+    resolve(advapi32, "StartServiceW", functions.startService);
+    resolve(advapi32, "ControlService", functions.controlService);
+    resolve(advapi32, "DeregisterEventSource", functions.deregisterEventSource);
+    resolve(advapi32, "ReportEventW", functions.reportEvent);
+    resolve(advapi32, "RegisterEventSourceW", functions.registerEventSource);
+    resolve(advapi32, "QueryServiceConfigW", functions.queryServiceConfig);
+    resolve(advapi32, "QueryServiceConfig2W", functions.queryServiceConfig2);
 }
 
 Scm::Dword lastError()
@@ -92,14 +102,18 @@ void endEventLoopTurn()
     QAbstractEventDispatcher::instance()->interrupt();
 }
 
-QString commonDataFolder()
+std::optional<QString> commonDataFolder()
+{
+    return commonDataFolder(resolverOf(u"shell32"_s));
+}
+
+std::optional<QString> commonDataFolder(const Resolver &shell32)
 {
     using GetSpecialFolderPath = BOOL(WINAPI *)(HWND owner, wchar_t * path, int folder, BOOL create);
-    QLibrary library(u"shell32"_s);
     GetSpecialFolderPath getSpecialFolderPath = nullptr;
-    resolve(library, "SHGetSpecialFolderPathW", getSpecialFolderPath);
+    resolve(shell32, "SHGetSpecialFolderPathW", getSpecialFolderPath);
     if (!getSpecialFolderPath) {
-        return {};
+        return std::nullopt;
     }
     std::array<wchar_t, MAX_PATH> path{};
     getSpecialFolderPath(nullptr, path.data(), CSIDL_COMMON_APPDATA, FALSE);

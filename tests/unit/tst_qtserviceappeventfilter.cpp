@@ -45,15 +45,17 @@ private slots:
             qint32 x;
             qint32 y;
         } native = {nullptr, message, 1, static_cast<qintptr>(lParam), 0, 0, 0};
-        qintptr result = 77;
-        const bool swallowed = QtServiceAppEventFilter::instance()->nativeEventFilter(
-            QByteArrayLiteral("windows_generic_MSG"), &native, &result);
-        QTEST(swallowed, "swallowed");
-        QCOMPARE(result, qintptr(swallowed ? 1 : 77));
-        // The event dispatcher asks for no answer.
-        QCOMPARE(QtServiceAppEventFilter::instance()->nativeEventFilter(
-                     QByteArrayLiteral("windows_generic_MSG"), &native, nullptr),
-                 swallowed);
+        // Messages from the queue, and those that are sent to the event dispatcher's window.
+        for (const QByteArray type : {"windows_generic_MSG", "windows_dispatcher_MSG"}) {
+            qintptr result = 77;
+            const bool swallowed =
+                QtServiceAppEventFilter::instance()->nativeEventFilter(type, &native, &result);
+            QTEST(swallowed, "swallowed");
+            QCOMPARE(result, qintptr(swallowed ? 1 : 77));
+            // The event dispatcher asks for no answer.
+            QCOMPARE(QtServiceAppEventFilter::instance()->nativeEventFilter(type, &native, nullptr),
+                     swallowed);
+        }
     }
 
     void passesTheMessagesOfOtherSystems()

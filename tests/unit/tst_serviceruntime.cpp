@@ -516,7 +516,7 @@ void TestServiceRuntime::installsTheLogOffFilterInServicesOnly()
             if (operation == u"start"_s) {
                 qintptr result = 0;
                 swallowed[mode] = QCoreApplication::eventDispatcher()->filterNativeEvent(
-                    QByteArrayLiteral("windows_generic_MSG"), &logOff, &result);
+                    QByteArrayLiteral("windows_dispatcher_MSG"), &logOff, &result);
                 if (mode == u"exec"_s) {
                     QCoreApplication::quit();
                 }
