@@ -13,6 +13,9 @@ function(quillmere_platform_executable target description)
     target_sources(${target} PRIVATE ${CMAKE_CURRENT_BINARY_DIR}/${target}.rc)
     target_include_directories(${target} PRIVATE $<$<COMPILE_LANGUAGE:RC>:${folder}>)
     set_property(SOURCE ${CMAKE_CURRENT_BINARY_DIR}/${target}.rc PROPERTY OBJECT_DEPENDS ${folder}/executable.manifest)
+    # windres does not tell of what a resource file takes in.
+    set(messages ${PROJECT_SOURCE_DIR}/service/windows/messages)
+    set_property(SOURCE ${messages}.rc PROPERTY OBJECT_DEPENDS ${messages}.bin)
     # Tests look for it in their own folder.
     add_custom_command(TARGET ${target} POST_BUILD
         COMMAND ${CMAKE_COMMAND} -E make_directory ${QUILLMERE_TEST_FOLDER}

@@ -18,6 +18,12 @@ def _resources(executable):
     return subprocess.run(command, capture_output=True, encoding="utf-8", check=True).stdout
 
 
+def symbols(executable):
+    """The lines of the symbol table."""
+    table = subprocess.run([_TOOLS + "objdump", "-t", executable], capture_output=True, text=True, check=True).stdout
+    return [line for line in table.partition("SYMBOL TABLE:")[2].splitlines() if line and line != "no symbols"]
+
+
 def imported_libraries(executable):
     """The names of the DLLs that Windows loads with the executable, in lower case."""
     return sorted({name.lower() for name in re.findall(r"DLL Name: (\S+)", _headers(executable))})

@@ -6,6 +6,7 @@
 import os
 import pathlib
 import unittest
+import zipfile
 
 import peinfo
 
@@ -19,6 +20,8 @@ SYSTEM_LIBRARIES = {
     "netapi32.dll", "ole32.dll", "secur32.dll", "shell32.dll", "user32.dll", "userenv.dll", "version.dll",
     "winhttp.dll", "winmm.dll", "ws2_32.dll",
 }  # fmt: skip
+
+ENDBR64 = bytes.fromhex("f30f1efa")
 
 MESSAGE_TABLE = bytes.fromhex(
     "01000000"  # one block
@@ -35,9 +38,22 @@ MESSAGE_TABLE = bytes.fromhex(
 class Executables(unittest.TestCase):
     def test_are_those_that_an_operator_gets(self):
         names = [path.name for path in EXECUTABLES]
-        self.assertIn("quillmere.exe", names)
-        self.assertIn("quillmere-radio.exe", names)
-        self.assertLessEqual(set(names), {"quillmere.exe", "quillmere-radio.exe", "quillmere-watch.exe"})
+        self.assertEqual(names, ["quillmere-radio.exe", "quillmere-watch.exe", "quillmere.exe"])
+
+    def test_are_packed_with_their_papers(self):
+        with zipfile.ZipFile(BIN.parent / "quillmere-windows.zip") as archive:
+            names = archive.namelist()
+            for path in EXECUTABLES:
+                with self.subTest(path.name):
+                    self.assertEqual(archive.read(f"quillmere/{path.name}"), path.read_bytes())
+        for paper in ("LICENSE.txt", "README.md", "CHANGELOG.md", "docs/windows.md", "docs/operations.md"):
+            self.assertIn(f"quillmere/{paper}", names)
+        self.assertEqual([name for name in names if name.endswith(".exe")], [f"quillmere/{p.name}" for p in EXECUTABLES])
+
+    def test_are_stripped(self):
+        for path in EXECUTABLES:
+            with self.subTest(path.name):
+                self.assertEqual(peinfo.symbols(path), [])
 
     def test_need_only_the_libraries_of_the_system(self):
         for path in EXECUTABLES:
@@ -49,6 +65,8 @@ class Executables(unittest.TestCase):
             with self.subTest(path.name):
                 on = {"HIGH_ENTROPY_VA", "DYNAMIC_BASE", "NX_COMPAT", "RELOC"}
                 self.assertLessEqual(on, peinfo.hardening(path))
+                # Every function that is called through a pointer begins with the mark of a branch target.
+                self.assertGreater(path.read_bytes().count(ENDBR64), 1000)
 
     def test_hold_no_time_and_no_folder_of_the_build(self):
         for path in EXECUTABLES:

@@ -117,6 +117,14 @@ class Installation(ServiceTest):
         done = wine.run("reg.exe", "query", EVENT_SOURCE.rpartition("\\")[0])
         self.assertNotIn(NAME.encode(), done.stdout)
 
+    def test_that_the_service_manager_refuses(self):
+        # Another service is shown under the name already.
+        wine.run("sc.exe", "create", "Another", "binpath=", r"C:\another.exe", "displayname=", NAME)
+        self.addCleanup(wine.run, "sc.exe", "delete", "Another")
+        for option in ("-install", "-i"):
+            self.assertEqual(self.server.run(option), (-1, "", f"The service {NAME} could not be installed\n"))
+        self.assertEqual(self.server.status(), {"error": DOES_NOT_EXIST})
+
     def test_removal(self):
         for option in ("-uninstall", "-u"):
             self.assertEqual(self.server.run(option), (0, "", f"The service {NAME} is not installed\n"))
@@ -163,6 +171,10 @@ class CommandLine(ServiceTest):
                 )
         done = wine.run(self.server.path, events=True)
         self.assertNotIn(b"ReportEvent", done.stderr)
+
+    def test_exit_codes_have_all_their_bits(self):
+        done = wine.run("cmd.exe", "/v:on", "/c", f"{self.server.path} & echo !errorlevel!")
+        self.assertEqual(done.stdout.strip(), b"-4")
 
     def test_terminate_without_a_service(self):
         for option in ("-terminate", "-t"):
@@ -284,6 +296,17 @@ class Running(ServiceTest):
             self.assertEqual(self.server.status()["exitCode"], 0)
 
 
+    def test_removed_while_it_runs_it_goes_on_until_it_is_stopped(self):
+        self.server.start()
+        self.assertEqual(self.server.run("-u"), (0, f"The service {NAME} has been uninstalled.\n", ""))
+        with Radio(self.server.udp_port) as radio:
+            self.assertTrue(radio.registers())
+        self.assertEqual(self.server.run("-u"), (-1, "", f"The service {NAME} could not be uninstalled\n"))
+        self.assertEqual(self.server.run("-terminate"), (0, "", ""))
+        self.server.wait_for_record("Service stopped")
+        wine.wait_for(lambda: self.server.status() == {"error": DOES_NOT_EXIST}, "the service is gone")
+
+
 class Adversity(ServiceTest):
     def setUp(self):
         super().setUp()
@@ -329,11 +352,14 @@ class Adversity(ServiceTest):
         """Nobody can write there, root included, who heeds no mode bits."""
         if os.geteuid() != 0:
             folder.chmod(0o555)
-            yield
-            folder.chmod(0o755)
+            try:
+                yield
+            finally:
+                folder.chmod(0o755)
             return
         mount = ["mount", "--bind", "-o", "ro", folder, folder]
         if subprocess.run(mount, capture_output=True, check=False).returncode != 0:
+            self.assertNotEqual(os.environ.get("CI"), "true", "CI must be able to mount a folder read-only")
             self.skipTest("this machine cannot mount a folder read-only")
         try:
             yield

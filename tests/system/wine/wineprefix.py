@@ -262,9 +262,6 @@ class WinePrefix:
             "WINEPREFIX": str(self.prefix),
             "WINEARCH": "win64",
             "WINEDEBUG": _EVENT_CHANNELS if events else "-all",
-            # Wine hands QT_ variables over only under this name. Qt then prints its messages, and Qt Test its results,
-            # although there is no console.
-            "WINEQT_FORCE_STDERR_LOGGING": "1",
             # No offer to fetch .NET or a browser engine, no menu entries, no crash dialog.
             "WINEDLLOVERRIDES": "mscoree=;mshtml=;winemenubuilder.exe=;winedbg.exe=",
         }
@@ -329,7 +326,9 @@ def _run_in_new_prefix(command):
 
 def _run_program(program):
     """Runs a Windows program in the prefix that the environment names, and prints what it printed."""
-    answer = run_to_end([find_program("wine64"), *program], os.environ)
+    # Qt Test then prints its results although there is no console; Wine hands QT_ variables over under this name only.
+    environment = os.environ | {"WINEQT_FORCE_STDERR_LOGGING": "1"}
+    answer = run_to_end([find_program("wine64"), *program], environment)
     sys.stdout.buffer.write(answer.stdout)
     sys.stdout.flush()
     sys.stderr.buffer.write(answer.stderr)
