@@ -88,6 +88,26 @@ private slots:
         ScriptedApplication after(server.applicationPort());
         QVERIFY(after.sees(radio, QMR::Registered, QByteArray::fromHex("01")));
     }
+
+    // Qt stops accepting for good only when the very first accept fails: a later failure looks to it like the
+    // end of the queue.
+    void firstApplicationConnectsWhenDescriptorsAreBack()
+    {
+        TestServer server;
+        server.start();
+        QTcpSocket first;
+        {
+            const DescriptorShortage shortage(1);
+            first.connectToHost(QHostAddress::LocalHost, server.applicationPort());
+            QTRY_COMPARE(first.state(), QAbstractSocket::ConnectedState);
+            // The server has had its turn behind the connection.
+            bool isTimed = false;
+            QTimer::singleShot(0, this, [&isTimed] { isTimed = true; });
+            QTRY_VERIFY(isTimed);
+            QCOMPARE(server.log.records().size(), 0);
+        }
+        QTRY_COMPARE(server.log.count(QStringLiteral("Application connected from 127.0.0.1")), 1);
+    }
 };
 
 QTEST_GUILESS_MAIN(TestDescriptors)
