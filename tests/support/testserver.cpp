@@ -44,6 +44,7 @@ TestServer::TestServer()
 
 TestServer::~TestServer()
 {
+    log.whenWritten({}); // what it refers to may be gone by now
     stop();
 }
 

@@ -81,7 +81,9 @@ class Installation(ServiceTest):
         )
         key = rf"HKLM\SYSTEM\CurrentControlSet\Services\{NAME}"
         self.assertEqual(self.server.registry_value(key, "ImagePath")[1], self.server.path)
-        self.assertEqual(self.server.registry_value(key, "Description"), ("REG_SZ", DESCRIPTION))
+        # Wine's service manager answers before it has written what it was told.
+        stored = wine.wait_for(lambda: self.server.registry_value(key, "Description"), "the description")
+        self.assertEqual(stored, ("REG_SZ", DESCRIPTION))
 
     def test_twice_changes_nothing(self):
         self.server.run("-install")
