@@ -34,9 +34,7 @@ private slots:
     void init()
     {
         server = std::make_unique<TestServer>();
-        server->configure(
-            "minimumDiscoveryPeriod=2147483647\n"); // on loopback requests reach the server itself
-        server->start();
+        server->startWithoutDiscovery();
     }
 
     void cleanup() { server.reset(); }

@@ -18,9 +18,7 @@ private slots:
     void init()
     {
         server = std::make_unique<TestServer>();
-        server->configure(
-            "minimumDiscoveryPeriod=2147483647\n"); // on loopback requests reach the server itself
-        server->start();
+        server->startWithoutDiscovery();
         application = std::make_unique<ScriptedApplication>(server->applicationPort());
         other = std::make_unique<ScriptedApplication>(server->applicationPort());
         radio = std::make_unique<ScriptedRadio>(server->registrationPort(), 1);

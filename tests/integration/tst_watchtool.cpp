@@ -30,9 +30,7 @@ private slots:
     void init()
     {
         server = std::make_unique<TestServer>();
-        server->configure(
-            "minimumDiscoveryPeriod=2147483647\n"); // on loopback requests reach the server itself
-        server->start();
+        server->startWithoutDiscovery();
         radio = std::make_unique<ScriptedRadio>(server->registrationPort(), 0xDD);
         radio->registers(QByteArray::fromHex("0103"));
         QVERIFY(radio->isAcknowledged());

@@ -60,6 +60,12 @@ void TestServer::start()
     log.take();
 }
 
+void TestServer::startWithoutDiscovery()
+{
+    configure("minimumDiscoveryPeriod=2147483647\n");
+    start();
+}
+
 void TestServer::restart()
 {
     stop();

@@ -33,6 +33,8 @@ public:
 
     // Starts the server and forgets the records of the start.
     void start();
+    // The same, but no radio is ever asked: on loopback the requests would reach the server itself.
+    void startWithoutDiscovery();
     // The object is stopped and a new one started on the same data, as after a restart of the process.
     void restart();
     void stop();
