@@ -10,6 +10,7 @@
 #include <QTimer>
 
 #include <array>
+#include <utility>
 #include <vector>
 
 using namespace Qt::StringLiterals;
@@ -59,6 +60,7 @@ ApplicationManager::~ApplicationManager()
 void ApplicationManager::applicationConnected()
 {
     Platform::endEventLoopTurn();
+    server->commitWrites();
     while (QTcpSocket *socket = tcpServer.nextPendingConnection()) {
         server->logMessage(u"Application connected from %1"_s.arg(socket->peerAddress().toString()),
                            QtServiceBase::Information, EventId);
@@ -73,18 +75,22 @@ void ApplicationManager::applicationConnected()
 
 void ApplicationManager::applicationDisconnected()
 {
-    if (auto *socket = dynamic_cast<QTcpSocket *>(sender())) {
+    server->commitWrites();
+    auto *socket = dynamic_cast<QTcpSocket *>(sender());
+    if (applications.contains(socket)) {
         removeApplication(socket);
     }
 }
 
 void ApplicationManager::socketError(QAbstractSocket::SocketError error)
 {
+    server->commitWrites();
     auto *socket = dynamic_cast<QTcpSocket *>(sender());
     // A wait for the rest of a message that ends without data raises an error too, but not one of the
     // connection.
     const bool waitEnded = socket == awaited && error == QAbstractSocket::SocketTimeoutError;
-    if (!socket || waitEnded) {
+    // What left with the commit may have met the same error, and have dropped the application.
+    if (waitEnded || !applications.contains(socket)) {
         return;
     }
     if (error != QAbstractSocket::RemoteHostClosedError) {
@@ -108,6 +114,7 @@ void ApplicationManager::removeApplication(QTcpSocket *socket)
 void ApplicationManager::applicationDataAvailable()
 {
     Platform::endEventLoopTurn();
+    server->commitWrites();
     auto *socket = dynamic_cast<QTcpSocket *>(sender());
     while (socket && socket->bytesAvailable() > 0 && readMessage(socket)) {
     }
@@ -180,24 +187,47 @@ void ApplicationManager::sendRadioNotice(std::shared_ptr<RadioEntry> entry, QTcp
                                  static_cast<quint8>(entry->availability & 0xFF), entry->supportedServices)
             : Qmra::encodeNotice(entry->esn, entry->pendingSuid, true, entry->pendingAddress.toIPv4Address(),
                                  Registered, entry->pendingServices);
+    const QByteArrayView bytes(message.bytes.data(), message.size);
     if (socket) {
-        write(socket, message);
+        write(socket, bytes);
         return;
     }
-    // A write can drop an application in the middle of the walk.
-    const std::vector<QTcpSocket *> connected(applications.begin(), applications.end());
-    for (QTcpSocket *application : connected) {
-        if (applications.contains(application)) {
-            write(application, message);
-            application->flush(); // it leaves now, before the radio's acknowledgement does
-        }
+    heldBack.insert(heldBack.end(), bytes.begin(), bytes.end());
+    if (!server->holdsBack()) {
+        sendHeldBack();
     }
 }
 
-void ApplicationManager::write(QTcpSocket *socket, const Qmra::Message &message) const
+void ApplicationManager::sendHeldBack()
 {
-    const bool fits = socket->bytesToWrite() + message.size <= MaximumUnsent;
-    if (!fits || socket->write(message.bytes.data(), message.size) != message.size) {
+    if (heldBack.empty()) {
+        return;
+    }
+    std::swap(heldBack, leaving);
+    // A write can drop an application in the middle of the walk.
+    const std::vector<QTcpSocket *> connected(applications.begin(), applications.end());
+    const auto toEachConnected = [this, &connected](const auto &action) {
+        for (QTcpSocket *application : connected) {
+            if (applications.contains(application)) {
+                action(application);
+            }
+        }
+    };
+    for (QByteArrayView rest(leaving); !rest.isEmpty();) {
+        const qsizetype size =
+            Qmra::HeaderSize + Qmra::decodeHeader(rest.first(Qmra::HeaderSize)).payloadLength;
+        toEachConnected([&](QTcpSocket *application) { write(application, rest.first(size)); });
+        rest = rest.sliced(size);
+    }
+    leaving.clear();
+    // They leave now, before the radios' acknowledgements do.
+    toEachConnected([](QTcpSocket *application) { application->flush(); });
+}
+
+void ApplicationManager::write(QTcpSocket *socket, QByteArrayView message) const
+{
+    const bool fits = socket->bytesToWrite() + message.size() <= MaximumUnsent;
+    if (!fits || socket->write(message.data(), message.size()) != message.size()) {
         server->logMessage(u"Network error: write message failed"_s, QtServiceBase::Error, EventId);
     }
 }

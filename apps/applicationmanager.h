@@ -11,6 +11,7 @@
 
 #include <memory>
 #include <set>
+#include <vector>
 
 class QTcpSocket;
 
@@ -33,8 +34,12 @@ public:
     Q_DISABLE_COPY_MOVE(ApplicationManager)
 
     // Tells one application, or all connected ones when the socket is null, of the radio as it now is. A
-    // notice that an application does not take whole is logged and lost for it.
+    // notice that an application does not take whole is logged and lost for it. One to all is held back, as
+    // it is now, while what it tells is not yet stored.
     void sendRadioNotice(std::shared_ptr<RadioEntry> entry, QTcpSocket *socket);
+
+    // What has been held back leaves, in its order.
+    void sendHeldBack();
 
     // Drops one application; its socket is deleted from the event loop.
     void removeApplication(QTcpSocket *socket);
@@ -48,12 +53,14 @@ private slots:
 private:
     bool readBytes(QTcpSocket *socket, char *buffer, qint64 count);
     bool readMessage(QTcpSocket *socket);
-    void write(QTcpSocket *socket, const Qmra::Message &message) const;
+    void write(QTcpSocket *socket, QByteArrayView message) const;
 
     Quillmere *server;
     QTcpServer tcpServer;
     std::set<QTcpSocket *> applications; // children of tcpServer
     QTcpSocket *awaited = nullptr;       // while the rest of its message is waited for
+    std::vector<char> heldBack;          // whole notices, one behind the other
+    std::vector<char> leaving;           // kept for its memory
 };
 
 } // namespace QMR

@@ -24,7 +24,8 @@ namespace QMR {
 
 class ApplicationManager;
 class RegistrationManager;
-class SubscriberStatements;
+class WriteGroup;
+enum class WriteStep : quint8;
 
 // The server. It owns the radio table, the database, the settings, the timers and both network managers, and
 // all of its work runs on the main thread. Every operation is declared here, a section a concern; each
@@ -132,7 +133,7 @@ public:
     void handleRadioReport(const Esn &esn, const QHostAddress &address);
     void notifyApplications(const RadioPointer &radio);
 
-    // The database (db/schema.cpp, db/subscribers.cpp).
+    // The database (db/schema.cpp, db/subscribers.cpp, db/commits.cpp).
 
     // Brings the open database to the current schema, by replacing it where no upgrade leads there. False: it
     // could not be replaced either.
@@ -143,6 +144,14 @@ public:
     void deleteSubscriber(const RadioEntry &radio);
     // Fails for a radio that is not stored.
     void updateSubscriber(const RadioEntry &radio);
+
+    // The group that the writes of this turn of the event loop share; null while the database is closed.
+    WriteGroup *writeGroup() const { return writes.get(); }
+    // Whether what leaves for a radio or an application now has to wait for the commit of that group.
+    bool holdsBack() const;
+    // Stores what is open; what has been held back for it leaves. To be called first at each event but a
+    // radio's datagram, and by a turn of the group itself.
+    void commitWrites();
 
 private slots:
     void eventDiscoveryTimerExpired();
@@ -166,12 +175,13 @@ private:
     qint64 secondsToDiscovery() const;
 
     bool replaceDatabase();
-    bool insertServices(int id, const ServiceList &services);
-    bool writeUpdate(const RadioEntry &radio);
-    void writeFailed(const QString &message);
+    void writeFailed(WriteStep step) const;
+    void groupStored();
+    void eventOwedWritesDue();
+    void retryOwedWrites(qint64 milliseconds);
 
     QSqlDatabase database;
-    std::unique_ptr<SubscriberStatements> statements; // while the database is open
+    std::unique_ptr<WriteGroup> writes; // while the database is open
     RadioMap radiosByEsn;
     AddressIndex radiosByAddress; // of the records in radiosByEsn
     DiscoveryQueue discoveryQueue;
@@ -180,12 +190,12 @@ private:
     QTimer heartbeatTimer;
     QDateTime lastDiscoveryRun = QDateTime::fromSecsSinceEpoch(0, Qt::UTC);
     QTimer timeoutCheckTimer;
+    QTimer owedWritesTimer;
     std::unique_ptr<QSettings> settings;
     std::unique_ptr<ApplicationManager> applicationManager;
     std::unique_ptr<RegistrationManager> registrationManager;
     quint32 minimumDiscoveryPeriod = 30; // seconds
     bool databaseConfigured = false;
-    quint64 failedWrites = 0; // since construction
 };
 
 } // namespace QMR

@@ -4,6 +4,7 @@
 #include "core/quillmere.h"
 
 #include "core/clock.h"
+#include "db/writegroup.h"
 #include "radio/registrationmanager.h"
 
 using namespace Qt::StringLiterals;
@@ -41,6 +42,7 @@ void Quillmere::registerRadio(const Esn &esn, quint32 protocolVersion, const Sui
                               const QHostAddress &senderAddress, quint16 senderPort, bool pending,
                               const ServiceList &services)
 {
+    const WriteTurn turn(writes.get());
     const RadioPointer holder = findHolder(senderAddress);
     RadioPointer radio = findRadio(esn);
     if (holder && holder != radio) {

@@ -4,12 +4,15 @@
 #include "core/quillmere.h"
 
 #include "apps/applicationmanager.h"
-#include "db/statements.h"
+#include "db/sqlite.h"
+#include "db/writegroup.h"
 #include "radio/registrationmanager.h"
 #include "service/platform.h"
 
 #include <QDir>
 #include <QSqlQuery>
+
+#include <limits>
 
 using namespace Qt::StringLiterals;
 
@@ -60,13 +63,15 @@ Quillmere::Quillmere(int argc, char **argv) : QtService<QCoreApplication>(argc, 
     connect(&discoveryTimer, &QTimer::timeout, this, &Quillmere::eventDiscoveryTimerExpired);
     connect(&heartbeatTimer, &QTimer::timeout, this, &Quillmere::eventHeartbeatTimerExpired);
     connect(&timeoutCheckTimer, &QTimer::timeout, this, &Quillmere::eventTimeoutCheckTimerExpired);
+    owedWritesTimer.setSingleShot(true);
+    connect(&owedWritesTimer, &QTimer::timeout, this, &Quillmere::eventOwedWritesDue);
 }
 
 Quillmere::~Quillmere()
 {
     applicationManager.reset();
     registrationManager.reset();
-    statements.reset();
+    writes.reset();
     if (databaseConfigured) {
         database = QSqlDatabase();
         QSqlDatabase::removeDatabase(QLatin1String(QSqlDatabase::defaultConnection));
@@ -112,7 +117,8 @@ void Quillmere::start()
     if (!checkDatabase()) {
         return;
     }
-    statements = std::make_unique<SubscriberStatements>(database);
+    writes = std::make_unique<WriteGroup>(
+        Sqlite::handle(database), [this](WriteStep step) { writeFailed(step); }, [this] { groupStored(); });
     loadRadioTable();
 
     // The settings object of an earlier start still holds what it read then.
@@ -141,16 +147,21 @@ void Quillmere::start()
 
 void Quillmere::stop()
 {
+    if (writes) {
+        commitWrites();
+        retryOwedWrites(std::numeric_limits<qint64>::max());
+    }
     timeoutCheckTimer.stop();
     discoveryTimer.stop();
     heartbeatTimer.stop();
+    owedWritesTimer.stop();
     discoveryQueue.clear();
     heartbeatQueue.clear();
     radiosByEsn.clear();
     radiosByAddress.clear();
     applicationManager.reset();
     registrationManager.reset();
-    statements.reset();
+    writes.reset();
     database.close();
     log(u"Service stopped"_s, Success);
 }

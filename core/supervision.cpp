@@ -4,6 +4,7 @@
 #include "core/quillmere.h"
 
 #include "core/clock.h"
+#include "db/writegroup.h"
 #include "radio/registrationmanager.h"
 
 #include <algorithm>
@@ -59,6 +60,7 @@ void Quillmere::rearmDiscoveryTimer()
 // One radio an expiry; the spacing between radios is the timer's.
 void Quillmere::eventDiscoveryTimerExpired()
 {
+    const WriteTurn turn(writes.get());
     if (discoveryQueue.empty()) {
         return;
     }
@@ -90,6 +92,7 @@ void Quillmere::eventDiscoveryTimerExpired()
 
 void Quillmere::eventTimeoutCheckTimerExpired()
 {
+    const WriteTurn turn(writes.get());
     const QDateTime threshold = currentTime().addSecs(-SilenceLimit);
     for (const auto &[esn, radio] : radiosByEsn) {
         const bool inContact = radio->availability == Unconfirmed || radio->availability == Registered;
@@ -110,6 +113,7 @@ void Quillmere::rearmHeartbeatTimer()
 
 void Quillmere::eventHeartbeatTimerExpired()
 {
+    const WriteTurn turn(writes.get());
     const QDateTime now = currentTime();
     while (!heartbeatQueue.empty() && (*heartbeatQueue.begin())->pendingDeadline <= now) {
         const RadioPointer radio = *heartbeatQueue.begin();

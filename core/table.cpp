@@ -4,7 +4,7 @@
 #include "core/quillmere.h"
 
 #include "core/clock.h"
-#include "db/transaction.h"
+#include "db/writegroup.h"
 
 #include <QHash>
 
@@ -17,6 +17,7 @@ namespace {
 constexpr qint64 UnconfirmedSpacing = 300; // seconds
 constexpr qint64 OtherSpacing = 1800;      // seconds
 constexpr qint64 SilenceLimit = 43200;     // seconds
+constexpr size_t ReviewGroup = 16384; // radios a commit: what could have to be written again is in memory
 
 } // namespace
 
@@ -113,25 +114,12 @@ void Quillmere::loadRadioTable()
     std::list<RadioPointer> loaded;
     loadSubscribers(loaded);
 
-    TransactionBatch batch(database);
-    std::list<RadioPointer> written;
+    const WriteTurn turn(writes.get());
     for (const RadioPointer &radio : loaded) {
-        const quint64 failedBefore = failedWrites;
         insertRadio(radio);
         reviewLoadedRadio(radio);
-        if (failedWrites == failedBefore) {
-            written.push_back(radio);
-        }
-    }
-    if (batch.commit()) {
-        return;
-    }
-    // The batch is lost with all that went well in it: each radio's write is now tried by itself.
-    for (const RadioPointer &radio : written) {
-        if (radio->availability == Deregistered) {
-            deleteSubscriber(*radio);
-        } else {
-            updateSubscriber(*radio);
+        if (writes->size() >= ReviewGroup) {
+            writes->commit();
         }
     }
 }

@@ -3,44 +3,60 @@
 
 #pragma once
 
-#include <QSqlDatabase>
-#include <QSqlQuery>
-#include <QString>
-#include <QVariant>
+#include <QByteArrayView>
+#include <QtGlobal>
 
 #include <initializer_list>
-#include <utility>
+#include <optional>
+#include <variant>
+
+struct sqlite3;
+struct sqlite3_stmt;
 
 namespace QMR {
 
 // A statement that is prepared when it is first run and kept for the next time. One whose preparation failed
-// (its table is missing, say) is tried again then.
+// (its table is missing, say) is tried again then. It must be gone before its connection is closed.
 class PreparedStatement
 {
 public:
-    using Binding = std::pair<QString, QVariant>;
+    // Bytes are bound as a blob; they need to last for the call only.
+    using Value = std::variant<qint64, QByteArrayView>;
 
-    PreparedStatement(const QSqlDatabase &database, QString statementText);
+    // text must outlive the statement.
+    PreparedStatement(sqlite3 *connection, const char *text);
+    ~PreparedStatement();
+    Q_DISABLE_COPY_MOVE(PreparedStatement)
 
-    // False: not prepared or not executed.
-    bool run(std::initializer_list<Binding> bindings);
+    // Runs it to its end, with values for its parameters in the order in which the text names them. False:
+    // not prepared or not executed; the connection tells why.
+    bool run(std::initializer_list<Value> values = {});
 
-    // Column 0 of the first row after a run; invalid when there is no row. Lets the result go: an open one
-    // would keep the database locked.
-    QVariant takeFirstValue();
+    // The same for a query: column 0 of its first row; nothing when there is no row, or when it failed.
+    std::optional<qint64> firstValue(std::initializer_list<Value> values);
 
 private:
-    QSqlQuery query;
-    QString text;
-    bool prepared = false;
+    bool bind(std::initializer_list<Value> values);
+    int step();
+    void finish();
+
+    sqlite3 *connection;
+    const char *text;
+    sqlite3_stmt *statement = nullptr;
 };
 
-// The statements that keep a radio's rows in step with its record, for one opened database; to be released
-// before that database is closed.
+// What keeps a radio's rows in step with its record, and the transactions around it, for one opened database.
 class SubscriberStatements
 {
 public:
-    explicit SubscriberStatements(const QSqlDatabase &database);
+    explicit SubscriberStatements(sqlite3 *connection);
+
+    PreparedStatement begin;
+    PreparedStatement commit;
+    PreparedStatement rollback;
+    PreparedStatement savepoint;
+    PreparedStatement release;
+    PreparedStatement rollbackToSavepoint;
 
     PreparedStatement insertSubscriber;
     PreparedStatement selectId;

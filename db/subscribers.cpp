@@ -3,8 +3,7 @@
 
 #include "core/quillmere.h"
 
-#include "db/statements.h"
-#include "db/transaction.h"
+#include "db/writegroup.h"
 
 #include <QSqlQuery>
 #include <QSqlRecord>
@@ -17,12 +16,6 @@ namespace QMR {
 
 namespace {
 
-template<size_t Size>
-QByteArray toBlob(const std::array<quint8, Size> &bytes)
-{
-    return QByteArray(reinterpret_cast<const char *>(bytes.data()), Size);
-}
-
 // Leaves bytes as they are when the blob has another length.
 template<size_t Size>
 void fromBlob(const QByteArray &blob, std::array<quint8, Size> &bytes)
@@ -30,12 +23,6 @@ void fromBlob(const QByteArray &blob, std::array<quint8, Size> &bytes)
     if (blob.size() == Size) {
         std::copy(blob.begin(), blob.end(), bytes.begin());
     }
-}
-
-// Whole seconds since 1970; a time that was never set is stored as 0.
-qint64 toSeconds(const QDateTime &time)
-{
-    return time.isValid() ? time.toSecsSinceEpoch() : 0;
 }
 
 // Columns hold signed integers of up to 64 bits; addresses and times are their low 32 bits, deliberately
@@ -52,75 +39,34 @@ QDateTime toTime(const QVariant &value)
 
 } // namespace
 
-void Quillmere::writeFailed(const QString &message)
-{
-    ++failedWrites;
-    log(message, Error);
-}
-
 void Quillmere::insertSubscriber(const RadioEntry &radio)
 {
-    const QByteArray esn = toBlob(radio.esn.bytes);
-    Transaction transaction(database);
-    if (!statements->insertSubscriber.run(
-            {{u":esn"_s, esn},
-             {u":suid"_s, toBlob(radio.suid.bytes)},
-             {u":addr"_s, radio.address.toIPv4Address()},
-             {u":avail"_s, static_cast<int>(radio.availability)},
-             {u":contact_time"_s, toSeconds(radio.lastContactTime)},
-             {u":attempts"_s, static_cast<int>(radio.discoveryAttempts)},
-             {u":discover_time"_s, toSeconds(radio.lastDiscoveryAttempt)},
-             {u":protocol_version"_s, static_cast<int>(radio.protocolVersion)}})) {
-        return writeFailed(u"Database insert error (1)"_s);
-    }
-    const QVariant id =
-        statements->selectId.run({{u":esn"_s, esn}}) ? statements->selectId.takeFirstValue() : QVariant();
-    if (!id.isValid()) {
-        return writeFailed(u"Database insert error (2)"_s);
-    }
-    if (!insertServices(id.toInt(), radio.supportedServices) || !transaction.commit()) {
-        writeFailed(u"Database insert error (3)"_s);
-    }
-}
-
-bool Quillmere::insertServices(int id, const ServiceList &services)
-{
-    return std::all_of(services.begin(), services.end(), [this, id](quint32 service) {
-        return statements->insertService.run({{u":id"_s, id}, {u":service"_s, static_cast<int>(service)}});
-    });
+    writes->write({RowWrite::Insert, SubscriberRow(radio)});
 }
 
 void Quillmere::updateSubscriber(const RadioEntry &radio)
 {
-    Transaction transaction(database);
-    if (!writeUpdate(radio) || !transaction.commit()) {
-        writeFailed(u"Database write error"_s);
-    }
-}
-
-bool Quillmere::writeUpdate(const RadioEntry &radio)
-{
-    const QVariant id = statements->selectId.run({{u":esn"_s, toBlob(radio.esn.bytes)}})
-                            ? statements->selectId.takeFirstValue()
-                            : QVariant();
-    return id.isValid() &&
-           statements->updateSubscriber.run(
-               {{u":suid"_s, toBlob(radio.suid.bytes)},
-                {u":addr"_s, radio.address.toIPv4Address()},
-                {u":avail"_s, static_cast<int>(radio.availability)},
-                {u":contact_time"_s, toSeconds(radio.lastContactTime)},
-                {u":attempts"_s, static_cast<int>(radio.discoveryAttempts)},
-                {u":discover_time"_s, toSeconds(radio.lastDiscoveryAttempt)},
-                {u":protocol_version"_s, static_cast<int>(radio.protocolVersion)},
-                {u":id"_s, id.toInt()}}) &&
-           statements->deleteServices.run({{u":id"_s, id.toInt()}}) &&
-           insertServices(id.toInt(), radio.supportedServices);
+    writes->write({RowWrite::Update, SubscriberRow(radio)});
 }
 
 void Quillmere::deleteSubscriber(const RadioEntry &radio)
 {
-    if (!statements->deleteSubscriber.run({{u":esn"_s, toBlob(radio.esn.bytes)}})) {
-        writeFailed(u"Database delete error"_s);
+    writes->write({RowWrite::Delete, SubscriberRow(radio)});
+}
+
+void Quillmere::writeFailed(WriteStep step) const
+{
+    switch (step) {
+    case WriteStep::InsertRow:
+        return log(u"Database insert error (1)"_s, Error);
+    case WriteStep::ReadId:
+        return log(u"Database insert error (2)"_s, Error);
+    case WriteStep::InsertServices:
+        return log(u"Database insert error (3)"_s, Error);
+    case WriteStep::Update:
+        return log(u"Database write error"_s, Error);
+    case WriteStep::Delete:
+        return log(u"Database delete error"_s, Error);
     }
 }
 

@@ -4,9 +4,11 @@
 #include "radio/registrationmanager.h"
 
 #include "core/quillmere.h"
+#include "db/writegroup.h"
 #include "service/platform.h"
 
 #include <algorithm>
+#include <utility>
 
 using namespace Qt::StringLiterals;
 
@@ -42,6 +44,15 @@ RegistrationManager::RegistrationManager(Quillmere *owner, quint16 registrationP
 void RegistrationManager::radioMessageReceived()
 {
     Platform::endEventLoopTurn();
+    WriteTurn turn(server->writeGroup(), WriteTurn::Continue);
+    receive();
+    if (socket.hasPendingDatagrams()) {
+        turn.keepOpen();
+    }
+}
+
+void RegistrationManager::receive()
+{
     Qmrs::Buffer buffer{};
     QHostAddress sender;
     quint16 senderPort = 0;
@@ -98,11 +109,31 @@ void RegistrationManager::sendMessage(Qmrs::Opcode opcode, quint16 payloadLength
                       payloadLength);
     const QHostAddress destination = pending ? radio->pendingAddress : radio->address;
     const qint64 size = Qmrs::HeaderSize + payloadLength;
-    const qint64 sent = socket.writeDatagram(reinterpret_cast<const char *>(message.data()), size,
-                                             destination, destinationPort);
+    // A discovery request promises nothing and leaves at once.
+    if (opcode == Qmrs::Opcode::Acknowledgement && server->holdsBack()) {
+        heldBack.push_back({message, size, destination, destinationPort});
+    } else {
+        transmit(message, size, destination, destinationPort);
+    }
+}
+
+void RegistrationManager::transmit(const Qmrs::Buffer &bytes, qint64 size, const QHostAddress &destination,
+                                   quint16 destinationPort)
+{
+    const qint64 sent = socket.writeDatagram(reinterpret_cast<const char *>(bytes.data()), size, destination,
+                                             destinationPort);
     if (sent != size) {
         server->logMessage(u"Network error: write message failed"_s, QtServiceBase::Error, EventId);
     }
+}
+
+void RegistrationManager::sendHeldBack()
+{
+    std::swap(heldBack, leaving);
+    for (const Outgoing &message : leaving) {
+        transmit(message.bytes, message.size, message.destination, message.port);
+    }
+    leaving.clear();
 }
 
 void RegistrationManager::sendDiscoveryRequest(const std::shared_ptr<RadioEntry> &radio)

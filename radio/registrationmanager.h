@@ -9,6 +9,7 @@
 #include <QUdpSocket>
 
 #include <memory>
+#include <vector>
 
 namespace QMR {
 
@@ -28,21 +29,39 @@ public:
 
     // Sends the message to the radio's pending or confirmed address. The payload stands in the buffer behind
     // the header, which is filled in here. A message that cannot be sent whole is logged and not sent again.
+    // An acknowledgement is held back, as it is now, while what it acknowledges is not yet stored.
     void sendMessage(Qmrs::Opcode opcode, quint16 payloadLength, Qmrs::Buffer &message,
                      std::shared_ptr<RadioEntry> radio, quint16 destinationPort, bool pending);
 
     // Goes to the radio's confirmed address, to the port on which this manager itself listens.
     void sendDiscoveryRequest(const std::shared_ptr<RadioEntry> &radio);
 
+    // What has been held back leaves, in its order.
+    void sendHeldBack();
+
 private slots:
     void radioMessageReceived();
 
 private:
+    // Encoded, on its way.
+    struct Outgoing
+    {
+        Qmrs::Buffer bytes;
+        qint64 size = 0;
+        QHostAddress destination;
+        quint16 port = 0;
+    };
+
+    void receive();
     void reject(Qmrs::Rejection reason) const;
+    void transmit(const Qmrs::Buffer &bytes, qint64 size, const QHostAddress &destination,
+                  quint16 destinationPort);
 
     Quillmere *server;
     QUdpSocket socket;
     quint16 port;
+    std::vector<Outgoing> heldBack;
+    std::vector<Outgoing> leaving; // kept for its memory
 };
 
 } // namespace QMR

@@ -59,7 +59,7 @@ private slots:
         QStringList atRecord;
         scene.server.log.whenWritten([&](const LogRecord &record) {
             if (record.message == radio.registeredText()) {
-                atRecord = scene.stored();
+                atRecord = scene.written();
             }
         });
         radio.registers("\1");
@@ -83,7 +83,7 @@ private slots:
         QStringList atRecord;
         scene.server.log.whenWritten([&](const LogRecord &record) {
             if (record.message == radio.registeredText()) {
-                atRecord = scene.stored();
+                atRecord = scene.written();
             }
         });
         radio.registers("\2");
@@ -115,7 +115,7 @@ private slots:
         scene.server.log.whenWritten([&](const LogRecord &record) {
             if (record.message == radio.deregisteredText()) {
                 atRecord = scene.known(radio.esn);
-                rowsAtRecord = scene.stored().size();
+                rowsAtRecord = scene.written().size();
                 queuedAtRecord = !scene.server->awaitingConfirmation().empty();
             }
         });

@@ -8,6 +8,11 @@
 namespace {
 
 constexpr quint8 WitnessSerial = 0xFE;
+const QString AllRows =
+    QStringLiteral("SELECT hex(substr(esn, 8)), ip_address, hex(suid), "
+                   "(SELECT group_concat(service) FROM (SELECT service FROM supported_services "
+                   "WHERE subscriber_id = subscribers.id ORDER BY rowid)), protocol_version, availability, "
+                   "last_contact_time FROM subscribers WHERE hex(substr(esn, 8)) <> 'FE' ORDER BY esn");
 
 template<size_t Size>
 QString hex(const std::array<quint8, Size> &bytes)
@@ -121,19 +126,24 @@ QString RegistrationScene::known(const QMR::Esn &esn) const
 
 QStringList RegistrationScene::stored() const
 {
-    QStringList rows;
-    const QString statement = QStringLiteral(
-        "SELECT hex(substr(esn, 8)), ip_address, hex(suid), "
-        "(SELECT group_concat(service) FROM (SELECT service FROM supported_services "
-        "WHERE subscriber_id = subscribers.id ORDER BY rowid)), protocol_version, availability, "
-        "last_contact_time FROM subscribers WHERE hex(substr(esn, 8)) <> 'FE' ORDER BY esn");
-    for (const QVariantList &row : server.query(statement)) {
-        rows.append(QStringLiteral("%1: %2 suid %3 services %4 version %5 state %6 heard %7")
-                        .arg(row[0].toString(), QHostAddress(row[1].toUInt()).toString(), row[2].toString(),
-                             row[3].toString(), row[4].toString(), row[5].toString(),
-                             QString::number(row[6].toLongLong() - begin)));
+    return textOf(server.query(AllRows));
+}
+
+QStringList RegistrationScene::written() const
+{
+    return textOf(TestServer::queryUncommitted(AllRows));
+}
+
+QStringList RegistrationScene::textOf(const QList<QVariantList> &rows) const
+{
+    QStringList texts;
+    for (const QVariantList &row : rows) {
+        texts.append(QStringLiteral("%1: %2 suid %3 services %4 version %5 state %6 heard %7")
+                         .arg(row[0].toString(), QHostAddress(row[1].toUInt()).toString(), row[2].toString(),
+                              row[3].toString(), row[4].toString(), row[5].toString(),
+                              QString::number(row[6].toLongLong() - begin)));
     }
-    return rows;
+    return texts;
 }
 
 QString registeredText(const QString &serial, const QString &suidText, const QString &address)

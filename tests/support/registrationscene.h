@@ -32,6 +32,9 @@ public:
     // Row by row in ESN order, "01: 127.0.0.2 suid 123456789ABC01 services 1,3 version 3 state 3 heard 60",
     // the time in seconds since the scene began.
     QStringList stored() const;
+    // The same as the server itself sees it, in the middle of its work: what is written counts, committed or
+    // not.
+    QStringList written() const;
 
     // The application's connection is gone with the server's restart; a new one is made, and its snapshot
     // dropped.
@@ -39,6 +42,7 @@ public:
 
 private:
     void connectApplication();
+    QStringList textOf(const QList<QVariantList> &rows) const;
 
     qint64 begin;
     ScriptedRadio witness;

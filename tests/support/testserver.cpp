@@ -91,6 +91,11 @@ QList<QVariantList> TestServer::query(const QString &statement) const
     return runSql(folder.databaseFile(), statement);
 }
 
+QList<QVariantList> TestServer::queryUncommitted(const QString &statement)
+{
+    return runSql(QSqlDatabase::database(), statement);
+}
+
 quint16 freeUdpPort()
 {
     return freePort<QUdpSocket>([](QUdpSocket &socket, quint16 port) { return socket.bind(port); });
@@ -112,18 +117,25 @@ QList<QVariantList> runSql(const QString &databaseFile, const QString &statement
         if (!database.open()) {
             qFatal("cannot open %s", qPrintable(databaseFile));
         }
-        QSqlQuery query(database);
-        if (!query.exec(statement)) {
-            qFatal("%s: %s", qPrintable(statement), qPrintable(query.lastError().text()));
-        }
-        while (query.next()) {
-            QVariantList row;
-            for (int i = 0; i < query.record().count(); ++i) {
-                row.append(query.value(i));
-            }
-            rows.append(row);
-        }
+        rows = runSql(database, statement);
     }
     QSqlDatabase::removeDatabase(connection);
+    return rows;
+}
+
+QList<QVariantList> runSql(const QSqlDatabase &database, const QString &statement)
+{
+    QList<QVariantList> rows;
+    QSqlQuery query(database);
+    if (!query.exec(statement)) {
+        qFatal("%s: %s", qPrintable(statement), qPrintable(query.lastError().text()));
+    }
+    while (query.next()) {
+        QVariantList row;
+        for (int i = 0; i < query.record().count(); ++i) {
+            row.append(query.value(i));
+        }
+        rows.append(row);
+    }
     return rows;
 }

@@ -50,6 +50,8 @@ public:
 
     // Reads and writes the database through a connection of the test's own.
     QList<QVariantList> query(const QString &statement) const;
+    // Reads through the server's own connection, which sees what it has written and not yet committed.
+    static QList<QVariantList> queryUncommitted(const QString &statement);
 
 private:
     std::unique_ptr<QMR::Quillmere> server;
@@ -64,3 +66,4 @@ quint16 freeTcpPort();
 // Runs SQL on a database file; what it yields, row by row. Fails the process on an error: the test's own SQL
 // is wrong.
 QList<QVariantList> runSql(const QString &databaseFile, const QString &statement);
+QList<QVariantList> runSql(const QSqlDatabase &database, const QString &statement);

@@ -1,0 +1,248 @@
+// SPDX-FileCopyrightText: 2026 The Quillmere developers
+// SPDX-License-Identifier: MIT
+
+#include "db/writegroup.h"
+
+#include "db/sqlite.h"
+
+#include <QThread>
+
+#include <sqlite3.h>
+
+#include <utility>
+
+namespace QMR {
+
+namespace {
+
+constexpr int MaximumTurns = 256;
+constexpr int MaximumAge = 20; // ms
+
+// Somebody else's lock holds up the event loop no longer than this, however many writes meet it in a group.
+constexpr qint64 LockPatience = 250;   // ms
+constexpr unsigned long LockPause = 2; // ms
+
+} // namespace
+
+WriteGroup::WriteGroup(sqlite3 *database, std::function<void(WriteStep)> failed, std::function<void()> stored)
+    : connection(database),
+      statements(database),
+      writer(statements),
+      reportFailure(std::move(failed)),
+      reportStored(std::move(stored))
+{
+    sqlite3_busy_handler(connection, waitForLock, this);
+    dueTimer.setSingleShot(true);
+    dueTimer.setTimerType(Qt::PreciseTimer);
+    dueTimer.setInterval(MaximumAge);
+    QObject::connect(&dueTimer, &QTimer::timeout, &dueTimer, [this] { commit(); });
+}
+
+WriteGroup::~WriteGroup()
+{
+    rollBack();
+    sqlite3_busy_handler(connection, nullptr, nullptr);
+}
+
+void WriteGroup::write(RowWrite write)
+{
+    if (turnDepth > 0) {
+        join(std::move(write));
+        return;
+    }
+    if (isKeptOpen()) {
+        commit();
+    }
+    writeAlone(write);
+    end();
+}
+
+void WriteGroup::retry(RowWrite::Kind kind, SubscriberRow row)
+{
+    retryBlocked = false;
+    write({kind, std::move(row), true});
+}
+
+void WriteGroup::commit()
+{
+    if (transactionOpen) {
+        if (statements.commit.run()) {
+            for (const RowWrite &write : written) {
+                if (write.isLatest) {
+                    owedWrites.settle(write.row.esn);
+                }
+            }
+            lockOutlasted = false;
+            written.clear();
+        } else {
+            const int resultCode = lastResult();
+            rollBack();
+            if (written.size() == 1) {
+                fail(written.front(), lastStep(written.front().kind), resultCode);
+                written.clear();
+            } else {
+                writeAgain();
+            }
+        }
+        transactionOpen = false;
+    }
+    end();
+}
+
+void WriteGroup::end()
+{
+    dueTimer.stop();
+    turnsTaken = 0;
+    lockWait.invalidate();
+    reportStored();
+}
+
+void WriteGroup::join(RowWrite write)
+{
+    if (!transactionOpen) {
+        transactionOpen = statements.begin.run();
+        if (!transactionOpen) {
+            fail(write, firstStep(write.kind), lastResult());
+            return;
+        }
+    }
+    if (const auto failedStep = writeInSavepoint(write)) {
+        // Taken before the roll-back, which has a result of its own.
+        const int resultCode = lastResult();
+        if (!isLost()) {
+            statements.rollbackToSavepoint.run();
+            statements.release.run();
+        }
+        fail(write, *failedStep, resultCode);
+        if (isLost()) {
+            writeAgain();
+        }
+    } else {
+        written.push_back(std::move(write));
+    }
+}
+
+std::optional<WriteStep> WriteGroup::writeInSavepoint(const RowWrite &write)
+{
+    if (!statements.savepoint.run()) {
+        return firstStep(write.kind);
+    }
+    if (const auto failedStep = writer.write(write, owedWrites.of(write.row.esn))) {
+        return failedStep;
+    }
+    return statements.release.run() ? std::nullopt : std::optional(lastStep(write.kind));
+}
+
+void WriteGroup::writeAlone(const RowWrite &write)
+{
+    std::optional<WriteStep> failedStep;
+    if (!statements.begin.run()) {
+        failedStep = firstStep(write.kind);
+    } else {
+        failedStep = writer.write(write, owedWrites.of(write.row.esn));
+        if (!failedStep && !statements.commit.run()) {
+            failedStep = lastStep(write.kind);
+        }
+    }
+    if (failedStep) {
+        const int resultCode = lastResult();
+        rollBack();
+        fail(write, *failedStep, resultCode);
+        return;
+    }
+    owedWrites.settle(write.row.esn);
+    lockOutlasted = false;
+}
+
+// The transaction is lost with all that went well in it: each write is now tried by itself.
+void WriteGroup::writeAgain()
+{
+    transactionOpen = false;
+    for (const RowWrite &write : std::exchange(written, {})) {
+        writeAlone(write);
+    }
+}
+
+void WriteGroup::fail(const RowWrite &write, WriteStep step, int resultCode)
+{
+    if (Sqlite::isLock(resultCode)) {
+        lockOutlasted = true;
+    }
+    if (Sqlite::isPassing(resultCode)) {
+        owedWrites.owe(write.row.esn, write.kind);
+        for (RowWrite &earlier : written) {
+            earlier.isLatest = earlier.isLatest && earlier.row.esn != write.row.esn;
+        }
+        retryBlocked = true;
+    } else {
+        owedWrites.settle(write.row.esn);
+    }
+    if (!write.isRetry) {
+        reportFailure(step);
+    }
+}
+
+int WriteGroup::lastResult() const
+{
+    return sqlite3_extended_errcode(connection);
+}
+
+// SQLite rolls back a whole transaction by itself when the disk is full or fails, or memory runs out.
+bool WriteGroup::isLost() const
+{
+    return sqlite3_get_autocommit(connection) != 0;
+}
+
+void WriteGroup::rollBack()
+{
+    if (!isLost()) {
+        statements.rollback.run();
+    }
+}
+
+void WriteGroup::stayOpen()
+{
+    if (!isKeptOpen()) {
+        dueTimer.start();
+    }
+}
+
+int WriteGroup::waitForLock(void *group, int)
+{
+    auto &self = *static_cast<WriteGroup *>(group);
+    if (!self.lockWait.isValid()) {
+        self.lockWait.start();
+    }
+    if (self.lockOutlasted || self.lockWait.hasExpired(LockPatience)) {
+        return 0;
+    }
+    QThread::msleep(LockPause);
+    return 1;
+}
+
+WriteTurn::WriteTurn(WriteGroup *writeGroup, Beginning beginning) : group(writeGroup)
+{
+    if (!group || group->turnDepth++ > 0) {
+        return;
+    }
+    if (beginning == Anew && group->isKeptOpen()) {
+        group->commit();
+    }
+    if (group->turnsTaken++ == 0) {
+        group->openSince.start();
+    }
+}
+
+WriteTurn::~WriteTurn()
+{
+    if (!group || --group->turnDepth > 0) {
+        return;
+    }
+    if (kept && group->turnsTaken < MaximumTurns && !group->openSince.hasExpired(MaximumAge)) {
+        group->stayOpen();
+    } else {
+        group->commit();
+    }
+}
+
+} // namespace QMR
