@@ -175,6 +175,7 @@ private:
     qint64 secondsToDiscovery() const;
 
     bool replaceDatabase();
+    void keepJournal();
     void writeFailed(WriteStep step) const;
     void groupStored();
     void eventOwedWritesDue();

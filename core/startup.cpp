@@ -101,6 +101,7 @@ void Quillmere::configure()
     settings = std::make_unique<QSettings>(configDirectory() + u"/qmr.cfg"_s, QSettings::IniFormat);
     database = QSqlDatabase::addDatabase(u"QSQLITE"_s);
     database.setDatabaseName(configDirectory() + u"/qmr.db"_s);
+    database.setConnectOptions(u"QSQLITE_BUSY_TIMEOUT=250"_s); // ms
     databaseConfigured = true;
 }
 
@@ -114,9 +115,11 @@ void Quillmere::start()
         return;
     }
     QSqlQuery(database).exec(u"PRAGMA foreign_keys = ON"_s);
+    QSqlQuery(database).exec(u"PRAGMA synchronous = EXTRA"_s);
     if (!checkDatabase()) {
         return;
     }
+    keepJournal();
     writes = std::make_unique<WriteGroup>(
         Sqlite::handle(database), [this](WriteStep step) { writeFailed(step); }, [this] { groupStored(); });
     loadRadioTable();

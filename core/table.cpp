@@ -66,6 +66,9 @@ size_t Quillmere::removeRadio(const RadioPointer &radio)
 void Quillmere::setAddresses(const RadioPointer &radio, const QHostAddress &address,
                              const QHostAddress &pendingAddress)
 {
+    if (radio->address == address && radio->pendingAddress == pendingAddress) {
+        return;
+    }
     // Of two stored rows with one ESN the second is supervised without being in the table; the index has the
     // first.
     const bool indexed = findRadio(radio->esn) == radio;

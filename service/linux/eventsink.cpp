@@ -10,10 +10,12 @@
 #include <systemd/sd-journal.h>
 
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <sys/uio.h>
 #include <syslog.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <mutex>
@@ -48,10 +50,28 @@ int syslogPriority(Scm::Word type)
     }
 }
 
-// Qt writes JSON strings only inside a document, so the quoted text is taken out of an array of one.
+// A text with nothing to escape, as nearly all are, stands for itself. Qt writes JSON strings only inside a
+// document, so the quoted text is taken out of an array of one.
 QByteArray jsonString(const QString &text)
 {
-    return QJsonDocument(QJsonArray{text}).toJson(QJsonDocument::Compact).chopped(1).sliced(1);
+    const bool plain = std::all_of(text.begin(), text.end(), [](QChar character) {
+        return character >= u' ' && character <= u'~' && character != u'"' && character != u'\\';
+    });
+    return plain ? '"' + text.toLatin1() + '"'
+                 : QJsonDocument(QJsonArray{text}).toJson(QJsonDocument::Compact).chopped(1).sliced(1);
+}
+
+// Qt forms the text of a time slowly; that of a whole second serves all records of the second.
+QByteArray timeText(const QDateTime &time)
+{
+    thread_local qint64 knownSecond = -1;
+    thread_local QByteArray knownText;
+    const qint64 milliseconds = time.toMSecsSinceEpoch();
+    if (milliseconds / 1000 != knownSecond) {
+        knownSecond = milliseconds / 1000;
+        knownText = time.toUTC().toString(Qt::ISODate).chopped(1).toLatin1();
+    }
+    return knownText + '.' + QByteArray::number(1000 + milliseconds % 1000).sliced(1) + 'Z';
 }
 
 // One write call for the whole line keeps the lines of several processes apart.
@@ -70,17 +90,39 @@ bool writeAll(int descriptor, QByteArray bytes)
     return true;
 }
 
-bool appendToFile(const QByteArray &path, const QByteArray &line)
+// The file that records are appended to, kept open for as long as its path leads to it: it may be renamed or
+// removed at any time, and is then made anew.
+class RecordFile
 {
-    // Not blocking: a pipe that nobody reads loses its records, it does not hold the server.
-    const int descriptor =
-        ::open(path.constData(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC | O_NONBLOCK, 0640);
-    if (descriptor < 0) {
-        return false;
+public:
+    bool append(const QByteArray &wantedPath, const QByteArray &line)
+    {
+        const std::lock_guard lock(mutex);
+        return isOpen(wantedPath) && writeAll(descriptor, line);
     }
-    const bool complete = writeAll(descriptor, line);
-    return ::close(descriptor) == 0 && complete;
-}
+
+private:
+    bool isOpen(const QByteArray &wantedPath)
+    {
+        struct stat found = {};
+        if (descriptor >= 0 && path == wantedPath && ::stat(path.constData(), &found) == 0 &&
+            found.st_dev == opened.st_dev && found.st_ino == opened.st_ino) {
+            return true;
+        }
+        if (descriptor >= 0) {
+            ::close(descriptor);
+        }
+        path = wantedPath;
+        // Not blocking: a pipe that nobody reads loses its records, it does not hold the server.
+        descriptor = ::open(path.constData(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC | O_NONBLOCK, 0640);
+        return descriptor >= 0 && ::fstat(descriptor, &opened) == 0;
+    }
+
+    std::mutex mutex;
+    QByteArray path;
+    int descriptor = -1;
+    struct stat opened = {};
+};
 
 bool sendToJournal(const EventRecord &record)
 {
@@ -122,7 +164,7 @@ bool sendToSyslog(const EventRecord &record)
 
 QByteArray jsonLine(const EventRecord &record)
 {
-    QByteArray line = R"({"time":)" + jsonString(record.time.toString(Qt::ISODateWithMs)) + R"(,"source":)" +
+    QByteArray line = R"({"time":)" + QByteArray("\"") + timeText(record.time) + R"(","source":)" +
                       jsonString(record.source) + R"(,"type":")" + typeName(record.type) + R"(","id":)" +
                       QByteArray::number(record.id) + R"(,"category":)" +
                       QByteArray::number(record.category) + R"(,"message":)" + jsonString(record.message);
@@ -139,7 +181,8 @@ bool writeEvent(const EventRecord &record)
         return writeAll(STDERR_FILENO, jsonLine(record));
     }
     if (!sink.isEmpty()) {
-        return appendToFile(sink, jsonLine(record));
+        static RecordFile file;
+        return file.append(sink, jsonLine(record));
     }
     return sendToJournal(record) || sendToSyslog(record);
 }
