@@ -92,9 +92,9 @@ bool Quillmere::replaceDatabase()
     return true;
 }
 
-// A journal that is kept costs fewer waits for the disk than one that is made and removed for each commit, and the
-// end of a commit in it survives a power cut; that of its removal does not before the folder is synced too. A file
-// in write-ahead mode stays in it.
+// A journal that is kept costs fewer waits for the disk than one that is made and removed for each commit,
+// and the end of a commit in it survives a power cut; that of its removal does not before the folder is
+// synced too. A file in write-ahead mode stays in it.
 void Quillmere::keepJournal()
 {
     QSqlQuery query;
