@@ -125,8 +125,10 @@ double serverRate(const std::vector<std::unique_ptr<Radio>> &radios, double &reg
 double processorTime(qint64 process)
 {
     QFile file(QStringLiteral("/proc/%1/stat").arg(process));
-    const QList<QByteArray> fields = file.open(QIODevice::ReadOnly) ? file.readAll().split(' ') : QList<QByteArray>();
-    return (fields.value(13).toDouble() + fields.value(14).toDouble()) * 1e6 / static_cast<double>(::sysconf(_SC_CLK_TCK));
+    const QList<QByteArray> fields =
+        file.open(QIODevice::ReadOnly) ? file.readAll().split(' ') : QList<QByteArray>();
+    return (fields.value(13).toDouble() + fields.value(14).toDouble()) * 1e6 /
+           static_cast<double>(::sysconf(_SC_CLK_TCK));
 }
 
 double bareRate(BareStatements &database, uint32_t &next)
@@ -214,8 +216,9 @@ bool measure(const QString &place)
     const double each = (processorTime(server.processId()) - before) / registrations;
     server.kill();
     server.waitForFinished();
-    std::printf("%-24s server %8.0f /s   bare loop %8.0f /s   ratio %.2f   processor %.1f us a registration\n", qPrintable(place),
-                median(serverRates), median(bareRates), median(ratios), each);
+    std::printf(
+        "%-24s server %8.0f /s   bare loop %8.0f /s   ratio %.2f   processor %.1f us a registration\n",
+        qPrintable(place), median(serverRates), median(bareRates), median(ratios), each);
     return true;
 }
 
