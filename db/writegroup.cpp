@@ -68,11 +68,8 @@ void WriteGroup::commit()
     if (transactionOpen) {
         if (statements.commit.run()) {
             for (const RowWrite &write : written) {
-                if (write.isLatest) {
-                    owedWrites.settle(write.row.esn);
-                }
+                succeed(write);
             }
-            lockOutlasted = false;
             written.clear();
         } else {
             const int resultCode = lastResult();
@@ -150,8 +147,7 @@ void WriteGroup::writeAlone(const RowWrite &write)
         fail(write, *failedStep, resultCode);
         return;
     }
-    owedWrites.settle(write.row.esn);
-    lockOutlasted = false;
+    succeed(write);
 }
 
 // The transaction is lost with all that went well in it: each write is now tried by itself.
@@ -161,6 +157,14 @@ void WriteGroup::writeAgain()
     for (const RowWrite &write : std::exchange(written, {})) {
         writeAlone(write);
     }
+}
+
+void WriteGroup::succeed(const RowWrite &write)
+{
+    if (write.isLatest) {
+        owedWrites.settle(write.row.esn);
+    }
+    lockOutlasted = false;
 }
 
 void WriteGroup::fail(const RowWrite &write, WriteStep step, int resultCode)

@@ -52,6 +52,7 @@ private:
     std::optional<WriteStep> writeInSavepoint(const RowWrite &write);
     void writeAgain();
     void end();
+    void succeed(const RowWrite &write);
     void fail(const RowWrite &write, WriteStep step, int resultCode);
     void stayOpen();
     bool isKeptOpen() const { return dueTimer.isActive(); }

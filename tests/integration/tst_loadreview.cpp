@@ -1,6 +1,7 @@
 // SPDX-FileCopyrightText: 2026 The Quillmere developers
 // SPDX-License-Identifier: MIT
 
+#include "tests/support/otherconnection.h"
 #include "tests/support/serverdatabase.h"
 #include "tests/support/storedradio.h"
 
@@ -48,29 +49,6 @@ LogRecord writeError()
 {
     return RecordingLog::record(Scm::EventError, u"Database write error"_s);
 }
-
-// Another process's connection to the database.
-class OtherConnection
-{
-public:
-    explicit OtherConnection(const TestServer &server)
-    {
-        database = QSqlDatabase::addDatabase(u"QSQLITE"_s, u"other"_s);
-        database.setDatabaseName(server.folder.databaseFile());
-        database.open();
-    }
-    ~OtherConnection()
-    {
-        database = QSqlDatabase();
-        QSqlDatabase::removeDatabase(u"other"_s);
-    }
-    Q_DISABLE_COPY_MOVE(OtherConnection)
-
-    bool run(const QString &statement) const { return QSqlQuery(database).exec(statement); }
-
-private:
-    QSqlDatabase database;
-};
 
 } // namespace
 

@@ -99,6 +99,24 @@ int CommitHook::commit(void *hook)
     return self->attempts++ < self->refusals ? 1 : 0;
 }
 
+CommitObserver::CommitObserver(std::function<void()> observer) : observed(std::move(observer))
+{
+    sqlite3_commit_hook(serverDatabase(), commit, this);
+}
+
+CommitObserver::~CommitObserver()
+{
+    if (defaultConnection().isOpen()) {
+        sqlite3_commit_hook(serverDatabase(), nullptr, nullptr);
+    }
+}
+
+int CommitObserver::commit(void *observer)
+{
+    static_cast<CommitObserver *>(observer)->observed();
+    return 0;
+}
+
 SelectDenial::SelectDenial()
 {
     sqlite3_set_authorizer(serverDatabase(), denySelect, nullptr);

@@ -7,6 +7,8 @@
 
 #include <QStringList>
 
+#include <functional>
+
 struct sqlite3;
 
 // The handle of the process's default connection, which must be open.
@@ -42,6 +44,20 @@ private:
 
     int attempts = 0;
     int refusals;
+};
+
+// Is called at each commit of a writing transaction on the default connection, before it is carried out.
+class CommitObserver
+{
+public:
+    explicit CommitObserver(std::function<void()> observer);
+    ~CommitObserver();
+    Q_DISABLE_COPY_MOVE(CommitObserver)
+
+private:
+    static int commit(void *observer);
+
+    std::function<void()> observed;
 };
 
 // While it lives no SELECT can be prepared on the default connection.

@@ -1,0 +1,367 @@
+// SPDX-FileCopyrightText: 2026 The Quillmere developers
+// SPDX-License-Identifier: MIT
+
+#include "db/writegroup.h"
+#include "tests/support/registrationscene.h"
+#include "tests/support/scriptedradio.h"
+#include "tests/support/serverdatabase.h"
+#include "tests/support/testserver.h"
+
+#include <QtTest>
+
+using namespace Qt::StringLiterals;
+
+namespace {
+
+LogRecord error(const QString &message)
+{
+    return RecordingLog::record(Scm::EventError, message);
+}
+
+LogRecord registered(const ScriptedRadio &radio)
+{
+    return RecordingLog::record(Scm::EventInformation, radio.registeredText());
+}
+
+QString addressOf(int radio)
+{
+    return u"127.0.0.%1"_s.arg(radio + 1);
+}
+
+// A group that is kept open is committed by nothing but what the test does.
+class NoGroupFallsDue : public QObject
+{
+public:
+    NoGroupFallsDue() { QCoreApplication::instance()->installEventFilter(this); }
+
+    bool eventFilter(QObject *object, QEvent *event) override
+    {
+        const auto *timer = qobject_cast<QTimer *>(object);
+        return event->type() == QEvent::Timer && timer && timer->interval() == 20;
+    }
+};
+
+// Some radios, an application, and a server that is told of all of them before it looks.
+class Burst
+{
+public:
+    explicit Burst(int count)
+    {
+        server.startWithoutDiscovery();
+        for (int i = 1; i <= count; ++i) {
+            radios.push_back(std::make_unique<ScriptedRadio>(server.registrationPort(),
+                                                             static_cast<quint8>(i), addressOf(i)));
+        }
+        application = std::make_unique<ScriptedApplication>(server.applicationPort());
+        (void)server.log.takeOnce(1);
+    }
+
+    void registers(const QByteArray &services = "\1")
+    {
+        for (const auto &radio : radios) {
+            radio->registers(services);
+        }
+    }
+
+    QList<LogRecord> registrations() const
+    {
+        QList<LogRecord> records;
+        for (const auto &radio : radios) {
+            records.append(registered(*radio));
+        }
+        return records;
+    }
+
+    // Each is acknowledged, once, and the application told of each, in order.
+    bool allAreServed(const QByteArray &services = "\1")
+    {
+        return std::all_of(radios.begin(), radios.end(), [&](const auto &radio) {
+            return radio->isAcknowledged() && !radio->hasReceived() &&
+                   application->sees(*radio, QMR::Registered, services);
+        });
+    }
+
+    // The serials of those whose rows have this service.
+    QList<int> stored(int service = 1) const
+    {
+        QList<int> serials;
+        for (const QVariantList &row :
+             server.query(u"SELECT esn FROM subscribers JOIN supported_services ON id = subscriber_id "
+                          "WHERE service = %1 AND availability = 3 ORDER BY esn"_s.arg(service))) {
+            serials.append(row[0].toByteArray().at(7));
+        }
+        return serials;
+    }
+
+    TestServer server;
+    std::vector<std::unique_ptr<ScriptedRadio>> radios;
+    std::unique_ptr<ScriptedApplication> application;
+};
+
+QString raise(const QString &event, const QString &how, int serial)
+{
+    return u"CREATE TRIGGER stop BEFORE %1 ON subscribers WHEN hex(NEW.esn) LIKE '%%2' "
+           "BEGIN SELECT RAISE(%3, 'no'); END"_s.arg(event, QString::number(serial).rightJustified(2, u'0'),
+                                                     how);
+}
+
+} // namespace
+
+// Writes that share a commit: what waits for it, and what becomes of it when it is lost.
+class TestWriteGroup : public QObject
+{
+    Q_OBJECT
+
+private slots:
+    void newRadioIsInsertedAndUpdatedInOneCommit()
+    {
+        Burst burst(1);
+        const CommitHook hook;
+        burst.registers();
+        QVERIFY(burst.allAreServed());
+        QCOMPARE(hook.commits(), 1);
+        QCOMPARE(burst.stored(), QList<int>{1});
+    }
+
+    void waitingDatagramsShareACommit()
+    {
+        constexpr int Count = 200;
+        Burst burst(Count);
+        const CommitHook hook;
+        burst.registers();
+        QVERIFY(burst.allAreServed());
+        QCOMPARE(burst.server.log.take(), burst.registrations());
+        QCOMPARE(burst.stored().size(), Count);
+        // How many there are is a matter of the machine's speed.
+        QVERIFY(hook.commits() < Count / 2);
+    }
+
+    void nothingLeavesBeforeTheCommit()
+    {
+        Burst burst(3);
+        bool leftEarly = false;
+        QList<qsizetype> recordsAtCommit;
+        const CommitObserver observer([&] {
+            recordsAtCommit.append(burst.server.log.records().size());
+            for (const auto &radio : burst.radios) {
+                leftEarly = leftEarly || radio->hasReceived();
+            }
+            leftEarly = leftEarly || burst.application->connection().waitForReadyRead(10);
+        });
+        inOneTurn(burst, 1);
+        // Records are written at once.
+        QCOMPARE(recordsAtCommit, QList<qsizetype>{3});
+        QVERIFY(!leftEarly);
+        QVERIFY(burst.allAreServed());
+    }
+
+    void groupEndsAfter256Turns()
+    {
+        const NoGroupFallsDue hold;
+        TestServer server;
+        server.startWithoutDiscovery();
+        const CommitHook hook;
+        QMR::RadioEntry radio;
+        int turns = 0;
+        while (hook.commits() == 0 && turns < 1000) {
+            QMR::WriteTurn turn(server->writeGroup(), QMR::WriteTurn::Continue);
+            radio.esn.bytes[6] = static_cast<quint8>(turns >> 8);
+            radio.esn.bytes[7] = static_cast<quint8>(turns);
+            server->insertSubscriber(radio);
+            turn.keepOpen();
+            ++turns;
+        }
+        QVERIFY(turns <= 256); // or 20 ms, whichever is first
+        QCOMPARE(server.query(u"SELECT count(*) FROM subscribers"_s).value(0).value(0).toInt(), turns);
+    }
+
+    void keptGroupFallsDueByItself()
+    {
+        TestServer server;
+        server.startWithoutDiscovery();
+        keepOpen(server);
+        QVERIFY(server.query(u"SELECT * FROM subscribers"_s).isEmpty());
+        QTRY_COMPARE(server.query(u"SELECT * FROM subscribers"_s).size(), 1);
+    }
+
+    void everyOtherEventCommitsFirst_data()
+    {
+        using Event = std::function<void(Burst &)>;
+        QTest::addColumn<Event>("happens");
+        QTest::newRow("discovery") << Event([](Burst &burst) { burst.server.expireDiscovery(); });
+        QTest::newRow("deadline") << Event([](Burst &burst) { burst.server.expireHeartbeat(); });
+        QTest::newRow("timeout check") << Event([](Burst &burst) { burst.server.expireTimeoutCheck(); });
+        QTest::newRow("a registration by itself") << Event([](Burst &burst) {
+            burst.server->registerRadio({{9}}, 1, {}, QHostAddress(u"127.0.0.9"_s), 9, false, {});
+        });
+        QTest::newRow("a write by itself") << Event([](Burst &burst) { burst.server->deleteSubscriber({}); });
+        QTest::newRow("an application connects") << Event([](Burst &burst) {
+            const ScriptedApplication other(burst.server.applicationPort());
+            QVERIFY(!burst.server.log.takeOnce(1).isEmpty());
+        });
+        QTest::newRow("an application sends") << Event([](Burst &burst) {
+            burst.application->sends(ScriptedApplication::message(9, {}));
+            QVERIFY(!burst.server.log.takeOnce(1).isEmpty());
+        });
+        QTest::newRow("an application leaves") << Event([](Burst &burst) {
+            burst.application.reset();
+            QVERIFY(!burst.server.log.takeOnce(1).isEmpty());
+        });
+        QTest::newRow("stop") << Event([](Burst &burst) { burst.server.stop(); });
+    }
+
+    void everyOtherEventCommitsFirst()
+    {
+        using Event = std::function<void(Burst &)>;
+        QFETCH(const Event, happens);
+        const NoGroupFallsDue hold;
+        Burst burst(0);
+        keepOpen(burst.server);
+        QVERIFY(burst.server.query(u"SELECT * FROM subscribers"_s).isEmpty());
+        qsizetype rowsAtRecord = 1;
+        burst.server.log.whenWritten([&](const LogRecord &) {
+            rowsAtRecord = std::min(rowsAtRecord, burst.server.query(u"SELECT * FROM subscribers"_s).size());
+        });
+        happens(burst);
+        QCOMPARE(rowsAtRecord, 1);
+        burst.server.log.whenWritten({});
+        QVERIFY(!burst.server.query(u"SELECT * FROM subscribers WHERE hex(esn) LIKE '%01'"_s).isEmpty());
+    }
+
+    void refusedWriteFailsAlone_data()
+    {
+        QTest::addColumn<QString>("how");
+        QTest::newRow("its savepoint is rolled back") << u"ABORT"_s;
+        QTest::newRow("it is left half done") << u"FAIL"_s;
+        // As SQLite does by itself when the disk is full, or fails.
+        QTest::newRow("the whole transaction is rolled back") << u"ROLLBACK"_s;
+    }
+
+    void refusedWriteFailsAlone()
+    {
+        QFETCH(const QString, how);
+        Burst burst(5);
+        burst.registers();
+        QVERIFY(burst.allAreServed());
+        burst.server.log.take();
+        burst.server.query(raise(u"UPDATE"_s, how, 3));
+        burst.registers("\2");
+        QVERIFY(burst.allAreServed("\2"));
+        QList<LogRecord> expected = burst.registrations();
+        expected.insert(3, error(u"Database write error"_s));
+        QCOMPARE(burst.server.log.take(), expected);
+        QCOMPARE(burst.stored(2), (QList<int>{1, 2, 4, 5}));
+        QCOMPARE(burst.stored(1), QList<int>{3});
+        // What is refused for its content is not tried again.
+        burst.server.query(u"DROP TRIGGER stop"_s);
+        burst.server.stop();
+        QCOMPARE(burst.stored(1), QList<int>{3});
+    }
+
+    void refusedInsertOfABurstFailsAlone()
+    {
+        Burst burst(5);
+        burst.server.query(raise(u"INSERT"_s, u"ROLLBACK"_s, 3));
+        burst.registers();
+        QVERIFY(burst.allAreServed());
+        QList<LogRecord> expected = burst.registrations();
+        expected.insert(2, error(u"Database insert error (1)"_s));
+        expected.insert(4, error(u"Database write error"_s));
+        QCOMPARE(burst.server.log.take(), expected);
+        QCOMPARE(burst.stored(), (QList<int>{1, 2, 4, 5}));
+    }
+
+    void refusedCommitIsDoneOneByOne()
+    {
+        Burst burst(5);
+        burst.registers();
+        QVERIFY(burst.allAreServed());
+        burst.server.log.take();
+        const CommitHook hook(1);
+        inOneTurn(burst, 2);
+        QCOMPARE(hook.commits(), 1 + 5);
+        QVERIFY(burst.allAreServed("\2"));
+        QCOMPARE(burst.server.log.take(), burst.registrations());
+        QCOMPARE(burst.stored(2), (QList<int>{1, 2, 3, 4, 5}));
+    }
+
+    void eachHasItsRecordWhenNoCommitSucceeds()
+    {
+        Burst burst(3);
+        const CommitHook hook(1000);
+        inOneTurn(burst, 1);
+        QVERIFY(burst.allAreServed());
+        const LogRecord insertError = error(u"Database insert error (3)"_s);
+        const LogRecord writeError = error(u"Database write error"_s);
+        QList<LogRecord> expected = burst.registrations();
+        expected << insertError << writeError << insertError << writeError << insertError << writeError;
+        QCOMPARE(burst.server.log.take(), expected);
+        QCOMPARE(burst.stored(), QList<int>());
+        QCOMPARE(burst.server->radios().size(), size_t{3});
+    }
+
+    void whatIsWrittenAgainIsAsItWas()
+    {
+        Burst burst(2);
+        {
+            const CommitHook hook(1);
+            const QMR::WriteTurn turn(burst.server->writeGroup());
+            ScriptedRadio &first = *burst.radios[0];
+            ScriptedRadio &second = *burst.radios[1];
+            const auto registers = [&](const ScriptedRadio &radio, const QHostAddress &address,
+                                       quint32 service) {
+                burst.server->registerRadio(radio.esn, 3, radio.suid, address, radio.port(), false,
+                                            {service});
+            };
+            registers(first, first.address(), 1);
+            registers(second, second.address(), 1);
+            registers(first, second.address(), 2); // the second loses its address, and so its row
+            burst.server->deregisterRadio(first.esn, second.address());
+            registers(first, first.address(), 3);
+        }
+        QCOMPARE(burst.stored(3), QList<int>{1});
+        QCOMPARE(burst.server.query(u"SELECT esn FROM subscribers"_s).size(), 1);
+        QCOMPARE(burst.server.query(u"SELECT service FROM supported_services"_s),
+                 (QList<QVariantList>{{3LL}}));
+        for (const LogRecord &record : burst.server.log.take()) {
+            QCOMPARE(record.type, Scm::Word{Scm::EventInformation});
+        }
+    }
+
+    void whatIsOpenWhenTheProcessEndsIsGone()
+    {
+        TestServer server;
+        server.startWithoutDiscovery();
+        {
+            QMR::WriteGroup group(
+                serverDatabase(), [](QMR::WriteStep) {}, [] {});
+            QMR::WriteTurn turn(&group, QMR::WriteTurn::Continue);
+            group.write({QMR::RowWrite::Insert, QMR::SubscriberRow(QMR::Esn{{1}})});
+            turn.keepOpen();
+        }
+        QVERIFY(server.query(u"SELECT * FROM subscribers"_s).isEmpty());
+    }
+
+private:
+    // A row with serial 1 that waits for its commit.
+    static void keepOpen(TestServer &server)
+    {
+        QMR::RadioEntry radio;
+        radio.esn.bytes[7] = 1;
+        QMR::WriteTurn turn(server->writeGroup(), QMR::WriteTurn::Continue);
+        server->insertSubscriber(radio);
+        turn.keepOpen();
+    }
+
+    static void inOneTurn(Burst &burst, quint32 service)
+    {
+        const QMR::WriteTurn turn(burst.server->writeGroup());
+        for (const auto &radio : burst.radios) {
+            burst.server->registerRadio(radio->esn, 3, radio->suid, radio->address(), radio->port(), false,
+                                        {service});
+        }
+    }
+};
+
+QTEST_GUILESS_MAIN(TestWriteGroup)
+#include "tst_writegroup.moc"
