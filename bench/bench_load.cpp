@@ -14,10 +14,11 @@
 #include <QTemporaryDir>
 
 #include <cstdio>
+#include <cstdlib>
 
 int main(int argc, char **argv)
 {
-    constexpr uint32_t Radios = 100000;
+    const uint32_t Radios = argc > 2 ? static_cast<uint32_t>(std::strtoul(argv[2], nullptr, 10)) : 100000;
     const QCoreApplication application(argc, argv);
     const QString place = argc > 1 ? QFile::decodeName(argv[1]) : QDir::currentPath();
     const QTemporaryDir folder(place + QStringLiteral("/quillmere-bench-XXXXXX"));

@@ -123,6 +123,7 @@ public:
     const QTimer &nextDiscovery() const { return discoveryTimer; }
     const QTimer &nextDeadline() const { return heartbeatTimer; }
     const QTimer &timeoutCheck() const { return timeoutCheckTimer; }
+    const QTimer &nextRetry() const { return owedWritesTimer; }
 
     // Application requests and notifications (requests.cpp).
 

@@ -3,6 +3,8 @@
 
 #include "tests/support/modelcomparison.h"
 
+#include "tests/support/serverdatabase.h"
+
 #include <QCoreApplication>
 #include <QDeadlineTimer>
 
@@ -132,6 +134,17 @@ void ModelComparison::waitForDatagramsOf(ScriptedRadio &radio)
     if (!happens([&] { return server.log.records().contains(GarbageArrived); })) {
         differs(u"datagrams"_s, u"not handled"_s, u"handled"_s);
     }
+}
+
+void ModelComparison::lockDatabase()
+{
+    setBusyTimeout(0);
+    runSql(QSqlDatabase::database(Connection), u"BEGIN IMMEDIATE"_s);
+}
+
+void ModelComparison::unlockDatabase()
+{
+    runSql(QSqlDatabase::database(Connection), u"ROLLBACK"_s);
 }
 
 void ModelComparison::compare()

@@ -32,6 +32,10 @@ public:
     // compared.
     void waitForDatagramsOf(ScriptedRadio &radio);
 
+    // Keeps the server from writing, on the connection that the rows are read through.
+    void lockDatabase();
+    void unlockDatabase();
+
     void differs(const QString &what, const QString &actual, const QString &expected);
     // Empty while nothing differs.
     QString difference() const { return firstDifference; }

@@ -3,6 +3,9 @@
 
 #include "tests/support/modelscenario.h"
 
+#include "db/writegroup.h"
+#include "tests/support/serverdatabase.h"
+
 #include <QCoreApplication>
 #include <QTimerEvent>
 
@@ -58,7 +61,7 @@ bool ModelScenario::eventFilter(QObject *object, QEvent *event)
 {
     return event->type() == QEvent::Timer &&
            (object == &server->nextDiscovery() || object == &server->nextDeadline() ||
-            object == &server->timeoutCheck());
+            object == &server->timeoutCheck() || (object == &server->nextRetry() && !retrying));
 }
 
 void ModelScenario::storeRandomRadios()
@@ -93,13 +96,16 @@ void ModelScenario::storeRandomRadios()
 
 void ModelScenario::takeRandomStep()
 {
-    const quint32 chance = below(100);
+    if (model.locked && below(4) == 0) {
+        return isUnlocked();
+    }
+    const quint32 chance = below(110);
     if (chance < 34) {
-        registers();
+        carryOut(anyRegistration());
     } else if (chance < 42) {
-        deregisters();
+        carryOut(anyDeregistration());
     } else if (chance < 47) {
-        deregistersByAddress();
+        carryOut(deregistrationByAddress());
     } else if (chance < 53) {
         isReported();
     } else if (chance < 67) {
@@ -110,62 +116,73 @@ void ModelScenario::takeRandomStep()
         deadlineExpires();
     } else if (chance < 95) {
         timeoutCheckExpires();
-    } else {
+    } else if (chance < 100) {
         restarts();
+    } else if (chance < 104) {
+        burst();
+    } else if (chance < 107) {
+        isLocked();
+    } else {
+        retryExpires();
     }
 }
 
 void ModelScenario::end()
 {
+    if (model.locked) {
+        isUnlocked();
+    }
+    retryExpires();
     if (difference().isEmpty()) {
         announcesMarker();
     }
 }
 
-void ModelScenario::registers()
+ModelScenario::Message ModelScenario::anyRegistration()
 {
-    RegistrationModel::Registration registration;
+    RegistrationModel::Registration planned;
     const size_t radio = below(ConfirmedRadios);
-    registration.esn = Esns[radio];
+    planned.esn = Esns[radio];
     // A radio that does not tell its ESN is known as zero only by a registration of version 1.
-    registration.protocolVersion = radio == 0 ? 1 : std::array<quint32, 8>{1, 2, 3, 3, 3, 3, 3, 3}[below(8)];
-    registration.address = static_cast<quint32>(below(3));
-    registration.services = Services[below(3)];
-    if (registration.protocolVersion > 1) {
-        registration.suid.bytes[6] = static_cast<quint8>(1 + below(2));
+    planned.protocolVersion = radio == 0 ? 1 : std::array<quint32, 8>{1, 2, 3, 3, 3, 3, 3, 3}[below(8)];
+    planned.address = static_cast<quint32>(below(3));
+    planned.services = Services[below(3)];
+    if (planned.protocolVersion > 1) {
+        planned.suid.bytes[6] = static_cast<quint8>(1 + below(2));
     }
-    registration.pending = registration.protocolVersion > 2 && below(2) == 0;
-    carryOut(registration);
+    planned.pending = planned.protocolVersion > 2 && below(2) == 0;
+    return registration(planned);
 }
 
 void ModelScenario::announcesMarker()
 {
-    RegistrationModel::Registration registration;
-    registration.esn = Esns[MarkerEsn];
-    registration.protocolVersion = 3;
-    registration.address = MarkerAddress;
-    carryOut(registration);
+    RegistrationModel::Registration planned;
+    planned.esn = Esns[MarkerEsn];
+    planned.protocolVersion = 3;
+    planned.address = MarkerAddress;
+    carryOut(registration(planned));
 }
 
 // The registration's address is still the number of the radio that sends it.
-void ModelScenario::carryOut(const RegistrationModel::Registration &planned)
+ModelScenario::Message ModelScenario::registration(const RegistrationModel::Registration &planned)
 {
     RegistrationModel::Registration registration = planned;
-    const size_t number = planned.address;
-    ScriptedRadio &radio = *radios[number];
-    radio.esn = registration.esn;
-    radio.suid = registration.suid;
-    radio.protocolVersion = static_cast<quint8>(registration.protocolVersion);
+    ScriptedRadio &radio = *radios[planned.address];
     registration.address = radio.address().toIPv4Address();
     const QByteArray services = bytesOf(registration.services);
-    const QString detail =
+    const auto becomesTheRadio = [&radio, registration] {
+        radio.esn = registration.esn;
+        radio.suid = registration.suid;
+        radio.protocolVersion = static_cast<quint8>(registration.protocolVersion);
+    };
+    return {
+        registration.pending ? u"registers pending"_s : u"registers"_s,
         u"%1 version %2 %3 at %4 [%5]"_s.arg(registration.esn.text())
             .arg(registration.protocolVersion)
-            .arg(registration.suid.text(), radio.address().toString(), QString::fromLatin1(services.toHex()));
-    step(
-        registration.pending ? u"registers pending"_s : u"registers"_s, detail,
-        [&] { model.registers(registration); },
-        [&] {
+            .arg(registration.suid.text(), radio.address().toString(), QString::fromLatin1(services.toHex())),
+        [this, registration] { model.registers(registration); },
+        [this, &radio, registration, services, becomesTheRadio] {
+            becomesTheRadio();
             if (way == Direct) {
                 server->registerRadio(registration.esn, registration.protocolVersion, registration.suid,
                                       radio.address(), radio.port(), registration.pending,
@@ -177,51 +194,98 @@ void ModelScenario::carryOut(const RegistrationModel::Registration &planned)
             } else {
                 radio.registers(services);
             }
-            waitForDatagramsOf(radio);
-        });
-    if (!radio.isAcknowledged()) {
-        comparison->differs(u"acknowledgement"_s, u"none, or another"_s, detail);
-    }
+        },
+        [&radio, becomesTheRadio] {
+            becomesTheRadio();
+            return radio.isAcknowledged();
+        },
+        &radio};
 }
 
-void ModelScenario::deregisters()
+ModelScenario::Message ModelScenario::anyDeregistration()
 {
     const size_t number = below(3);
     const Esn esn = anyEsn();
     if (esn.isZero()) {
-        return deregistersByAddress();
+        return deregistrationByAddress();
     }
     ScriptedRadio &radio = *radios[number];
-    radio.esn = esn;
-    radio.protocolVersion = 3;
-    step(
-        u"deregisters"_s, esn.text() + u" from "_s + radio.address().toString(),
-        [&] { model.deregisters(esn, radio.address().toIPv4Address()); },
-        [&] {
-            if (way == Direct) {
-                server->deregisterRadio(esn, radio.address());
-            } else {
-                radio.deregisters();
-            }
-            waitForDatagramsOf(radio);
-        });
+    return {u"deregisters"_s,
+            esn.text() + u" from "_s + radio.address().toString(),
+            [this, &radio, esn] { model.deregisters(esn, radio.address().toIPv4Address()); },
+            [this, &radio, esn] {
+                radio.esn = esn;
+                radio.protocolVersion = 3;
+                if (way == Direct) {
+                    server->deregisterRadio(esn, radio.address());
+                } else {
+                    radio.deregisters();
+                }
+            },
+            [] { return true; },
+            &radio};
 }
 
-void ModelScenario::deregistersByAddress()
+ModelScenario::Message ModelScenario::deregistrationByAddress()
 {
-    const size_t number = below(3);
-    ScriptedRadio &radio = *radios[number];
+    ScriptedRadio &radio = *radios[below(3)];
+    return {u"deregisters by address"_s,
+            radio.address().toString(),
+            [this, &radio] { model.deregistersByAddress(radio.address().toIPv4Address()); },
+            [this, &radio] {
+                if (way == Direct) {
+                    server->deregisterRadioByAddress(radio.address());
+                } else {
+                    radio.deregistersByAddress();
+                }
+            },
+            [] { return true; },
+            &radio};
+}
+
+void ModelScenario::carryOut(const Message &message)
+{
+    step(message.kind, message.detail, message.inModel, [&] {
+        message.inServer();
+        waitForDatagramsOf(*message.radio);
+    });
+    if (!message.isAnswered()) {
+        comparison->differs(u"acknowledgement"_s, u"none, or another"_s, message.detail);
+    }
+}
+
+void ModelScenario::burst()
+{
+    std::vector<Message> messages;
+    QStringList details;
+    for (quint32 left = 2 + below(5); left > 0; --left) {
+        messages.push_back(below(4) > 0 ? anyRegistration() : anyDeregistration());
+        details.append(messages.back().kind + u' ' + messages.back().detail);
+    }
+    // Only what can be known to be one group can be refused as one.
+    const bool refused = way == Direct && !model.locked && below(2) == 0;
     step(
-        u"deregisters by address"_s, radio.address().toString(),
-        [&] { model.deregistersByAddress(radio.address().toIPv4Address()); },
+        u"burst"_s, details.join(u", then "_s) + (refused ? u" (commit refused)"_s : QString()),
         [&] {
-            if (way == Direct) {
-                server->deregisterRadioByAddress(radio.address());
-            } else {
-                radio.deregistersByAddress();
+            for (const Message &message : messages) {
+                message.inModel();
             }
-            waitForDatagramsOf(radio);
+        },
+        [&] {
+            const CommitHook hook(refused && model.writes > 1 ? 1 : 0);
+            {
+                const QMR::WriteTurn turn(way == Direct ? server->writeGroup() : nullptr);
+                for (const Message &message : messages) {
+                    message.inServer();
+                }
+            }
+            waitForDatagramsOf(*messages.back().radio);
         });
+    for (const Message &message : messages) {
+        if (!message.isAnswered()) {
+            comparison->differs(u"acknowledgement"_s, u"none, or another"_s, message.detail);
+        }
+    }
 }
 
 void ModelScenario::isReported()
@@ -287,8 +351,46 @@ void ModelScenario::timeoutCheckExpires()
         [&] { server.expireTimeoutCheck(); });
 }
 
+void ModelScenario::isLocked()
+{
+    if (model.locked) {
+        return;
+    }
+    step(
+        u"database is locked"_s, QString(), [&] { model.locked = true; },
+        [&] { comparison->lockDatabase(); });
+}
+
+void ModelScenario::isUnlocked()
+{
+    step(
+        u"database is unlocked"_s, QString(), [&] { model.locked = false; },
+        [&] { comparison->unlockDatabase(); });
+}
+
+void ModelScenario::retryExpires()
+{
+    step(
+        u"retry"_s, QString(),
+        [&] {
+            if (!model.locked) {
+                model.settlesWhatIsOwed();
+            }
+        },
+        [&] {
+            QTimerEvent expired(server->nextRetry().timerId());
+            retrying = true;
+            QCoreApplication::sendEvent(const_cast<QTimer *>(&server->nextRetry()), &expired);
+            retrying = false;
+        });
+}
+
 void ModelScenario::restarts()
 {
+    // A start waits for the lock.
+    if (model.locked && below(10) > 0) {
+        isUnlocked();
+    }
     if (comparison->hasApplication()) {
         announcesMarker(); // what the application has not been sent by now, it never gets
     }
@@ -313,6 +415,7 @@ void ModelScenario::step(const QString &kind, const QString &detail, const std::
     model.records.clear();
     model.notices.clear();
     model.requests = 0;
+    model.writes = 0;
     inModel();
     inServer();
     comparison->compare();

@@ -12,9 +12,10 @@
 #include <memory>
 #include <random>
 
-// One random life of a server with few radios at few addresses, so that they collide, beside the model of it.
-// After each step the table, the queues, the timers, the rows, the records, the notices and the
-// acknowledgements must be what the model says. The same seed gives the same life everywhere.
+// One random life of a server with few radios at few addresses, so that they collide, and with a database
+// that somebody else locks now and then, beside the model of it. After each step the table, the queues, the
+// timers, the rows, the records, the notices and the acknowledgements must be what the model says. The same
+// seed gives the same life everywhere.
 class ModelScenario : public QObject
 {
 public:
@@ -39,18 +40,34 @@ public:
 private:
     void storeRandomRadios();
 
-    void registers();
-    void deregisters();
-    void deregistersByAddress();
+    // What a radio says, once to the model and once to the server, and whether its answer has come.
+    struct Message
+    {
+        QString kind;
+        QString detail;
+        std::function<void()> inModel;
+        std::function<void()> inServer;
+        std::function<bool()> isAnswered;
+        ScriptedRadio *radio = nullptr;
+    };
+    Message anyRegistration();
+    Message registration(const RegistrationModel::Registration &registration);
+    Message anyDeregistration();
+    Message deregistrationByAddress();
+    void carryOut(const Message &message);
+    // Several messages that the server finds waiting; they share a commit.
+    void burst();
     void isReported();
     void timePasses();
     void discoveryExpires();
     void deadlineExpires();
     void timeoutCheckExpires();
     void restarts();
+    void isLocked();
+    void isUnlocked();
+    void retryExpires();
     void announcesMarker();
 
-    void carryOut(const RegistrationModel::Registration &registration);
     void step(const QString &kind, const QString &detail, const std::function<void()> &inModel,
               const std::function<void()> &inServer);
     void waitForDatagramsOf(ScriptedRadio &radio);
@@ -65,6 +82,7 @@ private:
     RegistrationModel model;
     std::vector<std::unique_ptr<ScriptedRadio>> radios; // one an address
     std::unique_ptr<ModelComparison> comparison;
+    bool retrying = false;
     QStringList stepTexts;
     QStringList stepKinds;
 };

@@ -6,6 +6,7 @@
 #include <QHostAddress>
 
 #include <algorithm>
+#include <utility>
 
 using namespace Qt::StringLiterals;
 using QMR::Esn;
@@ -138,6 +139,9 @@ void RegistrationModel::registers(const Registration &registration)
     Radio &radio = table[esn];
     radio.protocolVersion = registration.protocolVersion;
     if (!registration.pending) {
+        if (!radio.address) {
+            insert();
+        }
         radio.suid = registration.suid;
         radio.address = registration.address;
         radio.services = registration.services;
@@ -210,7 +214,7 @@ void RegistrationModel::setAvailability(const Esn &esn, quint32 value)
     } else if (value == Deregistered) {
         record(u"Radio %1 with SUID %2 deregistered from address %3"_s, esn, radio.suid, radio.address);
         radio.address.reset();
-        rows.erase(esn);
+        remove(esn);
     }
     if (value != Deregistered) {
         store(esn);
@@ -287,12 +291,20 @@ void RegistrationModel::deadlineExpires()
 
 void RegistrationModel::restarts()
 {
+    if (!locked) {
+        settlesWhatIsOwed();
+    }
+    owed.clear();
     table.clear();
     lastRequest = 0;
     discoveryTimer.reset();
     deadlineTimer.reset();
-    std::erase_if(rows, [](const auto &row) { return row.second.availability == Deregistered; });
-    for (const auto &[esn, row] : rows) {
+    const std::map<Esn, Row> stored = rows;
+    for (const auto &[esn, row] : stored) {
+        if (row.availability == Deregistered) {
+            remove(esn);
+            continue;
+        }
         Radio &radio = table[esn];
         radio.protocolVersion = row.protocolVersion;
         radio.suid = row.suid;
@@ -312,6 +324,7 @@ void RegistrationModel::restarts()
         store(esn);
     }
     armDiscovery();
+    records.clear(); // those of a start are not looked at
 }
 
 QList<Notice> RegistrationModel::snapshot() const
@@ -323,8 +336,51 @@ QList<Notice> RegistrationModel::snapshot() const
     return all;
 }
 
+void RegistrationModel::settlesWhatIsOwed()
+{
+    for (const Esn &esn : std::exchange(owed, {})) {
+        const auto entry = table.find(esn);
+        if (entry != table.end() && entry->second.address) {
+            store(esn);
+        } else {
+            rows.erase(esn);
+        }
+    }
+}
+
+bool RegistrationModel::isRefused(const Esn &esn, const QString &text)
+{
+    ++writes;
+    if (locked) {
+        records.append(RecordingLog::record(Scm::EventError, text));
+        owed.insert(esn);
+    } else {
+        owed.erase(esn);
+    }
+    return locked;
+}
+
+// What is inserted is updated at once, which says what the row holds.
+void RegistrationModel::insert()
+{
+    ++writes;
+    if (locked) {
+        records.append(RecordingLog::record(Scm::EventError, u"Database insert error (1)"_s));
+    }
+}
+
+void RegistrationModel::remove(const Esn &esn)
+{
+    if (!isRefused(esn, u"Database delete error"_s)) {
+        rows.erase(esn);
+    }
+}
+
 void RegistrationModel::store(const Esn &esn)
 {
+    if (isRefused(esn, u"Database write error"_s)) {
+        return;
+    }
     const Radio &radio = table.at(esn);
     rows[esn] = {radio.suid,
                  *radio.address,

@@ -11,6 +11,7 @@
 
 #include <map>
 #include <optional>
+#include <set>
 #include <vector>
 
 // The rules of registration and supervision once more, put as plainly as they can be: no index, no queue, no
@@ -76,6 +77,7 @@ public:
     QList<LogRecord> records;
     QList<Notice> notices;
     int requests = 0;
+    int writes = 0; // of the database
     // To what the timers are armed, in milliseconds; none when they are stopped.
     std::optional<qint64> discoveryTimer;
     std::optional<qint64> deadlineTimer;
@@ -96,6 +98,12 @@ public:
     // What an application is sent when it connects.
     QList<Notice> snapshot() const;
 
+    // While somebody else has the database, each write fails with its record, and is owed.
+    bool locked = false;
+    std::set<QMR::Esn> owed;
+    // Rows are brought to what the table says.
+    void settlesWhatIsOwed();
+
 private:
     std::optional<QMR::Esn> holderOf(quint32 address) const;
     qint64 dueTime(const QMR::Esn &esn) const;
@@ -105,7 +113,10 @@ private:
     void setAvailability(const QMR::Esn &esn, quint32 value);
     void registersPending(const QMR::Esn &esn);
     void deregistersPending(const QMR::Esn &esn);
+    void insert();
     void store(const QMR::Esn &esn);
+    void remove(const QMR::Esn &esn);
+    bool isRefused(const QMR::Esn &esn, const QString &text);
     void record(const QString &text, const QMR::Esn &esn, const QMR::Suid &suid, Address address);
     static Notice noticeOf(const QMR::Esn &esn, const Radio &radio);
 
