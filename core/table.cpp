@@ -19,6 +19,17 @@ constexpr qint64 OtherSpacing = 1800;      // seconds
 constexpr qint64 SilenceLimit = 43200;     // seconds
 constexpr size_t ReviewGroup = 16384; // radios a commit: what could have to be written again is in memory
 
+qint64 discoverySpacing(const RadioEntry &radio)
+{
+    return radio.availability == Unconfirmed ? UnconfirmedSpacing : OtherSpacing;
+}
+
+// nextDiscoveryTime() in milliseconds since 1970, for the queue's many comparisons.
+qint64 dueTime(const RadioEntry &radio)
+{
+    return radio.lastDiscoveryAttempt.toMSecsSinceEpoch() + discoverySpacing(radio) * 1000;
+}
+
 } // namespace
 
 static size_t qHash(const Esn &esn, size_t seed)
@@ -28,13 +39,13 @@ static size_t qHash(const Esn &esn, size_t seed)
 
 bool Quillmere::EarlierDiscovery::operator()(const RadioPointer &a, const RadioPointer &b) const
 {
-    return std::forward_as_tuple(nextDiscoveryTime(*a), a->esn) <
-           std::forward_as_tuple(nextDiscoveryTime(*b), b->esn);
+    return std::forward_as_tuple(dueTime(*a), a->esn) < std::forward_as_tuple(dueTime(*b), b->esn);
 }
 
 bool Quillmere::EarlierDeadline::operator()(const RadioPointer &a, const RadioPointer &b) const
 {
-    return std::tie(a->pendingDeadline, a->esn) < std::tie(b->pendingDeadline, b->esn);
+    return std::forward_as_tuple(a->pendingDeadline.toMSecsSinceEpoch(), a->esn) <
+           std::forward_as_tuple(b->pendingDeadline.toMSecsSinceEpoch(), b->esn);
 }
 
 RadioPointer Quillmere::findRadio(const Esn &esn) const
@@ -84,8 +95,7 @@ void Quillmere::setAddresses(const RadioPointer &radio, const QHostAddress &addr
 
 QDateTime Quillmere::nextDiscoveryTime(const RadioEntry &radio)
 {
-    return radio.lastDiscoveryAttempt.addSecs(radio.availability == Unconfirmed ? UnconfirmedSpacing
-                                                                                : OtherSpacing);
+    return radio.lastDiscoveryAttempt.addSecs(discoverySpacing(radio));
 }
 
 void Quillmere::scheduleDiscovery(const RadioPointer &radio)
