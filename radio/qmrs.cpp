@@ -125,20 +125,27 @@ RadioMessage decodeExtendedRegistration(QByteArrayView datagram)
     return registration;
 }
 
-QByteArray encode(quint8 protocolVersion, const Esn &esn, Opcode opcode, const QByteArray &payload)
+// The count and the codes; returns where they end.
+quint16 writeServices(Buffer &buffer, qsizetype countOffset, const ServiceList &services)
 {
-    Buffer buffer{};
-    writeHeader(buffer, protocolVersion, esn, opcode, static_cast<quint16>(payload.size()));
-    return QByteArray(reinterpret_cast<const char *>(buffer.data()), HeaderSize) + payload;
+    auto *at = buffer.begin() + countOffset;
+    *at++ = static_cast<quint8>(services.size());
+    for (const quint32 service : services) {
+        *at++ = static_cast<quint8>(service);
+    }
+    return static_cast<quint16>(at - buffer.begin());
 }
 
-QByteArray encodeServices(const ServiceList &services)
+// The header of a message of that size.
+quint16 finish(Buffer &buffer, quint8 protocolVersion, const Esn &esn, Opcode opcode, quint16 size)
 {
-    QByteArray payload(1, static_cast<char>(services.size()));
-    for (const quint32 service : services) {
-        payload.append(static_cast<char>(service));
-    }
-    return payload;
+    writeHeader(buffer, protocolVersion, esn, opcode, static_cast<quint16>(size - HeaderSize));
+    return size;
+}
+
+QByteArray bytesOf(const Buffer &buffer, quint16 size)
+{
+    return QByteArray(reinterpret_cast<const char *>(buffer.data()), size);
 }
 
 } // namespace
@@ -174,22 +181,44 @@ void writeHeader(Buffer &buffer, quint8 protocolVersion, const Esn &esn, Opcode 
     buffer[LengthOffset + 1] = static_cast<quint8>(payloadLength >> 8);
 }
 
+quint16 writeBasicRegistration(Buffer &buffer, quint8 protocolVersion, const Esn &esn,
+                               const ServiceList &services)
+{
+    return finish(buffer, protocolVersion, esn, Opcode::BasicRegistration,
+                  writeServices(buffer, BasicCountOffset, services));
+}
+
+quint16 writeExtendedRegistration(Buffer &buffer, quint8 protocolVersion, const Esn &esn, const Suid &suid,
+                                  bool pending, const ServiceList &services)
+{
+    std::copy(suid.bytes.begin(), suid.bytes.end(), buffer.begin() + HeaderSize);
+    buffer[PendingOffset] = pending ? 1 : 0;
+    return finish(buffer, protocolVersion, esn, Opcode::ExtendedRegistration,
+                  writeServices(buffer, ExtendedCountOffset, services));
+}
+
+quint16 writeDeregistration(Buffer &buffer, quint8 protocolVersion, const Esn &esn)
+{
+    return finish(buffer, protocolVersion, esn, Opcode::Deregistration, HeaderSize);
+}
+
 QByteArray encodeBasicRegistration(quint8 protocolVersion, const Esn &esn, const ServiceList &services)
 {
-    return encode(protocolVersion, esn, Opcode::BasicRegistration, encodeServices(services));
+    Buffer buffer{};
+    return bytesOf(buffer, writeBasicRegistration(buffer, protocolVersion, esn, services));
 }
 
 QByteArray encodeExtendedRegistration(quint8 protocolVersion, const Esn &esn, const Suid &suid, bool pending,
                                       const ServiceList &services)
 {
-    QByteArray payload(reinterpret_cast<const char *>(suid.bytes.data()), suid.bytes.size());
-    payload.append(pending ? '\1' : '\0');
-    return encode(protocolVersion, esn, Opcode::ExtendedRegistration, payload + encodeServices(services));
+    Buffer buffer{};
+    return bytesOf(buffer, writeExtendedRegistration(buffer, protocolVersion, esn, suid, pending, services));
 }
 
 QByteArray encodeDeregistration(quint8 protocolVersion, const Esn &esn)
 {
-    return encode(protocolVersion, esn, Opcode::Deregistration, QByteArray());
+    Buffer buffer{};
+    return bytesOf(buffer, writeDeregistration(buffer, protocolVersion, esn));
 }
 
 ServerMessage decodeServerMessage(QByteArrayView datagram)

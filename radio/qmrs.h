@@ -76,6 +76,13 @@ QByteArray encodeExtendedRegistration(quint8 protocolVersion, const Esn &esn, co
 // Opcode 3. An all-zero ESN asks for the deregistration of the radio at the sender's address.
 QByteArray encodeDeregistration(quint8 protocolVersion, const Esn &esn);
 
+// The same three into the caller's buffer, header first, for who sends many. They return the message's size.
+quint16 writeBasicRegistration(Buffer &buffer, quint8 protocolVersion, const Esn &esn,
+                               const ServiceList &services);
+quint16 writeExtendedRegistration(Buffer &buffer, quint8 protocolVersion, const Esn &esn, const Suid &suid,
+                                  bool pending, const ServiceList &services);
+quint16 writeDeregistration(Buffer &buffer, quint8 protocolVersion, const Esn &esn);
+
 // What the server may say to a radio.
 struct ServerMessage
 {

@@ -66,6 +66,25 @@ private slots:
         QTEST(encoded, "datagram");
     }
 
+    // What was in the buffer before, of a longer message, is no part of the next one.
+    void writesIntoABufferThatWasUsed()
+    {
+        Qmrs::Buffer buffer;
+        buffer.fill(0xEE);
+        const auto bytes = [&buffer](quint16 size) {
+            return QByteArray(reinterpret_cast<const char *>(buffer.data()), size);
+        };
+        QCOMPARE(bytes(Qmrs::writeExtendedRegistration(buffer, 3, TestEsn, TestSuid, true, {3, 2})),
+                 QByteArray::fromHex("514d5253 03 0011aabb22cc33dd 05 0b00 123456789abcde 01 02 0302"));
+        QCOMPARE(bytes(Qmrs::writeExtendedRegistration(buffer, 2, TestEsn, TestSuid, false, {})),
+                 QByteArray::fromHex("514d5253 02 0011aabb22cc33dd 05 0900 123456789abcde 00 00"));
+        QCOMPARE(bytes(Qmrs::writeBasicRegistration(buffer, 1, TestEsn, {1})),
+                 QByteArray::fromHex("514d5253 01 0011aabb22cc33dd 01 0200 01 01"));
+        QCOMPARE(bytes(Qmrs::writeDeregistration(buffer, 2, TestEsn)),
+                 QByteArray::fromHex("514d5253 02 0011aabb22cc33dd 03 0000"));
+        QCOMPARE(buffer[Qmrs::HeaderSize + 9], quint8{3}); // beyond: as the first message left it
+    }
+
     // The server's two messages are a header and at most one payload byte, which stays as it was.
     void writesTheHeaderAndNothingElse_data()
     {
