@@ -1,69 +1,16 @@
 // SPDX-FileCopyrightText: 2026 The Quillmere developers
 // SPDX-License-Identifier: MIT
 
+#include "tests/support/radioprocess.h"
 #include "tests/support/testserver.h"
 
-#include <QJsonDocument>
 #include <QJsonObject>
-#include <QProcess>
 #include <QUdpSocket>
 #include <QtTest>
 
 using namespace Qt::StringLiterals;
 
 namespace {
-
-// The built program, run while this process's event loop serves it.
-class Tool
-{
-public:
-    explicit Tool(const QString &line)
-    {
-        process.start(QCoreApplication::applicationDirPath() + u"/quillmere-radio"_s,
-                      line.split(u' ', Qt::SkipEmptyParts));
-    }
-    ~Tool()
-    {
-        process.kill();
-        process.waitForFinished();
-    }
-    Q_DISABLE_COPY_MOVE(Tool)
-
-    int exitCode()
-    {
-        const bool ended =
-            QTest::qWaitFor([this] { return process.state() == QProcess::NotRunning; }, 30'000);
-        return ended && process.exitStatus() == QProcess::NormalExit ? process.exitCode() : -1;
-    }
-    QString output()
-    {
-        text += process.readAllStandardOutput();
-        return QString::fromUtf8(text).remove(u'\r');
-    }
-    QString errors() { return QString::fromUtf8(process.readAllStandardError()).remove(u'\r'); }
-    // Every line is one object.
-    QList<QJsonObject> objects()
-    {
-        QList<QJsonObject> list;
-        for (const QString &line : output().split(u'\n', Qt::SkipEmptyParts)) {
-            const QJsonDocument document = QJsonDocument::fromJson(line.toUtf8());
-            if (!document.isObject()) {
-                qWarning("not an object: %s", qPrintable(line));
-            }
-            list.append(document.object());
-        }
-        return list;
-    }
-
-private:
-    QProcess process;
-    QByteArray text;
-};
-
-QString serverOption(quint16 port)
-{
-    return u" --server 127.0.0.1:%1"_s.arg(port);
-}
 
 const auto OneRadio = u" --esn 0011AABB22CC33DD --suid 12345.678.9ABCDE --from 127.0.0.2"_s;
 
@@ -78,7 +25,7 @@ private slots:
     {
         TestServer server;
         server.start();
-        Tool tool(u"register --services 1,3"_s + OneRadio + serverOption(server.registrationPort()));
+        RadioProcess tool(u"register --services 1,3"_s + OneRadio + serverOption(server.registrationPort()));
         QCOMPARE(tool.exitCode(), 0);
         QCOMPARE(
             server.log.takeMessages(),
@@ -119,7 +66,8 @@ private slots:
         QFETCH(bool, pending);
         TestServer server;
         server.start();
-        Tool tool(u"register --json --from 127.0.0.3 "_s + options + serverOption(server.registrationPort()));
+        RadioProcess tool(u"register --json --from 127.0.0.3 "_s + options +
+                          serverOption(server.registrationPort()));
         QCOMPARE(tool.exitCode(), 0);
         QCOMPARE(server->radios().size(), size_t{1});
         const auto &radio = *server->radios().begin()->second;
@@ -150,10 +98,10 @@ private slots:
         TestServer server;
         server.start();
         const QString to = serverOption(server.registrationPort());
-        Tool registering(u"register"_s + OneRadio + to);
+        RadioProcess registering(u"register"_s + OneRadio + to);
         QCOMPARE(registering.exitCode(), 0);
         QCOMPARE(server->radios().size(), size_t{1});
-        Tool tool(u"deregister --json --from 127.0.0.2 "_s + options + to);
+        RadioProcess tool(u"deregister --json --from 127.0.0.2 "_s + options + to);
         QCOMPARE(tool.exitCode(), 0);
         QTRY_VERIFY(server->radios().empty());
         QCOMPARE(tool.objects().constLast()[u"deregistrations"_s], 1);
@@ -161,8 +109,8 @@ private slots:
 
     void radioWithoutAnEsnSaysSo()
     {
-        Tool tool(u"register --suid 01234.567.89ABCD --timeout 1 --from 127.0.0.3"_s +
-                  serverOption(freeUdpPort()));
+        RadioProcess tool(u"register --suid 01234.567.89ABCD --timeout 1 --from 127.0.0.3"_s +
+                          serverOption(freeUdpPort()));
         QCOMPARE(tool.exitCode(), 3);
         const QString output = tool.output();
         QVERIFY2(
@@ -176,8 +124,8 @@ private slots:
     {
         QUdpSocket silent;
         QVERIFY(silent.bind(QHostAddress::LocalHost, 0));
-        Tool tool(u"register --json --timeout 50 --retries 2"_s + OneRadio +
-                  serverOption(silent.localPort()));
+        RadioProcess tool(u"register --json --timeout 50 --retries 2"_s + OneRadio +
+                          serverOption(silent.localPort()));
         QCOMPARE(tool.exitCode(), 3);
         const QList<QJsonObject> objects = tool.objects();
         QCOMPARE(objects[1][u"event"_s], u"lost"_s);
@@ -194,8 +142,8 @@ private slots:
 
     void portThatNobodyHasLosesTheFleet()
     {
-        Tool tool(u"fleet --json --timeout 50 --rate 1000 --addresses 127.0.1.1-127.0.1.5"_s +
-                  serverOption(freeUdpPort()));
+        RadioProcess tool(u"fleet --json --timeout 50 --rate 1000 --addresses 127.0.1.1-127.0.1.5"_s +
+                          serverOption(freeUdpPort()));
         QCOMPARE(tool.exitCode(), 3);
         QCOMPARE(tool.objects().constLast()[u"lost"_s], 5);
     }
@@ -205,8 +153,8 @@ private slots:
         TestServer server;
         server.start();
         const quint16 listenPort = freeUdpPort();
-        Tool tool(u"register --json --stay --listen-port %1"_s.arg(listenPort) + OneRadio +
-                  serverOption(server.registrationPort()));
+        RadioProcess tool(u"register --json --stay --listen-port %1"_s.arg(listenPort) + OneRadio +
+                          serverOption(server.registrationPort()));
         QTRY_VERIFY(tool.output().contains(u"acknowledgement"));
         server.log.take();
 
@@ -223,7 +171,7 @@ private slots:
     void listensForAnything()
     {
         const quint16 port = freeUdpPort();
-        Tool tool(u"listen --json --from 127.0.0.2 --listen-port %1 --count 2"_s.arg(port));
+        RadioProcess tool(u"listen --json --from 127.0.0.2 --listen-port %1 --count 2"_s.arg(port));
         QTRY_VERIFY(tool.output().contains(u"\"listening\""));
         QUdpSocket sender;
         sender.writeDatagram("?", QHostAddress(u"127.0.0.2"_s), port);
@@ -239,7 +187,8 @@ private slots:
 
     void listeningInVainIsToldByTheExitCode()
     {
-        Tool tool(u"listen --from 127.0.0.2 --count 1 --stay 0.05 --listen-port %1"_s.arg(freeUdpPort()));
+        RadioProcess tool(
+            u"listen --from 127.0.0.2 --count 1 --stay 0.05 --listen-port %1"_s.arg(freeUdpPort()));
         QCOMPARE(tool.exitCode(), 3);
     }
 
@@ -247,7 +196,7 @@ private slots:
     {
         TestServer server;
         server.start();
-        Tool tool(
+        RadioProcess tool(
             u"fleet --json --rate 5000 --timeout 20000 --services 2 --pending 25 --addresses 127.1.0.1-127.1.1.44"_s +
             serverOption(server.registrationPort()));
         QCOMPARE(tool.exitCode(), 0);
@@ -271,7 +220,7 @@ private slots:
     {
         TestServer server;
         server.start();
-        Tool tool(
+        RadioProcess tool(
             u"fleet --json --rate 2000 --timeout 20000 --window 7 --rounds 3 --deregister --addresses 127.1.0.1-127.1.0.40"_s +
             serverOption(server.registrationPort()));
         QCOMPARE(tool.exitCode(), 0);
@@ -287,8 +236,8 @@ private slots:
     {
         TestServer server;
         server.start();
-        Tool tool(u"fleet --json --rate 100 --duration 0.2 --addresses 127.1.0.1-127.1.0.3"_s +
-                  serverOption(server.registrationPort()));
+        RadioProcess tool(u"fleet --json --rate 100 --duration 0.2 --addresses 127.1.0.1-127.1.0.3"_s +
+                          serverOption(server.registrationPort()));
         QCOMPARE(tool.exitCode(), 0);
         const QJsonObject summary = tool.objects().constFirst();
         QVERIFY(summary[u"sent"_s].toInt() > 3); // they go round again
@@ -319,19 +268,33 @@ private slots:
         QFETCH(QString, line);
         QFETCH(int, code);
         QFETCH(QString, error);
-        Tool tool(line);
+        RadioProcess tool(line);
         QCOMPARE(tool.exitCode(), code);
         QCOMPARE(tool.output(), QString());
         const QString errors = tool.errors();
         QVERIFY2(errors.startsWith(error), qPrintable(errors));
+        QCOMPARE(errors.count(u'\n'), code == 2 ? 2 : 1); // wrong usage: and where to find help
+    }
+
+    void portInUseIsToldOnStandardError()
+    {
+        QUdpSocket holder;
+        QVERIFY(holder.bind(QHostAddress(u"127.0.0.2"_s), 0, QAbstractSocket::DontShareAddress));
+        RadioProcess tool(u"listen --from 127.0.0.2 --listen-port %1"_s.arg(holder.localPort()));
+        QCOMPARE(tool.exitCode(), 1);
+        QCOMPARE(tool.output(), QString());
+        const QString errors = tool.errors();
+        const QString error = u"quillmere-radio: cannot listen for discovery requests at 127.0.0.2:%1: "_s;
+        QVERIFY2(errors.startsWith(error.arg(holder.localPort())), qPrintable(errors));
+        QCOMPARE(errors.count(u'\n'), 1);
     }
 
     void versionAndHelpGoToStandardOutput()
     {
-        Tool version(u"--version"_s);
+        RadioProcess version(u"--version"_s);
         QCOMPARE(version.exitCode(), 0);
         QCOMPARE(version.output(), u"quillmere-radio 1.38.3.27\n"_s);
-        Tool help(u"fleet --help"_s);
+        RadioProcess help(u"fleet --help"_s);
         QCOMPARE(help.exitCode(), 0);
         QVERIFY(help.output().startsWith(u"Usage: quillmere-radio fleet [options]\n"));
     }
