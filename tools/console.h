@@ -79,7 +79,4 @@ bool isTerminalError();
 // a QCoreApplication.
 void onInterrupt(std::function<void()> handler);
 
-// A process may open as many sockets as the system lets it have.
-void raiseSocketLimit();
-
 } // namespace Console

@@ -2,7 +2,7 @@
 // SPDX-License-Identifier: MIT
 
 #include "tools/radio/commandline.h"
-#include "tools/radio/fleet.h"
+#include "tools/radio/fleetmembers.h"
 
 #include <QtTest>
 
@@ -97,6 +97,7 @@ private slots:
         QCOMPARE(settings.fleet.addressCount, 1000U);
         QCOMPARE(settings.fleet.rounds, 1U);
         QCOMPARE(settings.fleet.rate, 0.5);
+        QCOMPARE(accepted("fleet --addresses 127.0.0.2-127.15.66.65").fleet.count, 1'000'000U);
         QCOMPARE(accepted("fleet").fleet.count, 1U);
         QCOMPARE(accepted("fleet --duration 2").fleet.rounds, 0U);
         QCOMPARE(accepted("fleet --duration 2 --rounds 3").fleet.rounds, 3U);
@@ -213,8 +214,8 @@ private slots:
         row("fleet --pending 101", "--pending: '101' is not a number from 0 to 100");
         row("fleet --addresses 127.0.0.9-127.0.0.1",
             "--addresses: '127.0.0.9-127.0.0.1' ends before it begins");
-        row("fleet --addresses 127.0.0.1-127.9.0.0",
-            "--addresses: '127.0.0.1-127.9.0.0' has 589824 addresses (65536 at most)");
+        row("fleet --addresses 127.0.0.1-128.0.0.1",
+            "--addresses: '127.0.0.1-128.0.0.1' has 16777217 addresses (16777216 at most)");
         row("fleet --addresses 127.0.0.1-", "--addresses: '' is not an IPv4 address");
         row("fleet --count 3 --addresses 127.0.0.1-127.0.0.2",
             "3 radios need as many --addresses, not 2: the server keeps one radio an address (or give "

@@ -8,7 +8,6 @@
 
 #include <array>
 #include <csignal>
-#include <sys/resource.h>
 #include <unistd.h>
 
 namespace Console {
@@ -53,15 +52,6 @@ void onInterrupt(std::function<void()> handler)
     action.sa_flags = SA_RESTART;
     ::sigaction(SIGINT, &action, nullptr);
     ::sigaction(SIGTERM, &action, nullptr);
-}
-
-void raiseSocketLimit()
-{
-    rlimit limit = {};
-    if (::getrlimit(RLIMIT_NOFILE, &limit) == 0) {
-        limit.rlim_cur = limit.rlim_max;
-        ::setrlimit(RLIMIT_NOFILE, &limit);
-    }
 }
 
 } // namespace Console

@@ -20,7 +20,8 @@ namespace {
 using Console::Parsed;
 
 constexpr quint32 MaximumRadios = 1U << 24; // as many as there are unit numbers
-constexpr quint32 MaximumAddresses = 1U << 16;
+constexpr quint32 MaximumAddresses = MaximumRadios;
+constexpr quint32 MaximumWindow = 1U << 16;
 
 const auto Help = u"Usage: quillmere-radio COMMAND [options]\n"
                   "\n"
@@ -252,7 +253,7 @@ void Reader::readFleet()
         fleet.rounds = 0;
     });
     options.read(u"rounds"_s, within(1, std::numeric_limits<quint32>::max(), fleet.rounds), ignore);
-    options.read(u"window"_s, within(1, MaximumAddresses, fleet.window), ignore);
+    options.read(u"window"_s, within(1, MaximumWindow, fleet.window), ignore);
     options.read(u"pending"_s, within(0, 100, fleet.pendingPercent), ignore);
     fleet.deregister = options.isSet(u"deregister"_s);
 }

@@ -3,13 +3,13 @@
 
 #include "tools/radio/fleet.h"
 
-#include "tools/radio/radio.h"
+#include "tools/radio/radiosocket.h"
 
 #include <QCoreApplication>
-#include <QtEndian>
 
 #include <algorithm>
 #include <limits>
+#include <span>
 
 using namespace Qt::StringLiterals;
 
@@ -18,29 +18,23 @@ namespace RadioTool {
 namespace {
 
 constexpr qint64 NanosecondsAMillisecond = 1'000'000;
-constexpr double NanosecondsASecond = 1e9;
 constexpr int ProgressPeriod = 500; // ms
 
 } // namespace
 
-Identity fleetMember(const Identity &first, quint32 pendingPercent, quint32 index)
-{
-    Identity member = first;
-    qToBigEndian(qFromBigEndian<quint64>(first.esn.bytes.data()) + index, member.esn.bytes.data());
-    const quint32 unit = first.suid.unit() + index;
-    member.suid.bytes[4] = static_cast<quint8>(unit >> 16);
-    member.suid.bytes[5] = static_cast<quint8>(unit >> 8);
-    member.suid.bytes[6] = static_cast<quint8>(unit);
-    member.pending = quint64{index} * pendingPercent % 100 + pendingPercent >= 100;
-    return member;
-}
-
 // NOLINTNEXTLINE(modernize-pass-by-value): copied once in a run
 Fleet::Fleet(const Settings &newSettings)
-    : settings(newSettings), report(settings.json), members(settings.fleet.count)
+    : settings(newSettings),
+      report(settings.json),
+      pacing(settings.fleet.rate),
+      fleet(settings),
+      socket(FleetSocket::create(
+          settings.server, {[this](QByteArrayView datagram, quint32 receiver) { handle(datagram, receiver); },
+                            [this] { turnEnded(); }})),
+      members(settings.fleet.count)
 {
-    const FleetSettings &fleet = settings.fleet;
-    limit = fleet.rounds > 0 ? fleet.rounds * fleet.count : std::numeric_limits<quint64>::max();
+    const quint64 rounds = settings.fleet.rounds;
+    limit = rounds > 0 ? rounds * settings.fleet.count : std::numeric_limits<quint64>::max();
     timer.setSingleShot(true);
     timer.setTimerType(Qt::PreciseTimer);
     QObject::connect(&timer, &QTimer::timeout, &timer, [this] { pump(); });
@@ -52,8 +46,8 @@ Fleet::Fleet(const Settings &newSettings)
 
 void Fleet::start()
 {
-    if (!openSockets()) {
-        QCoreApplication::exit(Console::ExitError);
+    if (const QString error = open(); !error.isNull()) {
+        fail(error);
         return;
     }
     if (Console::isTerminalError()) {
@@ -63,31 +57,28 @@ void Fleet::start()
     pump();
 }
 
-bool Fleet::openSockets()
+// The error, or null.
+QString Fleet::open()
 {
-    const auto handler = [this](const QByteArray &datagram, const Console::Endpoint &) { handle(datagram); };
-    const quint32 count = std::clamp<quint32>(settings.fleet.addressCount, 1, settings.fleet.count);
-    sockets.reserve(count);
-    for (quint32 i = 0; i < count; ++i) {
-        const QHostAddress address = settings.fleet.addressCount > 0
-                                         ? QHostAddress(settings.fleet.firstAddress + i)
-                                         : RadioSocket::addressTowards(settings.server);
-        sockets.push_back(std::make_unique<RadioSocket>(handler));
-        if (address.isNull() || !sockets.back()->open(address, 0)) {
-            Console::writeError(
-                u"cannot open a socket at %1: %2"_s.arg(address.toString(), sockets.back()->errorText()));
-            return false;
+    quint32 first = settings.fleet.firstAddress;
+    if (settings.fleet.addressCount == 0) {
+        const Console::Parsed<QHostAddress> own = RadioSocket::addressTowards(settings.server);
+        if (!own) {
+            return own.error;
         }
+        first = (*own).toIPv4Address();
     }
-    return true;
+    const quint32 count = std::clamp<quint32>(settings.fleet.addressCount, 1, settings.fleet.count);
+    fleet.setAddresses(first, count);
+    return socket->open(first, count);
 }
 
-void Fleet::handle(const QByteArray &datagram)
+void Fleet::handle(QByteArrayView datagram, quint32 receiver)
 {
     const QMR::Qmrs::ServerMessage message = QMR::Qmrs::decodeServerMessage(datagram);
-    const quint64 index = qFromBigEndian<quint64>(message.esn.bytes.data()) -
-                          qFromBigEndian<quint64>(settings.radio.esn.bytes.data());
-    if (message.kind != QMR::Qmrs::ServerMessage::Kind::Acknowledgement || index >= members.size()) {
+    const quint32 index = fleet.indexOf(message.esn);
+    if (message.kind != QMR::Qmrs::ServerMessage::Kind::Acknowledgement || index == fleet.count() ||
+        receiver != fleet.addressOf(index)) {
         ++statistics.unexpected;
         return;
     }
@@ -99,38 +90,42 @@ void Fleet::handle(const QByteArray &datagram)
     statistics.addLatency(clock.nsecsElapsed() - member.firstSent);
     member.waiting = false;
     --underWay;
-    if (held || underWay == 0) {
-        timer.start(0);
+}
+
+// Nothing else is waited for, or something due waits for what may have come.
+void Fleet::turnEnded()
+{
+    if (held || (underWay == 0 && !isRegistering(clock.nsecsElapsed()))) {
+        pump();
     }
 }
 
 // Does what is due, and arms the timer for what is due next.
 void Fleet::pump()
 {
-    const qint64 now = clock.nsecsElapsed();
-    expireDeadlines(now);
-    sendRegistrations(now);
-    if (!failed && !isRegistering(now) && underWay == 0) {
-        if (!settings.fleet.deregister) {
-            finish();
-            return;
-        }
-        sendDeregistrations(now);
-        if (statistics.deregistered >= std::min<quint64>(statistics.sent, members.size())) {
-            finish();
-            return;
-        }
-    }
-    if (failed) {
-        QCoreApplication::exit(Console::ExitError);
+    if (ended) {
         return;
     }
-    arm(now);
+    const qint64 now = clock.nsecsElapsed();
+    congested = false;
+    expireDeadlines(now);
+    sendRegistrations(now);
+    if (!ended && !isRegistering(now) && underWay == 0) {
+        if (settings.fleet.deregister) {
+            sendDeregistrations(now);
+        }
+        if (!ended && (!settings.fleet.deregister || isDeregistered())) {
+            finish();
+        }
+    }
+    if (!ended) {
+        arm(now);
+    }
 }
 
 void Fleet::expireDeadlines(qint64 now)
 {
-    while (!deadlines.empty() && deadlines.front().time <= now && !failed) {
+    while (!deadlines.empty() && deadlines.front().time <= now && !ended) {
         const Deadline deadline = deadlines.front();
         deadlines.pop_front();
         Member &member = members[deadline.member];
@@ -138,8 +133,9 @@ void Fleet::expireDeadlines(qint64 now)
             continue;
         }
         if (member.repeats < settings.retries) {
-            // Not sent for want of buffers is as good as lost on the way: the next deadline is its.
-            transmitRegistration(deadline.member, now);
+            addRegistration(deadline.member);
+            deadlines.push_back(
+                {now + settings.timeout * NanosecondsAMillisecond, deadline.member, member.registrations});
             ++member.repeats;
             ++statistics.repeated;
         } else {
@@ -147,25 +143,66 @@ void Fleet::expireDeadlines(qint64 now)
             --underWay;
             ++statistics.lost;
         }
+        if (batched == batch.size()) {
+            transmit();
+            socket->receive();
+        }
     }
+    // Not sent for want of buffers is as good as lost on the way: the next deadline is its.
+    transmit();
 }
 
 void Fleet::sendRegistrations(qint64 now)
 {
     held = false;
-    const quint64 due = dueBy(now, 0);
-    while (isRegistering(now) && statistics.sent < due && !failed) {
-        const auto index = static_cast<quint32>(statistics.sent % members.size());
-        Member &member = members[index];
-        held = underWay >= settings.fleet.window || member.waiting;
-        if (held || !transmitRegistration(index, now)) {
+    const quint64 due = std::min(pacing.dueBy(now), limit);
+    quint64 allowed = settings.fleet.window;
+    while (isRegistering(now) && statistics.sent < due && allowed > 0 && !ended) {
+        const size_t count = sendableRegistrations(due, allowed);
+        held = count == 0;
+        if (held) {
             return;
         }
+        for (size_t i = 0; i < count; ++i) {
+            addRegistration(static_cast<quint32>((statistics.sent + i) % members.size()));
+        }
+        const qint64 before = clock.nsecsElapsed();
+        const size_t sent = transmit();
+        noteRegistrations(sent, before, clock.nsecsElapsed());
+        allowed -= sent;
+        if (sent < count) {
+            return;
+        }
+        socket->receive(); // before so many come that the system has no room for them
+    }
+}
+
+// How many of those that are due can leave as the next batch.
+size_t Fleet::sendableRegistrations(quint64 due, quint64 allowed) const
+{
+    const quint64 most = std::min<quint64>({due - statistics.sent, allowed, batch.size(), members.size(),
+                                            quint64{settings.fleet.window} - underWay});
+    size_t count = 0;
+    while (count < most && !members[(statistics.sent + count) % members.size()].waiting) {
+        ++count;
+    }
+    return count;
+}
+
+// The next so many registrations have left, evenly between the two times.
+void Fleet::noteRegistrations(size_t count, qint64 before, qint64 after)
+{
+    for (size_t i = 0; i < count; ++i) {
+        const auto index = static_cast<quint32>(statistics.sent % members.size());
+        Member &member = members[index];
         member.waiting = true;
-        member.firstSent = clock.nsecsElapsed();
+        member.firstSent = before + (after - before) * static_cast<qint64>(i) / static_cast<qint64>(count);
         member.repeats = 0;
+        ++member.registrations;
         ++statistics.sent;
         ++underWay;
+        deadlines.push_back(
+            {after + settings.timeout * NanosecondsAMillisecond, index, member.registrations});
     }
 }
 
@@ -174,14 +211,21 @@ void Fleet::sendDeregistrations(qint64 now)
     if (deregisteringSince < 0) {
         deregisteringSince = now;
     }
-    const auto due = std::min<quint64>({dueBy(now, deregisteringSince), statistics.sent, members.size()});
-    while (statistics.deregistered < due && !failed) {
-        const auto index = static_cast<quint32>(statistics.deregistered);
-        const Identity member = fleetMember(settings.radio, settings.fleet.pendingPercent, index);
-        if (!transmit(index, QMR::Qmrs::encodeDeregistration(member.protocolVersion, member.esn))) {
+    const quint64 due = std::min<quint64>({pacing.dueBy(now - deregisteringSince), statistics.sent,
+                                           members.size(), statistics.deregistered + settings.fleet.window});
+    while (statistics.deregistered < due && !ended) {
+        const size_t count = std::min<size_t>(due - statistics.deregistered, batch.size());
+        for (; batched < count; ++batched) {
+            const auto index = static_cast<quint32>(statistics.deregistered + batched);
+            FleetDatagram &datagram = batch[batched];
+            datagram.source = fleet.addressOf(index);
+            datagram.size = fleet.writeDeregistration(index, datagram.bytes);
+        }
+        const size_t sent = transmit();
+        statistics.deregistered += sent;
+        if (sent < count) {
             return;
         }
-        ++statistics.deregistered;
     }
 }
 
@@ -192,63 +236,53 @@ bool Fleet::isRegistering(qint64 now) const
            (duration == 0 || now < duration * NanosecondsAMillisecond);
 }
 
-// False: not now, or never (failed).
-bool Fleet::transmit(quint32 member, const QByteArray &datagram)
+bool Fleet::isDeregistered() const
 {
-    RadioSocket &socket = *sockets[member % sockets.size()];
-    const RadioSocket::Outcome outcome = socket.send(datagram, settings.server);
-    if (outcome == RadioSocket::Outcome::Failed) {
-        failed = true;
+    return statistics.deregistered >= std::min<quint64>(statistics.sent, members.size());
+}
+
+// To the batch, which has room.
+void Fleet::addRegistration(quint32 index)
+{
+    FleetDatagram &datagram = batch[batched++];
+    datagram.source = fleet.addressOf(index);
+    datagram.size = fleet.writeRegistration(index, datagram.bytes);
+}
+
+// Sends the batch and empties it. How many have left; the others could not now, or never can (ended).
+size_t Fleet::transmit()
+{
+    const FleetSocket::Sending result = socket->send(std::span(batch).first(batched));
+    congested = congested || result.count < batched;
+    batched = 0;
+    if (!result.error.isNull()) {
         Console::writeProgress(QString());
-        Console::writeError(u"cannot send from %1 to %2: %3"_s.arg(
-            socket.local().text(), settings.server.text(), socket.errorText()));
+        fail(result.error);
     }
-    return outcome == RadioSocket::Outcome::Sent;
-}
-
-bool Fleet::transmitRegistration(quint32 index, qint64 now)
-{
-    Member &member = members[index];
-    const bool repeated = member.waiting;
-    const bool sent =
-        transmit(index, registrationOf(fleetMember(settings.radio, settings.fleet.pendingPercent, index)));
-    if (sent && !repeated) {
-        ++member.registrations;
-    }
-    if (sent || repeated) {
-        deadlines.push_back({now + settings.timeout * NanosecondsAMillisecond, index, member.registrations});
-    }
-    return sent;
-}
-
-// How many, at the rate, should have been sent by now: the first one at once.
-quint64 Fleet::dueBy(qint64 now, qint64 start) const
-{
-    return static_cast<quint64>(static_cast<double>(now - start) / NanosecondsASecond * settings.fleet.rate) +
-           1;
+    return result.count;
 }
 
 void Fleet::arm(qint64 now)
 {
     qint64 next = deadlines.empty() ? std::numeric_limits<qint64>::max() : deadlines.front().time;
-    const auto timeOf = [this](quint64 index) {
-        return static_cast<qint64>(static_cast<double>(index) / settings.fleet.rate * NanosecondsASecond);
-    };
     if (deregisteringSince >= 0) {
-        next = std::min(next, deregisteringSince + timeOf(statistics.deregistered));
+        next = std::min(next, deregisteringSince + pacing.timeOf(statistics.deregistered));
     } else if (isRegistering(now) && !held) {
-        next = std::min(next, timeOf(statistics.sent));
+        next = std::min(next, pacing.timeOf(statistics.sent));
     }
     if (isRegistering(now) && settings.fleet.duration > 0) {
         next = std::min(next, settings.fleet.duration * NanosecondsAMillisecond);
     }
     const qint64 wait = (next - now + NanosecondsAMillisecond - 1) / NanosecondsAMillisecond;
-    // At least a millisecond: what could not be sent for full buffers is due already.
-    timer.start(static_cast<int>(std::clamp<qint64>(wait, 1, 60'000)));
+    // What waits for room in the system's buffers is due already.
+    timer.start(static_cast<int>(std::clamp<qint64>(wait, congested ? 1 : 0, 60'000)));
 }
 
 void Fleet::interrupt()
 {
+    if (ended) {
+        return;
+    }
     if (interrupted) {
         statistics.lost += underWay;
         finish();
@@ -260,12 +294,22 @@ void Fleet::interrupt()
 
 void Fleet::finish()
 {
+    ended = true;
     timer.stop();
     progressTimer.stop();
     Console::writeProgress(QString());
     statistics.elapsed = clock.elapsed();
     report.summary(statistics);
     QCoreApplication::exit(statistics.lost > 0 ? ExitNotAcknowledged : Console::ExitSuccess);
+}
+
+void Fleet::fail(const QString &error)
+{
+    ended = true;
+    timer.stop();
+    progressTimer.stop();
+    Console::writeError(error);
+    QCoreApplication::exit(Console::ExitError);
 }
 
 } // namespace RadioTool

@@ -3,25 +3,24 @@
 
 #pragma once
 
-#include "tools/radio/radiosocket.h"
+#include "tools/radio/fleetmembers.h"
+#include "tools/radio/fleetsocket.h"
+#include "tools/radio/pacing.h"
 #include "tools/radio/report.h"
 
 #include <QElapsedTimer>
 #include <QTimer>
 
+#include <array>
 #include <deque>
 #include <memory>
 #include <vector>
 
 namespace RadioTool {
 
-// The n-th radio of a fleet: ESN and unit number count up from the first radio's, the pending ones are spread
-// evenly.
-Identity fleetMember(const Identity &first, quint32 pendingPercent, quint32 index);
-
-// Many radios that register at a steady rate, one after the other, from a socket an address. One timer is
-// armed for what is due next; the registrations under way are bounded by the window. Ends the event loop with
-// the tool's exit code.
+// Many radios that register at a steady rate, one after the other, each from its own address. One timer is
+// armed for what is due next; the registrations under way, and those that leave in one go, are bounded by the
+// window. Ends the event loop with the tool's exit code.
 class Fleet
 {
 public:
@@ -33,13 +32,15 @@ public:
     void interrupt();
 
 private:
+    // All that is kept of a radio: a fleet may have millions.
     struct Member
     {
         qint64 firstSent = 0; // ns since the start
         quint32 registrations = 0;
-        quint32 repeats = 0;
+        quint8 repeats = 0;   // at most 100
         bool waiting = false; // for an acknowledgement
     };
+    static_assert(sizeof(Member) == 16);
     struct Deadline
     {
         qint64 time = 0; // ns since the start
@@ -47,25 +48,33 @@ private:
         quint32 registration = 0;
     };
 
-    bool openSockets();
-    void handle(const QByteArray &datagram);
+    QString open();
+    void handle(QByteArrayView datagram, quint32 receiver);
+    void turnEnded();
     void pump();
     void expireDeadlines(qint64 now);
     void sendRegistrations(qint64 now);
+    size_t sendableRegistrations(quint64 due, quint64 allowed) const;
+    void noteRegistrations(size_t count, qint64 before, qint64 after);
     void sendDeregistrations(qint64 now);
     bool isRegistering(qint64 now) const;
-    bool transmit(quint32 member, const QByteArray &datagram);
-    bool transmitRegistration(quint32 member, qint64 now);
-    quint64 dueBy(qint64 now, qint64 start) const;
+    bool isDeregistered() const;
+    void addRegistration(quint32 member);
+    size_t transmit();
     void arm(qint64 now);
     void finish();
+    void fail(const QString &error);
 
     const Settings settings;
     const Report report;
+    const Pacing pacing;
+    FleetMembers fleet;
     Statistics statistics;
-    std::vector<std::unique_ptr<RadioSocket>> sockets;
+    std::unique_ptr<FleetSocket> socket;
     std::vector<Member> members;
     std::deque<Deadline> deadlines; // in order: all have the same timeout
+    std::array<FleetDatagram, 32> batch{};
+    size_t batched = 0;
     QElapsedTimer clock;
     QTimer timer;
     QTimer progressTimer;
@@ -73,8 +82,9 @@ private:
     quint32 underWay = 0;
     qint64 deregisteringSince = -1; // ns since the start
     bool held = false;              // registrations are due and wait for an acknowledgement
-    bool failed = false;
+    bool congested = false;         // the system's buffers were full
     bool interrupted = false;
+    bool ended = false;
 };
 
 } // namespace RadioTool

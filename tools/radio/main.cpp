@@ -42,7 +42,6 @@ int main(int argc, char *argv[])
         break;
     }
     if (commandLine.settings.command == RadioTool::Command::Fleet) {
-        Console::raiseSocketLimit();
         return run<RadioTool::Fleet>(commandLine.settings);
     }
     return run<RadioTool::Radio>(commandLine.settings);

@@ -68,11 +68,13 @@ bool Radio::openSockets()
     if (settings.command == Command::Listen) {
         return openListener(settings.from.value_or(QHostAddress(QHostAddress::AnyIPv4)));
     }
-    const QHostAddress address = settings.from.value_or(RadioSocket::addressTowards(settings.server));
-    if (address.isNull()) {
-        fail(u"there is no way to %1"_s.arg(settings.server.text()));
+    const auto own = settings.from ? Console::Parsed<QHostAddress>::of(*settings.from)
+                                   : RadioSocket::addressTowards(settings.server);
+    if (!own) {
+        fail(own.error);
         return false;
     }
+    const QHostAddress &address = *own;
     if (!socket.open(address, 0)) {
         fail(u"cannot open a socket at %1: %2"_s.arg(address.toString(), socket.errorText()));
         return false;

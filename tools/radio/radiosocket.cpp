@@ -7,6 +7,8 @@
 
 #include <utility>
 
+using namespace Qt::StringLiterals;
+
 namespace RadioTool {
 
 namespace {
@@ -38,11 +40,17 @@ RadioSocket::Outcome RadioSocket::send(const QByteArray &datagram, const Console
     return socket.error() == QAbstractSocket::TemporaryError ? Outcome::TryAgain : Outcome::Failed;
 }
 
-QHostAddress RadioSocket::addressTowards(const Console::Endpoint &server)
+Console::Parsed<QHostAddress> RadioSocket::addressTowards(const Console::Endpoint &server)
 {
     QUdpSocket probe; // connecting a datagram socket sends nothing
     probe.connectToHost(server.address, server.port);
-    return probe.localAddress();
+    if (probe.localAddress().isNull()) {
+        const QString what = probe.error() == QAbstractSocket::SocketResourceError
+                                 ? u"cannot open a socket"_s
+                                 : u"there is no way to "_s + server.text();
+        return Console::Parsed<QHostAddress>::failed(what + u": "_s + probe.errorString());
+    }
+    return Console::Parsed<QHostAddress>::of(probe.localAddress());
 }
 
 void RadioSocket::read()

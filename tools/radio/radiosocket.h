@@ -29,8 +29,8 @@ public:
     Console::Endpoint local() const { return {socket.localAddress(), socket.localPort()}; }
     QString errorText() const { return socket.errorString(); }
 
-    // The address from which this host would speak to the server; null when it has no way there.
-    static QHostAddress addressTowards(const Console::Endpoint &server);
+    // The address from which this host would speak to the server, or why it cannot.
+    static Console::Parsed<QHostAddress> addressTowards(const Console::Endpoint &server);
 
 private:
     void read();

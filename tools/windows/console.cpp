@@ -39,9 +39,4 @@ void onInterrupt(std::function<void()> handler)
     SetConsoleCtrlHandler(wakeEventLoop, TRUE);
 }
 
-void raiseSocketLimit()
-{
-    // Windows has no such limit.
-}
-
 } // namespace Console
