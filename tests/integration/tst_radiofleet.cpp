@@ -69,6 +69,29 @@ private slots:
         QCOMPARE(summary[u"repeated"_s], 0);
     }
 
+    void registrationIsRepeatedThreeTimesByDefault()
+    {
+        ScriptedServer server(false);
+        RadioProcess tool(u"fleet --json --timeout 20 --addresses 127.1.0.1-127.1.0.40"_s +
+                          serverOption(server.port()));
+        QCOMPARE(tool.exitCode(), 3);
+        const QJsonObject summary = tool.objects().constFirst();
+        QCOMPARE(summary[u"sent"_s], 40);
+        QCOMPARE(summary[u"lost"_s], 40);
+        QCOMPARE(summary[u"repeated"_s], 120);
+        QTRY_VERIFY(server.received().size() >= 160);
+        QCOMPARE(server.received().size(), 160);
+        QHash<quint64, QList<QByteArray>> datagrams;
+        for (const ScriptedServer::Received &received : server.received()) {
+            QCOMPARE(received.sender, FirstAddress + static_cast<quint32>(received.esn) - 1);
+            datagrams[received.esn].append(received.datagram);
+        }
+        QCOMPARE(datagrams.size(), 40);
+        for (const QList<QByteArray> &same : datagrams) {
+            QCOMPARE(same, QList<QByteArray>(4, same.first()));
+        }
+    }
+
     // However far behind its rate the fleet is, no more leave than the window has room for.
     void windowBoundsWhatLeavesAtOnce()
     {

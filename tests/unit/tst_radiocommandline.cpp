@@ -97,6 +97,8 @@ private slots:
         QCOMPARE(settings.fleet.addressCount, 1000U);
         QCOMPARE(settings.fleet.rounds, 1U);
         QCOMPARE(settings.fleet.rate, 0.5);
+        QCOMPARE(settings.retries, 3U);
+        QCOMPARE(accepted("fleet --retries 0").retries, 0U);
         QCOMPARE(accepted("fleet --addresses 127.0.0.2-127.15.66.65").fleet.count, 1'000'000U);
         QCOMPARE(accepted("fleet").fleet.count, 1U);
         QCOMPARE(accepted("fleet --duration 2").fleet.rounds, 0U);

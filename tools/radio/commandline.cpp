@@ -22,6 +22,7 @@ using Console::Parsed;
 constexpr quint32 MaximumRadios = 1U << 24; // as many as there are unit numbers
 constexpr quint32 MaximumAddresses = MaximumRadios;
 constexpr quint32 MaximumWindow = 1U << 16;
+constexpr quint32 FleetRetries = 3; // a datagram may be lost; who measures losses gives 0
 
 const auto Help = u"Usage: quillmere-radio COMMAND [options]\n"
                   "\n"
@@ -163,7 +164,9 @@ void Reader::declare()
         options.value(u"services"_s, u"CODES"_s, u"Data services, 0 to 255, with ',' between (none)."_s);
         options.flag(u"basic"_s, u"Basic registration: no SUID, never pending."_s);
         options.value(u"timeout"_s, u"MS"_s, u"How long to wait for an acknowledgement (2000)."_s);
-        options.value(u"retries"_s, u"N"_s, u"How often to repeat what was not acknowledged (0)."_s);
+        options.value(u"retries"_s, u"N"_s,
+                      fleet ? u"How often to repeat what was not acknowledged (3)."_s
+                            : u"How often to repeat what was not acknowledged (0)."_s);
     }
     if (is(Command::Deregister)) {
         options.flag(u"by-address"_s, u"Deregister whichever radio is at this address; in place of --esn."_s);
@@ -212,6 +215,7 @@ void Reader::readValues()
     if (is(Command::Fleet)) {
         settings.radio.esn.bytes.back() = 1;
         settings.radio.suid = *Console::parseSuid(u"1.1.1"_s);
+        settings.retries = FleetRetries;
         readFleet();
     }
     settings.json = options.isSet(u"json"_s);
