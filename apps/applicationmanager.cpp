@@ -203,7 +203,7 @@ void ApplicationManager::sendHeldBack()
     if (heldBack.empty()) {
         return;
     }
-    std::swap(heldBack, leaving);
+    std::vector<char> leaving = std::exchange(heldBack, std::move(spare));
     // A write can drop an application in the middle of the walk.
     const std::vector<QTcpSocket *> connected(applications.begin(), applications.end());
     const auto toEachConnected = [this, &connected](const auto &action) {
@@ -220,6 +220,7 @@ void ApplicationManager::sendHeldBack()
         rest = rest.sliced(size);
     }
     leaving.clear();
+    spare = std::move(leaving);
     // They leave now, before the radios' acknowledgements do.
     toEachConnected([](QTcpSocket *application) { application->flush(); });
 }

@@ -60,7 +60,7 @@ private:
     std::set<QTcpSocket *> applications; // children of tcpServer
     QTcpSocket *awaited = nullptr;       // while the rest of its message is waited for
     std::vector<char> heldBack;          // whole notices, one behind the other
-    std::vector<char> leaving;           // kept for its memory
+    std::vector<char> spare;             // empty, kept for its memory
 };
 
 } // namespace QMR

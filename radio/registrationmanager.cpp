@@ -129,11 +129,15 @@ void RegistrationManager::transmit(const Qmrs::Buffer &bytes, qint64 size, const
 
 void RegistrationManager::sendHeldBack()
 {
-    std::swap(heldBack, leaving);
+    if (heldBack.empty()) {
+        return;
+    }
+    std::vector<Outgoing> leaving = std::exchange(heldBack, std::move(spare));
     for (const Outgoing &message : leaving) {
         transmit(message.bytes, message.size, message.destination, message.port);
     }
     leaving.clear();
+    spare = std::move(leaving);
 }
 
 void RegistrationManager::sendDiscoveryRequest(const std::shared_ptr<RadioEntry> &radio)

@@ -61,7 +61,7 @@ private:
     QUdpSocket socket;
     quint16 port;
     std::vector<Outgoing> heldBack;
-    std::vector<Outgoing> leaving; // kept for its memory
+    std::vector<Outgoing> spare; // empty, kept for its memory
 };
 
 } // namespace QMR
