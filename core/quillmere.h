@@ -5,6 +5,7 @@
 
 #include "core/addressindex.h"
 #include "core/radioentry.h"
+#include "db/sqlite.h"
 #include "service/qtservice.h"
 
 #include <QDateTime>
@@ -13,6 +14,7 @@
 #include <QSqlDatabase>
 #include <QTimer>
 
+#include <chrono>
 #include <list>
 #include <map>
 #include <memory>
@@ -136,9 +138,10 @@ public:
 
     // The database (db/schema.cpp, db/subscribers.cpp, db/commits.cpp).
 
-    // Brings the open database to the current schema, by replacing it where no upgrade leads there. False: it
-    // could not be replaced either.
-    bool checkDatabase();
+    // Brings the open database to the current schema, by replacing it where no upgrade leads there. Somebody
+    // else's lock is waited for, as long as the patience lasts. False: it could not be replaced either, or is
+    // left as it was, for what prevents its use may pass: a lock, a full disk, a read-only file.
+    bool checkDatabase(std::chrono::milliseconds patience = Sqlite::StartPatience);
 
     void insertSubscriber(const RadioEntry &radio);
     void loadSubscribers(std::list<RadioPointer> &radios);
@@ -175,7 +178,6 @@ private:
 
     qint64 secondsToDiscovery() const;
 
-    bool replaceDatabase();
     void keepJournal();
     void writeFailed(WriteStep step) const;
     void groupStored();

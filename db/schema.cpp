@@ -3,8 +3,14 @@
 
 #include "core/quillmere.h"
 
+#include "db/sqlite.h"
+
+#include <QDeadlineTimer>
 #include <QFile>
+#include <QSqlError>
 #include <QSqlQuery>
+
+#include <initializer_list>
 
 using namespace Qt::StringLiterals;
 
@@ -13,81 +19,164 @@ namespace QMR {
 namespace {
 
 constexpr int CurrentVersion = 3;
-constexpr int NoVersion = 0;
 
-bool execute(const QString &statement)
+// What a statement came to, or the check as a whole.
+enum class Outcome {
+    Done,
+    Unusable,  // what the database holds does not allow it
+    Locked,    // somebody else has locked the file
+    Prevented, // another cause that may pass: a full disk, a read-only file
+};
+
+Outcome failure(const QSqlError &error)
 {
-    return QSqlQuery().exec(statement);
+    const int resultCode = error.nativeErrorCode().toInt();
+    if (Sqlite::isLock(resultCode)) {
+        return Outcome::Locked;
+    }
+    return Sqlite::isPassing(resultCode) ? Outcome::Prevented : Outcome::Unusable;
 }
 
-// The stored schema version; NoVersion when there is none, as in a new file.
-int storedVersion()
+Outcome execute(const QString &statement)
 {
     QSqlQuery query;
-    const bool found = query.exec(u"SELECT database_version FROM config"_s) && query.first();
-    return found ? query.value(0).toInt() : NoVersion;
+    return query.exec(statement) ? Outcome::Done : failure(query.lastError());
 }
 
-bool upgradeFromVersion2()
+// Ends with the first that fails.
+Outcome executeAll(std::initializer_list<QString> statements)
 {
-    return execute(u"ALTER TABLE subscribers ADD COLUMN protocol_version INTEGER NOT NULL DEFAULT 0"_s) &&
-           execute(u"UPDATE subscribers SET protocol_version = (CASE WHEN suid = '' THEN 1 WHEN suid = -1 "
-                   "THEN 1 WHEN suid = x'00000000000000' THEN 1 ELSE 2 END)"_s) &&
-           execute(u"UPDATE config SET database_version = 3"_s);
+    Outcome outcome = Outcome::Done;
+    for (auto it = statements.begin(); it != statements.end() && outcome == Outcome::Done; ++it) {
+        outcome = execute(*it);
+    }
+    return outcome;
+}
+
+Outcome readVersion(int &version)
+{
+    QSqlQuery query;
+    if (!query.exec(u"SELECT database_version FROM config"_s) || !query.first()) {
+        return failure(query.lastError()); // no row is no error of SQLite's: Unusable
+    }
+    version = query.value(0).toInt();
+    return Outcome::Done;
+}
+
+// A replacement that was interrupted leaves the stored version behind its first statement, but no radios'
+// table. Preparing a statement tells, and runs nothing.
+Outcome findSubscribers()
+{
+    QSqlQuery query;
+    return query.prepare(u"SELECT id FROM subscribers"_s) ? Outcome::Done : failure(query.lastError());
+}
+
+Outcome upgradeFromVersion2()
+{
+    return executeAll(
+        {u"ALTER TABLE subscribers ADD COLUMN protocol_version INTEGER NOT NULL DEFAULT 0"_s,
+         u"UPDATE subscribers SET protocol_version = (CASE WHEN suid = '' THEN 1 WHEN suid = -1 "
+         "THEN 1 WHEN suid = x'00000000000000' THEN 1 ELSE 2 END)"_s,
+         u"UPDATE config SET database_version = 3"_s});
 }
 
 // The stored version deliberately goes from 1 straight to 3, inside the one transaction.
-bool upgradeFromVersion1()
+Outcome upgradeFromVersion1()
 {
-    return execute(u"ALTER TABLE subscribers ADD COLUMN suid BLOB NOT NULL DEFAULT ''"_s) &&
-           execute(u"CREATE INDEX subscribers_suid_idx ON subscribers(suid)"_s) && upgradeFromVersion2();
+    const Outcome outcome = executeAll({u"ALTER TABLE subscribers ADD COLUMN suid BLOB NOT NULL DEFAULT ''"_s,
+                                        u"CREATE INDEX subscribers_suid_idx ON subscribers(suid)"_s});
+    return outcome == Outcome::Done ? upgradeFromVersion2() : outcome;
 }
 
-bool upgrade()
+Outcome upgrade()
 {
-    switch (storedVersion()) {
+    int version = 0;
+    const Outcome outcome = readVersion(version);
+    if (outcome != Outcome::Done) {
+        return outcome;
+    }
+    switch (version) {
     case 1:
         return upgradeFromVersion1();
     case 2:
         return upgradeFromVersion2();
     case CurrentVersion:
-        return true;
+        return findSubscribers();
     default:
-        return false;
+        return Outcome::Unusable;
     }
+}
+
+// Begins and commits by statements, since Qt's own calls do not tell what failed them.
+Outcome upgradeInTransaction(QSqlDatabase connection)
+{
+    if (execute(u"BEGIN"_s) != Outcome::Done) {
+        return Outcome::Prevented; // nothing has been read yet
+    }
+    Outcome outcome = upgrade();
+    if (outcome == Outcome::Done) {
+        outcome = execute(u"COMMIT"_s);
+    }
+    if (outcome != Outcome::Done) {
+        connection.rollback();
+    }
+    return outcome;
+}
+
+template<typename Attempt>
+Outcome waitForLocks(const QDeadlineTimer &deadline, Attempt attempt)
+{
+    Outcome outcome = Outcome::Locked;
+    Sqlite::whileLocked(deadline, [&] {
+        outcome = attempt();
+        return outcome == Outcome::Locked;
+    });
+    return outcome;
+}
+
+// Each statement is committed by itself.
+Outcome runScript(const QString &script, const QDeadlineTimer &deadline)
+{
+    const QStringList pieces = script.split(u";\r\n"_s);
+    for (const QString &piece : pieces) {
+        const QString statement = piece.trimmed();
+        if (statement.isEmpty()) {
+            continue;
+        }
+        const Outcome outcome = waitForLocks(deadline, [&statement] { return execute(statement); });
+        if (outcome != Outcome::Done) {
+            return outcome;
+        }
+    }
+    return Outcome::Done;
 }
 
 } // namespace
 
-bool Quillmere::checkDatabase()
+bool Quillmere::checkDatabase(std::chrono::milliseconds patience)
 {
-    QSqlDatabase connection = QSqlDatabase::database(QLatin1String(QSqlDatabase::defaultConnection), true);
-    connection.transaction();
-    if (upgrade() && connection.commit()) {
+    const QSqlDatabase connection =
+        QSqlDatabase::database(QLatin1String(QSqlDatabase::defaultConnection), true);
+    const QDeadlineTimer deadline(patience);
+    Outcome outcome = waitForLocks(deadline, [&connection] { return upgradeInTransaction(connection); });
+    if (outcome == Outcome::Done) {
         return true;
     }
-    connection.rollback();
     // A new database file comes this way too: the warning is expected at the first start of an installation.
     log(u"Unable to update database.  Replacing database..."_s, Warning);
-    return replaceDatabase();
-}
-
-// Runs the schema script, each statement committed by itself. Its two failures are deliberately recorded as
-// successes under identifier 0.
-bool Quillmere::replaceDatabase()
-{
-    QFile script(u":/Quillmere.schema"_s);
-    if (!script.open(QIODevice::ReadOnly)) {
-        logMessage(u"Database error: unable to continue"_s, Success, 0);
-        return false;
-    }
-    const QStringList pieces = QString::fromUtf8(script.readAll()).split(u";\r\n"_s);
-    for (const QString &piece : pieces) {
-        const QString statement = piece.trimmed();
-        if (!statement.isEmpty() && !execute(statement)) {
-            logMessage(u"Database schema: unable to continue"_s, Success, 0);
+    // What may be whole is left alone. The two failures are deliberately recorded as successes under
+    // identifier 0.
+    if (outcome == Outcome::Unusable) {
+        QFile script(u":/Quillmere.schema"_s);
+        if (!script.open(QIODevice::ReadOnly)) {
+            logMessage(u"Database error: unable to continue"_s, Success, 0);
             return false;
         }
+        outcome = runScript(QString::fromUtf8(script.readAll()), deadline);
+    }
+    if (outcome != Outcome::Done) {
+        logMessage(u"Database schema: unable to continue"_s, Success, 0);
+        return false;
     }
     return true;
 }
@@ -97,8 +186,11 @@ bool Quillmere::replaceDatabase()
 // synced too. A file in write-ahead mode stays in it.
 void Quillmere::keepJournal()
 {
-    QSqlQuery query;
-    if (query.exec(u"PRAGMA journal_mode"_s) && query.first() && query.value(0).toString() != u"wal") {
+    const auto mode = [] {
+        QSqlQuery query;
+        return query.exec(u"PRAGMA journal_mode"_s) && query.first() ? query.value(0).toString() : QString();
+    };
+    if (mode() != u"wal") {
         execute(u"PRAGMA journal_mode = PERSIST"_s);
         // One large transaction does not leave its size on the disk for good.
         execute(u"PRAGMA journal_size_limit = 4194304"_s);

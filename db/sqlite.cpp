@@ -8,9 +8,17 @@
 
 #include <sqlite3.h>
 
+#include <algorithm>
+#include <thread>
+
+using namespace std::chrono_literals;
+
 namespace QMR::Sqlite {
 
 namespace {
+
+constexpr std::chrono::nanoseconds FirstPause = 1ms;
+constexpr std::chrono::nanoseconds LongestPause = 100ms;
 
 // An extended result code tells more in its upper bits.
 int primary(int resultCode)
@@ -49,6 +57,15 @@ bool isPassing(int resultCode)
         return true;
     default:
         return isLock(resultCode);
+    }
+}
+
+void whileLocked(const QDeadlineTimer &deadline, const std::function<bool()> &attempt)
+{
+    auto pause = FirstPause;
+    while (attempt() && !deadline.hasExpired()) {
+        std::this_thread::sleep_for(std::min(pause, deadline.remainingTimeAsDuration()));
+        pause = std::min(2 * pause, LongestPause);
     }
 }
 

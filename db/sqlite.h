@@ -4,7 +4,11 @@
 // SQLite itself, where Qt's driver over it does not tell enough.
 #pragma once
 
+#include <QDeadlineTimer>
 #include <QSqlDatabase>
+
+#include <chrono>
+#include <functional>
 
 struct sqlite3;
 
@@ -13,11 +17,20 @@ namespace QMR::Sqlite {
 // The connection's own handle; null while it is closed.
 sqlite3 *handle(const QSqlDatabase &database);
 
-// Somebody else keeps the file locked. resultCode: SQLite's, extended or not, as it stands in a driver's error.
+// Somebody else keeps the file locked. resultCode: SQLite's, extended or not, as it stands in a driver's
+// error.
 bool isLock(int resultCode);
 
 // What failed may succeed later as it is: a lock, a full disk, no memory, no descriptor, a read-only or
 // faulty file. What the database refuses for its content is none of these.
 bool isPassing(int resultCode);
+
+// How long a start waits for somebody else's lock: nothing is served yet.
+constexpr std::chrono::seconds StartPatience(60);
+
+// Makes the attempt, and again after a growing pause while it says that somebody else's lock is in its way
+// and time is left. SQLite's own wait is not enough: it is not made where a transaction that reads comes to
+// write.
+void whileLocked(const QDeadlineTimer &deadline, const std::function<bool()> &attempt);
 
 } // namespace QMR::Sqlite

@@ -3,8 +3,10 @@
 
 #include "core/quillmere.h"
 
+#include "db/sqlite.h"
 #include "db/writegroup.h"
 
+#include <QSqlError>
 #include <QSqlQuery>
 #include <QSqlRecord>
 
@@ -75,12 +77,17 @@ void Quillmere::loadSubscribers(std::list<RadioPointer> &radios)
     radios.clear();
     QSqlQuery query(database);
     query.setForwardOnly(true);
-    query.exec(u"SELECT subscribers.esn, subscribers.suid, subscribers.ip_address,"
-               "        subscribers.availability, subscribers.last_contact_time,"
-               "        subscribers.num_discovery_attempts, subscribers.last_discovery_attempt,"
-               "        subscribers.protocol_version, supported_services.service FROM subscribers "
-               "LEFT OUTER JOIN supported_services                  ON subscribers.id = "
-               "supported_services.subscriber_id "_s);
+    const QString statement =
+        u"SELECT subscribers.esn, subscribers.suid, subscribers.ip_address,"
+        "        subscribers.availability, subscribers.last_contact_time,"
+        "        subscribers.num_discovery_attempts, subscribers.last_discovery_attempt,"
+        "        subscribers.protocol_version, supported_services.service FROM "
+        "subscribers LEFT OUTER JOIN supported_services                  ON "
+        "subscribers.id = supported_services.subscriber_id "_s;
+    // What only a lock keeps from being read is waited for: a server without its radios would not store them.
+    Sqlite::whileLocked(QDeadlineTimer(Sqlite::StartPatience), [&] {
+        return !query.exec(statement) && Sqlite::isLock(query.lastError().nativeErrorCode().toInt());
+    });
     const QSqlRecord columns = query.record();
     const auto column = [&columns](const char *columnName) {
         return columns.indexOf(QLatin1String(columnName));

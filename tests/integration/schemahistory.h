@@ -9,6 +9,8 @@
 #include <QSqlDatabase>
 #include <QSqlQuery>
 
+#include <chrono>
+
 // The statements that make an empty database of schema version 1, 2 or 3, as the programs of their time did.
 inline QStringList schemaHistory(int version)
 {
@@ -36,6 +38,21 @@ inline QStringList schemaHistory(int version)
     return statements;
 }
 
+// The statements that replace a database, in their order.
+inline QStringList schemaScript()
+{
+    QFile script(QStringLiteral(":/Quillmere.schema"));
+    if (!script.open(QIODevice::ReadOnly)) {
+        qFatal("no schema");
+    }
+    QStringList statements = QString::fromUtf8(script.readAll()).split(QStringLiteral(";\r\n"));
+    statements.removeLast(); // white space
+    for (QString &statement : statements) {
+        statement = statement.trimmed();
+    }
+    return statements;
+}
+
 inline QString addVersionColumn()
 {
     return QStringLiteral("ALTER TABLE subscribers ADD COLUMN protocol_version INTEGER NOT NULL DEFAULT 0");
@@ -52,6 +69,12 @@ inline LogRecord replacingRecord()
 {
     return RecordingLog::record(Scm::EventWarning,
                                 QStringLiteral("Unable to update database.  Replacing database..."));
+}
+
+// Deliberately a success under identifier 0.
+inline LogRecord failedScriptRecord()
+{
+    return RecordingLog::record(Scm::EventSuccess, QStringLiteral("Database schema: unable to continue"), 0);
 }
 
 // Tables, then indexes, of the current schema, each with its table.
@@ -90,6 +113,7 @@ public:
     TestServer server;
 
     bool run() const { return server->checkDatabase(); }
+    bool run(std::chrono::milliseconds patience) const { return server->checkDatabase(patience); }
 
     void create(int version) const
     {

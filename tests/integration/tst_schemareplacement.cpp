@@ -11,6 +11,7 @@
 #include <QtTest>
 
 using namespace Qt::StringLiterals;
+using namespace std::chrono_literals;
 
 // The script's resource, which Qt's macros name outside every namespace.
 static void removeScript()
@@ -34,15 +35,10 @@ public:
     Q_DISABLE_COPY_MOVE(MissingScript)
 };
 
-// Both deliberately successes under identifier 0.
+// Deliberately a success under identifier 0.
 LogRecord missingScriptRecord()
 {
     return RecordingLog::record(Scm::EventSuccess, u"Database error: unable to continue"_s, 0);
-}
-
-LogRecord failedScriptRecord()
-{
-    return RecordingLog::record(Scm::EventSuccess, u"Database schema: unable to continue"_s, 0);
 }
 
 bool isIdle(const TestServer &server)
@@ -216,7 +212,7 @@ private slots:
             holder.setDatabaseName(check.server.folder.databaseFile());
             QVERIFY(holder.open());
             QVERIFY(QSqlQuery(holder).exec(u"BEGIN EXCLUSIVE"_s));
-            QVERIFY(!check.run());
+            QVERIFY(!check.run(50ms));
         }
         QSqlDatabase::removeDatabase(u"holder"_s);
         QCOMPARE(check.server.log.take(), (QList{replacingRecord(), failedScriptRecord()}));

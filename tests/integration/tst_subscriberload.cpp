@@ -2,9 +2,13 @@
 // SPDX-License-Identifier: MIT
 
 #include "tests/support/serverdatabase.h"
+#include "tests/support/databaselock.h"
+#include "tests/support/serverdatabase.h"
 #include "tests/support/storedradio.h"
 
 #include <QtTest>
+
+#include <thread>
 
 #include <limits>
 
@@ -65,6 +69,32 @@ private slots:
         std::list<QMR::RadioPointer> radios{std::make_shared<RadioEntry>()};
         server->loadSubscribers(radios);
         QVERIFY(radios.empty());
+        QCOMPARE(server.log.take(), QList<LogRecord>());
+    }
+
+    void lockIsWaitedFor()
+    {
+        TestServer server;
+        server.start();
+        StoredRadio{.services = {1, 2}}.store(server);
+        setBusyTimeout(0);
+        DatabaseLock lock(server.folder.databaseFile(), DatabaseLock::Exclusive);
+        std::thread holder;
+        std::list<QMR::RadioPointer> radios;
+        {
+            const StatementTrace trace([&](const QString &) {
+                if (!holder.joinable()) {
+                    holder = std::thread([&] {
+                        std::this_thread::sleep_for(std::chrono::milliseconds(100));
+                        lock.release();
+                    });
+                }
+            });
+            server->loadSubscribers(radios);
+        }
+        holder.join();
+        QCOMPARE(radios.size(), size_t{1});
+        QCOMPARE(radios.front()->supportedServices, (QMR::ServiceList{1, 2}));
         QCOMPARE(server.log.take(), QList<LogRecord>());
     }
 

@@ -24,11 +24,20 @@ QStringList &traced()
     return statements;
 }
 
+StatementTrace::Observer &observing()
+{
+    static StatementTrace::Observer observer;
+    return observer;
+}
+
 int keepStatement(unsigned, void *, void *, void *text)
 {
     const QString statement = QString::fromUtf8(static_cast<const char *>(text));
     if (!statement.startsWith(QStringLiteral("--"))) {
         traced().append(statement);
+        if (observing()) {
+            observing()(statement);
+        }
     }
     return 0;
 }
@@ -59,9 +68,10 @@ void setBusyTimeout(int milliseconds)
     sqlite3_busy_timeout(serverDatabase(), milliseconds);
 }
 
-StatementTrace::StatementTrace()
+StatementTrace::StatementTrace(Observer observer)
 {
     traced().clear();
+    observing() = std::move(observer);
     sqlite3_auto_extension(reinterpret_cast<void (*)()>(traceNewConnection));
     if (defaultConnection().isOpen()) {
         sqlite3_trace_v2(serverDatabase(), SQLITE_TRACE_STMT, keepStatement, nullptr);
@@ -74,6 +84,7 @@ StatementTrace::~StatementTrace()
     if (defaultConnection().isOpen()) {
         sqlite3_trace_v2(serverDatabase(), 0, nullptr, nullptr);
     }
+    observing() = {};
 }
 
 QStringList StatementTrace::take()

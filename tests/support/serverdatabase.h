@@ -22,7 +22,11 @@ void setBusyTimeout(int milliseconds);
 class StatementTrace
 {
 public:
-    StatementTrace();
+    // Is called before a statement does anything, with its text. Must leave the statement's own connection
+    // alone.
+    using Observer = std::function<void(const QString &)>;
+
+    explicit StatementTrace(Observer observer = {});
     ~StatementTrace();
     Q_DISABLE_COPY_MOVE(StatementTrace)
 
