@@ -135,10 +135,12 @@ bool measure(quint32 radios, const QString &rate, quint16 port)
                                QStringLiteral("--addresses"),
                                dotted(FirstAddress) + QLatin1Char('-') + dotted(FirstAddress + radios - 1)};
         std::vector<QByteArray> arguments;
+        arguments.reserve(static_cast<size_t>(line.size()));
         for (const QString &argument : line) {
             arguments.push_back(argument.toLocal8Bit());
         }
         std::vector<char *> pointers;
+        pointers.reserve(arguments.size() + 1);
         for (QByteArray &argument : arguments) {
             pointers.push_back(argument.data());
         }

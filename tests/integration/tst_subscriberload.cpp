@@ -1,16 +1,14 @@
 // SPDX-FileCopyrightText: 2026 The Quillmere developers
 // SPDX-License-Identifier: MIT
 
-#include "tests/support/serverdatabase.h"
 #include "tests/support/databaselock.h"
 #include "tests/support/serverdatabase.h"
 #include "tests/support/storedradio.h"
 
 #include <QtTest>
 
-#include <thread>
-
 #include <limits>
+#include <thread>
 
 using namespace Qt::StringLiterals;
 using QMR::RadioEntry;

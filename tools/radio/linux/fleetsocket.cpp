@@ -139,8 +139,8 @@ QString LinuxFleetSocket::open(quint32 firstAddress, quint32 count)
 {
     for (quint32 i = 0; i < count; ++i) {
         const quint32 address = firstAddress + i;
-        // A machine has the whole loopback network or nothing of it: the ends of a range tell.
-        if (i > 0 && i + 1 < count && (address & 0xFF000000U) == LoopbackNetwork) {
+        // A machine has the whole loopback network or nothing of it: one address tells.
+        if (i > 0 && (address & 0xFF000000U) == LoopbackNetwork) {
             continue;
         }
         if (const int error = addressError(address); error != 0) {
