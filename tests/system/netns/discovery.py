@@ -13,37 +13,36 @@ CI is true.
 
 import contextlib
 import ctypes
-import json
 import os
 import pathlib
 import shutil
 import signal
 import socket
 import sqlite3
-import struct
 import subprocess
 import sys
 import tempfile
 import time
 
+sys.dont_write_bytecode = True
+sys.path.insert(0, str(pathlib.Path(__file__).resolve().parent.parent))
+
+import wire  # noqa: E402
+from foreground import Server, libc, wait_for  # noqa: E402
+from wire import DISCOVERY, PATIENCE, REGISTERED, UNCONFIRMED, UNREACHABLE  # noqa: E402
+
 SKIPPED = 77
-PATIENCE = 20  # seconds
 PORT = 9361  # of both protocols, and of the radios: where requests go
 
 CLONE_NEWNS = 0x00020000
 CLONE_NEWNET = 0x40000000
 MS_PRIVATE_RECURSIVE = (1 << 18) | (1 << 14)
-PR_SET_PDEATHSIG = 1
 
 SERVER_HOST = "server"
 SERVER_ADDRESS = "10.77.0.1"
 APPLICATION_HOST = ("application", "10.77.0.9")
 LOST = ("lost", "10.77.0.5")
 SILENT = ("silent", "10.77.0.6")
-
-UNREACHABLE, UNCONFIRMED, REGISTERED = 1, 2, 3
-
-libc = ctypes.CDLL(None, use_errno=True)
 
 
 class CannotRun(Exception):
@@ -58,10 +57,6 @@ def check(condition, text):
 def call(function, *arguments):
     if getattr(libc, function)(*arguments) != 0:
         raise CannotRun(f"{function}: {os.strerror(ctypes.get_errno())}")
-
-
-def die_with_this_run():
-    libc.prctl(PR_SET_PDEATHSIG, signal.SIGKILL)
 
 
 def ip(*arguments):
@@ -109,41 +104,16 @@ def suid(serial):
     return bytes([0x12, 0x34, 0x56, 0x78, 0x9A, 0xBC, serial])
 
 
-def datagram(serial, opcode, payload=b""):
-    return b"QMRS\x03" + esn(serial) + bytes([opcode]) + struct.pack("<H", len(payload)) + payload
-
-
 def notice(serial, address, availability):
-    payload = esn(serial) + suid(serial) + b"\x00" + socket.inet_aton(address)[::-1]
-    payload += bytes([availability, 0])
-    return b"QMRA\x04\x01" + struct.pack("<H", len(payload)) + payload
+    return wire.notice(esn(serial), suid(serial), address, availability)
 
 
-class Server:
-    """The program, run in the foreground on its host."""
+class SearchingServer(Server):
+    """On its host, without a pause between requests."""
 
     def __init__(self, program, folder):
-        self.folder = folder / "Brackwater" / "Quill Mere"
-        self.database = self.folder / "qmr.db"
-        self.event_log = folder / "events"
-        self.environment = dict(os.environ, QUILLMERE_APPDATA=str(folder), QUILLMERE_EVENTLOG=str(self.event_log))
-        self.command = ["ip", "netns", "exec", SERVER_HOST, program, "-exec"]
-        self.process = None
-
-    def start(self):
-        self.event_log.write_bytes(b"")
-        self.process = subprocess.Popen(self.command, env=self.environment, preexec_fn=die_with_this_run)
-        wait_for(lambda: any("Service started" in record for record in self.records()), "the server to start")
-
-    def stop(self):
-        if self.process:
-            self.process.send_signal(signal.SIGKILL)
-            self.process.wait()
-            self.process = None
-
-    def records(self):
-        lines = self.event_log.read_text(encoding="utf-8").splitlines(keepends=True)
-        return [json.loads(line)["message"] for line in lines if line.endswith("\n")]
+        launcher = ["ip", "netns", "exec", SERVER_HOST]
+        super().__init__(program, folder, "minimumDiscoveryPeriod=0\n", launcher)
 
     def rows(self):
         with contextlib.closing(sqlite3.connect(self.database, timeout=PATIENCE)) as database:
@@ -152,19 +122,12 @@ class Server:
 
     def store(self, serial, availability, address, now):
         """A radio heard from a minute ago, asked for long ago."""
-        number = struct.unpack(">I", socket.inet_aton(address))[0]
         with contextlib.closing(sqlite3.connect(self.database)) as database, database:
             database.execute("INSERT INTO subscribers (esn, suid, ip_address, availability, last_contact_time, "
                              "num_discovery_attempts, last_discovery_attempt, protocol_version) "
                              "VALUES (?, ?, ?, ?, ?, 0, ?, 3)",
-                             (esn(serial), suid(serial), number, availability, now - 60, now - 100000))
-
-
-def wait_for(condition, what):
-    deadline = time.monotonic() + PATIENCE
-    while not condition():
-        check(time.monotonic() < deadline, f"waited in vain for {what}")
-        time.sleep(0.02)
+                             (esn(serial), suid(serial), wire.address_number(address), availability, now - 60,
+                              now - 100000))
 
 
 def open_radio(host):
@@ -176,23 +139,12 @@ def open_radio(host):
     return radio
 
 
-def receive(connection, size):
-    received = b""
-    while len(received) < size:
-        piece = connection.recv(size - len(received))
-        check(piece, "the server has closed the connection")
-        received += piece
-    return received
-
-
 def run(program, folder):
-    server = Server(program, folder)
+    server = SearchingServer(program, folder)
     try:
         # A first run makes the database; what it is to find at the next start is then put in.
-        server.folder.mkdir(parents=True)
-        (server.folder / "qmr.cfg").write_text("minimumDiscoveryPeriod=0\n", encoding="utf-8")
         server.start()
-        server.stop()
+        server.kill()
         now = int(time.time())
         server.store(1, REGISTERED, LOST[1], now)
         server.store(2, UNREACHABLE, SILENT[1], now)
@@ -201,14 +153,14 @@ def run(program, folder):
             server.start()
             story(server, lost, silent, now)
     finally:
-        server.stop()
+        server.kill()
 
 
 def story(server, lost, silent, now):
     # Both requests leave at once, each to its radio's own address and to the registration port.
     for radio, serial in ((lost, 1), (silent, 2)):
         request, sender = radio.recvfrom(2048)
-        check(request == datagram(serial, 4), f"not a discovery request: {request.hex()}")
+        check(request == wire.datagram(esn(serial), DISCOVERY), f"not a discovery request: {request.hex()}")
         check(sender == (SERVER_ADDRESS, PORT), f"request from {sender}")
     wait_for(lambda: [row[2] for row in server.rows()] == [1, 1], "both attempts to be stored")
     check([row[1] for row in server.rows()] == [UNCONFIRMED, UNREACHABLE], f"rows {server.rows()}")
@@ -220,15 +172,15 @@ def story(server, lost, silent, now):
         application.settimeout(PATIENCE)
         application.connect((SERVER_ADDRESS, PORT))
         snapshot = notice(1, LOST[1], UNCONFIRMED) + notice(2, SILENT[1], UNREACHABLE)
-        received = receive(application, len(snapshot))
+        received = wire.receive_exactly(application, len(snapshot))
         check(received == snapshot, f"snapshot {received.hex()}")
 
         # One answers as radios do, by registering again; it is then no longer searched for.
-        lost.sendto(datagram(1, 5, suid(1) + b"\x00\x00"), (SERVER_ADDRESS, PORT))
+        lost.sendto(wire.registration(esn(1), suid(1)), (SERVER_ADDRESS, PORT))
         acknowledgement = lost.recv(2048)
-        check(acknowledgement == datagram(1, 2, b"\x00"), f"acknowledgement {acknowledgement.hex()}")
+        check(acknowledgement == wire.acknowledgement(esn(1)), f"acknowledgement {acknowledgement.hex()}")
         announced = notice(1, LOST[1], REGISTERED)
-        received = receive(application, len(announced))
+        received = wire.receive_exactly(application, len(announced))
         check(received == announced, f"notice {received.hex()}")
 
     answered, unanswered = server.rows()
