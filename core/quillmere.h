@@ -18,6 +18,7 @@
 #include <list>
 #include <map>
 #include <memory>
+#include <optional>
 #include <set>
 
 class QTcpSocket;
@@ -182,7 +183,7 @@ private:
     void writeFailed(WriteStep step) const;
     void groupStored();
     void eventOwedWritesDue();
-    void retryOwedWrites(qint64 milliseconds);
+    bool retryOwedWrites(qint64 milliseconds);
 
     QSqlDatabase database;
     std::unique_ptr<WriteGroup> writes; // while the database is open
@@ -195,6 +196,8 @@ private:
     QDateTime lastDiscoveryRun = QDateTime::fromSecsSinceEpoch(0, Qt::UTC);
     QTimer timeoutCheckTimer;
     QTimer owedWritesTimer;
+    std::optional<Esn> lastRetried;
+    bool sendingHeldBack = false;
     std::unique_ptr<QSettings> settings;
     std::unique_ptr<ApplicationManager> applicationManager;
     std::unique_ptr<RegistrationManager> registrationManager;

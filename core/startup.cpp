@@ -122,7 +122,9 @@ void Quillmere::start()
     keepJournal();
     writes = std::make_unique<WriteGroup>(
         Sqlite::handle(database), [this](WriteStep step) { writeFailed(step); }, [this] { groupStored(); });
+    writes->setLockPatience(Sqlite::StartPatience);
     loadRadioTable();
+    writes->setLockPatience(WriteGroup::LockPatience);
 
     // The settings object of an earlier start still holds what it read then.
     settings->sync();
@@ -152,6 +154,7 @@ void Quillmere::stop()
 {
     if (writes) {
         commitWrites();
+        lastRetried.reset();
         retryOwedWrites(std::numeric_limits<qint64>::max());
     }
     timeoutCheckTimer.stop();

@@ -34,12 +34,18 @@ bool Quillmere::holdsBack() const
 
 void Quillmere::groupStored()
 {
+    // An application that turns out to be gone in the middle of it commits too, as each of its events does.
+    if (sendingHeldBack) {
+        return;
+    }
+    sendingHeldBack = true;
     if (applicationManager) {
         applicationManager->sendHeldBack();
     }
     if (registrationManager) {
         registrationManager->sendHeldBack();
     }
+    sendingHeldBack = false;
     if (!writes->owed().isEmpty() && !owedWritesTimer.isActive()) {
         owedWritesTimer.start(OwedWritesPause);
     }
@@ -47,25 +53,34 @@ void Quillmere::groupStored()
 
 void Quillmere::eventOwedWritesDue()
 {
-    retryOwedWrites(OwedWritesRound);
+    const bool wholeRound = retryOwedWrites(OwedWritesRound);
     if (!writes->owed().isEmpty()) {
-        owedWritesTimer.start(writes->isRetryBlocked() ? OwedWritesPause : 0);
+        owedWritesTimer.start(wholeRound || writes->isLockedOut() ? OwedWritesPause : 0);
     }
 }
 
-void Quillmere::retryOwedWrites(qint64 milliseconds)
+// Goes on behind the radio with which the last round ended. True: all that can be tried now has been.
+bool Quillmere::retryOwedWrites(qint64 milliseconds)
 {
     const WriteTurn turn(writes.get());
     QElapsedTimer spent;
     spent.start();
-    bool goesOn = true;
-    for (auto esn = writes->owed().first(); esn && goesOn; esn = writes->owed().after(*esn)) {
+    auto esn = lastRetried ? writes->owed().after(*lastRetried) : writes->owed().first();
+    for (; esn; esn = writes->owed().after(*esn)) {
         const RadioPointer radio = findRadio(*esn);
         const bool isStored = radio && !radio->address.isNull();
-        writes->retry(isStored ? RowWrite::Update : RowWrite::Delete,
-                      isStored ? SubscriberRow(*radio) : SubscriberRow(*esn));
-        goesOn = !writes->isRetryBlocked() && !spent.hasExpired(milliseconds);
+        // A lock is in the way of all of them; a full disk may be in the way of one.
+        if (!writes->retry(isStored ? RowWrite::Update : RowWrite::Delete,
+                           isStored ? SubscriberRow(*radio) : SubscriberRow(*esn))) {
+            return true;
+        }
+        if (spent.hasExpired(milliseconds)) {
+            lastRetried = esn;
+            return false;
+        }
     }
+    lastRetried.reset();
+    return true;
 }
 
 } // namespace QMR

@@ -60,6 +60,11 @@ bool isPassing(int resultCode)
     }
 }
 
+bool isRefusal(int resultCode)
+{
+    return primary(resultCode) == SQLITE_CONSTRAINT;
+}
+
 void whileLocked(const QDeadlineTimer &deadline, const std::function<bool()> &attempt)
 {
     auto pause = FirstPause;

@@ -25,6 +25,9 @@ bool isLock(int resultCode);
 // faulty file. What the database refuses for its content is none of these.
 bool isPassing(int resultCode);
 
+// The database refuses what is to be written for its content.
+bool isRefusal(int resultCode);
+
 // How long a start waits for somebody else's lock: nothing is served yet.
 constexpr std::chrono::seconds StartPatience(60);
 

@@ -18,8 +18,6 @@ namespace {
 constexpr int MaximumTurns = 256;
 constexpr int MaximumAge = 20; // ms
 
-// Somebody else's lock holds up the event loop no longer than this, however many writes meet it in a group.
-constexpr qint64 LockPatience = 250;   // ms
 constexpr unsigned long LockPause = 2; // ms
 
 } // namespace
@@ -57,66 +55,81 @@ void WriteGroup::write(RowWrite write)
     end();
 }
 
-void WriteGroup::retry(RowWrite::Kind kind, SubscriberRow row)
+bool WriteGroup::retry(RowWrite::Kind kind, SubscriberRow row)
 {
-    retryBlocked = false;
+    lockMet = false;
     write({kind, std::move(row), true});
+    return !lockMet;
 }
 
 void WriteGroup::commit()
 {
-    if (transactionOpen) {
-        if (statements.commit.run()) {
-            for (const RowWrite &write : written) {
-                succeed(write);
-            }
-            written.clear();
-        } else {
-            const int resultCode = lastResult();
-            rollBack();
-            if (written.size() == 1) {
-                fail(written.front(), lastStep(written.front().kind), resultCode);
-                written.clear();
-            } else {
-                writeAgain();
-            }
-        }
-        transactionOpen = false;
-    }
+    commitTransaction();
     end();
+}
+
+void WriteGroup::commitTransaction()
+{
+    if (!transactionOpen) {
+        return;
+    }
+    transactionOpen = false;
+    if (statements.commit.run()) {
+        lockOutlasted = false;
+        for (const RowWrite &write : written) {
+            succeed(write);
+        }
+        written.clear();
+        return;
+    }
+    const int resultCode = lastResult();
+    rollBack();
+    if (written.size() == 1) {
+        fail(written.front(), lastStep(written.front().kind), resultCode);
+        written.clear();
+    } else {
+        writeAgain();
+    }
 }
 
 void WriteGroup::end()
 {
     dueTimer.stop();
     turnsTaken = 0;
-    lockWait.invalidate();
+    lockWaited = {};
     reportStored();
 }
 
 void WriteGroup::join(RowWrite write)
 {
     if (!transactionOpen) {
-        transactionOpen = statements.begin.run();
+        transactionOpen = begin();
         if (!transactionOpen) {
             fail(write, firstStep(write.kind), lastResult());
             return;
         }
     }
-    if (const auto failedStep = writeInSavepoint(write)) {
-        // Taken before the roll-back, which has a result of its own.
-        const int resultCode = lastResult();
-        if (!isLost()) {
-            statements.rollbackToSavepoint.run();
-            statements.release.run();
-        }
-        fail(write, *failedStep, resultCode);
-        if (isLost()) {
-            writeAgain();
-        }
-    } else {
+    const auto failedStep = writeInSavepoint(write);
+    if (!failedStep) {
         written.push_back(std::move(write));
+        return;
     }
+    // Taken before the roll-back, which has a result of its own.
+    const int resultCode = lastResult();
+    if (isLost()) {
+        written.push_back(std::move(write));
+        writeAgain();
+        return;
+    }
+    statements.rollbackToSavepoint.run();
+    statements.release.run();
+    if (Sqlite::isPassing(resultCode) && !Sqlite::isLock(resultCode)) {
+        // By itself it may need less of what the group has used up: room for the journal, memory.
+        commitTransaction();
+        writeAlone(write);
+        return;
+    }
+    fail(write, *failedStep, resultCode);
 }
 
 std::optional<WriteStep> WriteGroup::writeInSavepoint(const RowWrite &write)
@@ -133,7 +146,7 @@ std::optional<WriteStep> WriteGroup::writeInSavepoint(const RowWrite &write)
 void WriteGroup::writeAlone(const RowWrite &write)
 {
     std::optional<WriteStep> failedStep;
-    if (!statements.begin.run()) {
+    if (!begin()) {
         failedStep = firstStep(write.kind);
     } else {
         failedStep = writer.write(write, owedWrites.of(write.row.esn));
@@ -147,15 +160,23 @@ void WriteGroup::writeAlone(const RowWrite &write)
         fail(write, *failedStep, resultCode);
         return;
     }
+    lockOutlasted = false;
     succeed(write);
 }
 
-// The transaction is lost with all that went well in it: each write is now tried by itself.
+// The transaction is lost with all that went well in it: each write is now tried by itself. A lock that one
+// has met is in the way of all.
 void WriteGroup::writeAgain()
 {
     transactionOpen = false;
+    bool locked = false;
     for (const RowWrite &write : std::exchange(written, {})) {
-        writeAlone(write);
+        if (locked) {
+            fail(write, lastStep(write.kind), SQLITE_BUSY);
+        } else {
+            writeAlone(write);
+            locked = lockOutlasted;
+        }
     }
 }
 
@@ -164,26 +185,33 @@ void WriteGroup::succeed(const RowWrite &write)
     if (write.isLatest) {
         owedWrites.settle(write.row.esn);
     }
-    lockOutlasted = false;
 }
 
 void WriteGroup::fail(const RowWrite &write, WriteStep step, int resultCode)
 {
     if (Sqlite::isLock(resultCode)) {
         lockOutlasted = true;
+        lockMet = true;
     }
     if (Sqlite::isPassing(resultCode)) {
         owedWrites.owe(write.row.esn, write.kind);
         for (RowWrite &earlier : written) {
             earlier.isLatest = earlier.isLatest && earlier.row.esn != write.row.esn;
         }
-        retryBlocked = true;
-    } else {
+    } else if (resultCode == SQLITE_OK || (write.isRetry && Sqlite::isRefusal(resultCode))) {
+        // There is no row to change, or it is not wanted. Any other failure leaves an older debt as it is.
         owedWrites.settle(write.row.esn);
     }
     if (!write.isRetry) {
         reportFailure(step);
     }
+}
+
+// A transaction that could not be ended, for want of memory say, would keep every later one from beginning.
+bool WriteGroup::begin()
+{
+    rollBack();
+    return statements.begin.run();
 }
 
 int WriteGroup::lastResult() const
@@ -214,13 +242,13 @@ void WriteGroup::stayOpen()
 int WriteGroup::waitForLock(void *group, int)
 {
     auto &self = *static_cast<WriteGroup *>(group);
-    if (!self.lockWait.isValid()) {
-        self.lockWait.start();
-    }
-    if (self.lockOutlasted || self.lockWait.hasExpired(LockPatience)) {
+    if (self.lockOutlasted || self.lockWaited >= self.lockPatience) {
         return 0;
     }
+    QElapsedTimer pause;
+    pause.start();
     QThread::msleep(LockPause);
+    self.lockWaited += std::chrono::nanoseconds(pause.nsecsElapsed());
     return 1;
 }
 

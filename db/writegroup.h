@@ -10,6 +10,7 @@
 #include <QElapsedTimer>
 #include <QTimer>
 
+#include <chrono>
 #include <functional>
 #include <vector>
 
@@ -30,10 +31,15 @@ public:
     // Inside a turn the write joins the group; otherwise it is stored, or has failed, on return.
     void write(RowWrite write);
 
-    // Tries an owed write again, without a record.
-    void retry(RowWrite::Kind kind, SubscriberRow row);
-    // Whether a cause that has not passed is in the way of the last retry, and so of the others.
-    bool isRetryBlocked() const { return retryBlocked; }
+    // Tries an owed write again, without a record. False: somebody else's lock is in its way, and in that of any
+    // other.
+    bool retry(RowWrite::Kind kind, SubscriberRow row);
+    // Whether somebody else's lock has outlasted the patience, and nothing has been committed since.
+    bool isLockedOut() const { return lockOutlasted; }
+
+    // How long the writes of one group, all together, wait for somebody else's lock.
+    void setLockPatience(std::chrono::milliseconds patience) { lockPatience = patience; }
+    static constexpr std::chrono::milliseconds LockPatience{250};
 
     // Ends the group. A group that is not open is ended too.
     void commit();
@@ -51,6 +57,7 @@ private:
     void writeAlone(const RowWrite &write);
     std::optional<WriteStep> writeInSavepoint(const RowWrite &write);
     void writeAgain();
+    void commitTransaction();
     void end();
     void succeed(const RowWrite &write);
     void fail(const RowWrite &write, WriteStep step, int resultCode);
@@ -59,6 +66,7 @@ private:
 
     int lastResult() const;
     bool isLost() const;
+    bool begin();
     void rollBack();
     static int waitForLock(void *group, int tries);
 
@@ -71,14 +79,15 @@ private:
 
     std::vector<RowWrite> written; // in the open transaction, in order
     bool transactionOpen = false;
-    bool retryBlocked = false;
     int turnDepth = 0;
     int turnsTaken = 0;      // in this group
     QElapsedTimer openSince; // the group's first turn
     QTimer dueTimer;         // runs while the group is kept open: what it is kept for may never come
 
-    QElapsedTimer lockWait; // of the group, while it is valid
+    std::chrono::milliseconds lockPatience = LockPatience;
+    std::chrono::nanoseconds lockWaited{}; // in this group
     bool lockOutlasted = false;
+    bool lockMet = false; // by the last retry
 };
 
 // Keeps a group open for its lifetime; turns nest. The end of the outermost one commits.

@@ -91,7 +91,8 @@ bool writeAll(int descriptor, QByteArray bytes)
 }
 
 // The file that records are appended to, kept open for as long as its path leads to it: it may be renamed or
-// removed at any time, and is then made anew.
+// removed at any time, and is then made anew. What is no file is opened for each record: a pipe that is kept
+// and has lost its reader would end the process with a signal.
 class RecordFile
 {
 public:
@@ -105,8 +106,9 @@ private:
     bool isOpen(const QByteArray &wantedPath)
     {
         struct stat found = {};
-        if (descriptor >= 0 && path == wantedPath && ::stat(path.constData(), &found) == 0 &&
-            found.st_dev == opened.st_dev && found.st_ino == opened.st_ino) {
+        if (descriptor >= 0 && S_ISREG(opened.st_mode) && path == wantedPath &&
+            ::stat(path.constData(), &found) == 0 && found.st_dev == opened.st_dev &&
+            found.st_ino == opened.st_ino) {
             return true;
         }
         if (descriptor >= 0) {

@@ -302,6 +302,128 @@ private slots:
         QCOMPARE(server.query(u"PRAGMA integrity_check"_s), (QList<QVariantList>{{u"ok"_s}}));
     }
 
+    void fullDiskHoldsUpOnlyWhatNeedsRoom()
+    {
+        TestServer server;
+        server.startWithoutDiscovery();
+        registers(server, First, 1);
+        registers(server, Second, 1);
+        limitPages(server, 0);
+        server->findRadio(First)->supportedServices = QMR::ServiceList(5000, 3);
+        server->updateSubscriber(*server->findRadio(First));
+        {
+            const Lock lock(server, u"IMMEDIATE"_s);
+            server->deregisterRadio(Second, QHostAddress(u"127.0.0.3"_s));
+        }
+        QTRY_COMPARE(rows(server), QStringList{u"01 state 3 at 2 [1]"_s});
+        QCOMPARE(server->writeGroup()->owed().of(First), QMR::OwedWrites::Debt::Change);
+        limitPages(server, 1000000);
+    }
+
+    void groupNeedsNoMoreRoomThanItsWritesOneByOne()
+    {
+        constexpr int Count = 400;
+        QList<qsizetype> stored;
+        for (const bool grouped : {false, true}) {
+            TestServer server;
+            server.startWithoutDiscovery();
+            limitPages(server, 0);
+            {
+                const QMR::WriteTurn turn(grouped ? server->writeGroup() : nullptr);
+                QMR::RadioEntry radio;
+                for (int i = 0; i < Count; ++i) {
+                    radio.esn = esnOf(i);
+                    server->insertSubscriber(radio);
+                }
+            }
+            stored.append(rows(server).size());
+            QCOMPARE(errors(server).size(), Count - stored.last());
+        }
+        QVERIFY(stored[0] < Count);
+        QCOMPARE(stored[1], stored[0]);
+    }
+
+    void transactionLeftOpenIsRolledBack()
+    {
+        TestServer server;
+        server.startWithoutDiscovery();
+        runSql(QSqlDatabase::database(), u"BEGIN IMMEDIATE"_s);
+        registers(server, First, 1);
+        runSql(QSqlDatabase::database(), u"BEGIN IMMEDIATE"_s);
+        server->setAvailability(server->findRadio(First), QMR::Unconfirmed);
+        QCOMPARE(errors(server), QStringList());
+        QCOMPARE(rows(server), QStringList{u"01 state 2 at 2 [1]"_s});
+    }
+
+    void laterRefusalLeavesAnOlderDebt()
+    {
+        TestServer server;
+        server.startWithoutDiscovery();
+        {
+            const Lock lock(server, u"IMMEDIATE"_s);
+            registers(server, First, 1);
+        }
+        server.query(u"ALTER TABLE supported_services RENAME TO gone"_s);
+        server->setAvailability(server->findRadio(First), QMR::Unconfirmed);
+        server.query(u"ALTER TABLE gone RENAME TO supported_services"_s);
+        QTRY_COMPARE(rows(server), QStringList{u"01 state 2 at 2 [1]"_s});
+        QVERIFY(server->writeGroup()->owed().isEmpty());
+    }
+
+    void retryThatIsRefusedIsTheLast()
+    {
+        TestServer server;
+        server.startWithoutDiscovery();
+        registers(server, First, 1);
+        {
+            const Lock lock(server, u"IMMEDIATE"_s);
+            registers(server, First, 2);
+        }
+        server.query(
+            u"CREATE TRIGGER stop BEFORE UPDATE ON subscribers BEGIN SELECT RAISE(ABORT, 'no'); END"_s);
+        server.log.take();
+        QTRY_VERIFY(server->writeGroup()->owed().isEmpty());
+        QCOMPARE(server.log.take(), QList<LogRecord>());
+        QCOMPARE(rows(server), QStringList{u"01 state 3 at 2 [1]"_s});
+    }
+
+    void lockIsWaitedForAgainOnceACommitHasSucceeded()
+    {
+        TestServer server;
+        server.startWithoutDiscovery();
+        registers(server, First, 1);
+        registers(server, Second, 1);
+        {
+            const Lock lock(server, u"IMMEDIATE"_s);
+            registers(server, First, 2);
+        }
+        QVERIFY(server->writeGroup()->isLockedOut());
+        server.query(u"DELETE FROM subscribers WHERE esn = x'0000000000000001'"_s);
+        // Nothing is written by a retry that finds no row; its transaction is committed all the same.
+        QTRY_VERIFY(server->writeGroup()->owed().isEmpty());
+        QVERIFY(!server->writeGroup()->isLockedOut());
+    }
+
+    void lockThatLosesAGroupIsMetOnce()
+    {
+        TestServer server;
+        server.startWithoutDiscovery();
+        constexpr int Count = 50;
+        const Lock lock(server, u"SHARED"_s);
+        QMR::RadioEntry radio;
+        StatementTrace trace;
+        {
+            const QMR::WriteTurn turn(server->writeGroup());
+            for (int i = 0; i < Count; ++i) {
+                radio.esn = esnOf(i);
+                server->insertSubscriber(radio);
+            }
+        }
+        // The group's, and that of the first write by itself.
+        QCOMPARE(trace.take().count(u"COMMIT"_s), 2);
+        QCOMPARE(errors(server), QStringList(Count, u"Database insert error (3)"_s));
+    }
+
     void readOnlyFileIsWrittenOnceItMay()
     {
         TestServer server;

@@ -115,13 +115,14 @@ private slots:
         StatementTrace trace;
         server->start();
         const QStringList statements = trace.take();
-        QCOMPARE(statements.mid(0, 9),
+        QCOMPARE(statements.mid(0, 10),
                  (QStringList{u"PRAGMA foreign_keys = ON"_s, u"PRAGMA synchronous = EXTRA"_s, u"BEGIN"_s,
-                              u"SELECT database_version FROM config"_s, u"COMMIT"_s, u"PRAGMA journal_mode"_s,
+                              u"SELECT database_version FROM config"_s, u"COMMIT"_s,
+                              u"PRAGMA synchronous = EXTRA"_s, u"PRAGMA journal_mode"_s,
                               u"PRAGMA journal_mode = PERSIST"_s, u"PRAGMA journal_size_limit = 4194304"_s,
                               u"PRAGMA cache_size = -65536"_s}));
-        QVERIFY(statements.value(9).startsWith(u"SELECT subscribers.esn"_s));
-        QCOMPARE(statements.value(10), u"BEGIN IMMEDIATE"_s);
+        QVERIFY(statements.value(10).startsWith(u"SELECT subscribers.esn"_s));
+        QCOMPARE(statements.value(11), u"BEGIN IMMEDIATE"_s);
         QCOMPARE(statements.last(), u"COMMIT"_s);
     }
 

@@ -2,7 +2,8 @@
 // SPDX-License-Identifier: MIT
 
 #include "db/writegroup.h"
-#include "tests/support/registrationscene.h"
+#include "tests/support/connections.h"
+#include "tests/support/scriptedapplication.h"
 #include "tests/support/scriptedradio.h"
 #include "tests/support/serverdatabase.h"
 #include "tests/support/testserver.h"
@@ -269,6 +270,46 @@ private slots:
         expected.insert(4, error(u"Database write error"_s));
         QCOMPARE(burst.server.log.take(), expected);
         QCOMPARE(burst.stored(), (QList<int>{1, 2, 4, 5}));
+    }
+
+    void recordsOfALostGroupComeInTheOrderOfItsWrites()
+    {
+        Burst burst(3);
+        burst.registers();
+        QVERIFY(burst.allAreServed());
+        burst.server.query(raise(u"UPDATE"_s, u"ROLLBACK"_s, 3));
+        const CommitHook hook(1000);
+        burst.server.log.take();
+        {
+            const QMR::WriteTurn turn(burst.server->writeGroup());
+            burst.server->deregisterRadio(burst.radios[0]->esn, burst.radios[0]->address());
+            burst.server->setAvailability(burst.server->findRadio(burst.radios[2]->esn), QMR::Unconfirmed);
+        }
+        QCOMPARE(burst.server.log.takeMessages().mid(1),
+                 (QStringList{u"Database delete error"_s, u"Database write error"_s}));
+    }
+
+    void applicationThatIsGoneDoesNotLetAcknowledgementsOvertakeNotices()
+    {
+        Burst burst(2);
+        std::vector<std::unique_ptr<ScriptedApplication>> others;
+        for (int i = 0; i < 8; ++i) {
+            others.push_back(std::make_unique<ScriptedApplication>(burst.server.applicationPort()));
+        }
+        (void)burst.server.log.takeOnce(8);
+        for (const auto &application : others) {
+            reset(application->connection());
+        }
+        bool overtaken = false;
+        burst.server.log.whenWritten([&](const LogRecord &) {
+            for (const auto &radio : burst.radios) {
+                overtaken = overtaken || radio->hasReceived();
+            }
+        });
+        inOneTurn(burst, 1); // before the server has looked at the connections
+        burst.server.log.whenWritten({});
+        QVERIFY(!overtaken);
+        QVERIFY(burst.allAreServed());
     }
 
     void refusedCommitIsDoneOneByOne()

@@ -387,9 +387,8 @@ void ModelScenario::retryExpires()
 
 void ModelScenario::restarts()
 {
-    // A start waits for the lock.
-    if (model.locked && below(10) > 0) {
-        isUnlocked();
+    if (model.locked) {
+        isUnlocked(); // a start waits for it
     }
     if (comparison->hasApplication()) {
         announcesMarker(); // what the application has not been sent by now, it never gets

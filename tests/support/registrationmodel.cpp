@@ -291,10 +291,7 @@ void RegistrationModel::deadlineExpires()
 
 void RegistrationModel::restarts()
 {
-    if (!locked) {
-        settlesWhatIsOwed();
-    }
-    owed.clear();
+    settlesWhatIsOwed();
     table.clear();
     lastRequest = 0;
     discoveryTimer.reset();

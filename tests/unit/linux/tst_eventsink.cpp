@@ -12,7 +12,9 @@
 #include <QTemporaryDir>
 #include <QTest>
 
+#include <fcntl.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <thread>
 #include <vector>
@@ -32,6 +34,8 @@ private slots:
     void writersDoNotMixTheirLines();
     void unwritableSinkLosesTheRecord_data();
     void unwritableSinkLosesTheRecord();
+    void fileThatIsRenamedIsMadeAnew();
+    void pipeMayLoseItsReader();
 
 private:
     static EventRecord record(const QString &message)
@@ -177,6 +181,40 @@ void TestEventSink::unwritableSinkLosesTheRecord()
     }
     qputenv("QUILLMERE_EVENTLOG", QFile::encodeName(sink));
     QVERIFY(!writeEvent(record(u"text"_s)));
+    qunsetenv("QUILLMERE_EVENTLOG");
+}
+
+void TestEventSink::fileThatIsRenamedIsMadeAnew()
+{
+    const QTemporaryDir folder;
+    const QString path = folder.filePath(u"log"_s);
+    const QString rotated = folder.filePath(u"log.1"_s);
+    qputenv("QUILLMERE_EVENTLOG", QFile::encodeName(path));
+    QVERIFY(writeEvent(record(u"one"_s)));
+    QVERIFY(QFile::rename(path, rotated));
+    QVERIFY(writeEvent(record(u"two"_s)));
+    QCOMPARE(content(rotated), jsonLine(record(u"one"_s)));
+    QCOMPARE(content(path), jsonLine(record(u"two"_s)));
+    QVERIFY(QFile::remove(path));
+    QVERIFY(writeEvent(record(u"three"_s)));
+    QCOMPARE(content(path), jsonLine(record(u"three"_s)));
+    qunsetenv("QUILLMERE_EVENTLOG");
+}
+
+void TestEventSink::pipeMayLoseItsReader()
+{
+    const QTemporaryDir folder;
+    const QByteArray path = QFile::encodeName(folder.filePath(u"pipe"_s));
+    QCOMPARE(::mkfifo(path.constData(), 0600), 0);
+    qputenv("QUILLMERE_EVENTLOG", path);
+    const auto openReader = [&path] { return ::open(path.constData(), O_RDONLY | O_NONBLOCK | O_CLOEXEC); };
+    int reader = openReader();
+    QVERIFY(writeEvent(record(u"one"_s)));
+    ::close(reader);
+    QVERIFY(!writeEvent(record(u"two"_s)));
+    reader = openReader();
+    QVERIFY(writeEvent(record(u"three"_s)));
+    ::close(reader);
     qunsetenv("QUILLMERE_EVENTLOG");
 }
 
