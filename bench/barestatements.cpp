@@ -3,18 +3,15 @@
 
 #include "bench/barestatements.h"
 
-#include <QFile>
+#include "bench/fail.h"
 
 #include <sqlite3.h>
 
-#include <cstdio>
-#include <cstdlib>
-
 namespace {
 
-enum Statement { Begin, Commit, InsertSubscriber, SelectId, InsertService, Update, DeleteServices, Delete };
+enum Statement { Begin, Commit, InsertSubscriber, SelectId, InsertService, Update, DeleteServices };
 
-constexpr std::array<const char *, 8> Texts = {
+constexpr std::array<const char *, 7> Texts = {
     "BEGIN",
     "COMMIT",
     "INSERT INTO subscribers (esn, suid, ip_address, availability, last_contact_time, "
@@ -25,10 +22,8 @@ constexpr std::array<const char *, 8> Texts = {
     "UPDATE subscribers SET suid=?2, ip_address=?3, availability=?4, last_contact_time=?5, "
     "num_discovery_attempts=0, last_discovery_attempt=0, protocol_version=3 WHERE id=?1",
     "DELETE FROM supported_services WHERE subscriber_id=?1",
-    "DELETE FROM subscribers WHERE esn=?1",
 };
 
-constexpr std::array<uint8_t, 7> Suid = {0x12, 0x34, 0x56, 0x78, 0x9A, 0xBC, 0xDE};
 constexpr int Registered = 3;
 
 template<size_t Size>
@@ -39,17 +34,18 @@ void bindBlob(sqlite3_stmt *statement, int parameter, const std::array<uint8_t, 
 
 [[noreturn]] void fail(sqlite3 *database)
 {
-    std::fprintf(stderr, "SQLite: %s\n", sqlite3_errmsg(database));
-    std::exit(1);
+    fail(QStringLiteral("SQLite: ") + QString::fromUtf8(sqlite3_errmsg(database)));
 }
 
 } // namespace
 
-BareStatements::BareStatements(const QString &file)
+BareStatements::BareStatements(const QString &file, Journal journal)
 {
     if (sqlite3_open(file.toUtf8().constData(), &database) != SQLITE_OK) {
         fail(database);
     }
+    run(journal == Journal::WriteAhead ? "PRAGMA journal_mode = WAL" : "PRAGMA journal_mode = DELETE");
+    run("PRAGMA synchronous = FULL");
     run("PRAGMA foreign_keys = ON");
     run("CREATE TABLE IF NOT EXISTS subscribers (id INTEGER PRIMARY KEY, esn BLOB UNIQUE NOT NULL, "
         "suid BLOB NOT NULL, ip_address INTEGER NOT NULL, availability INTEGER NOT NULL, "
@@ -119,7 +115,7 @@ int64_t BareStatements::selectId(const std::array<uint8_t, 8> &esn)
 
 void BareStatements::insertServices(int64_t id)
 {
-    for (const int service : {1, 3}) {
+    for (const int service : Services) {
         sqlite3_bind_int64(statements[InsertService], 1, id);
         sqlite3_bind_int(statements[InsertService], 2, service);
         step(statements[InsertService]);
@@ -143,25 +139,17 @@ void BareStatements::fill(uint32_t count, int64_t time)
     run("COMMIT");
 }
 
-void BareStatements::insert(uint32_t radio, int64_t time)
+void BareStatements::update(std::span<const uint32_t> radios, int64_t time)
 {
-    const auto bytes = esn(radio);
     step(statements[Begin]);
-    sqlite3_stmt *statement = statements[InsertSubscriber];
-    bindBlob(statement, 1, bytes);
-    bindBlob(statement, 2, Suid);
-    sqlite3_bind_int64(statement, 3, address(radio));
-    sqlite3_bind_int(statement, 4, 0);
-    sqlite3_bind_int64(statement, 5, 0);
-    step(statement);
-    insertServices(selectId(bytes));
+    for (const uint32_t radio : radios) {
+        update(radio, time);
+    }
     step(statements[Commit]);
-    update(radio, time);
 }
 
 void BareStatements::update(uint32_t radio, int64_t time)
 {
-    step(statements[Begin]);
     const int64_t id = selectId(esn(radio));
     sqlite3_stmt *statement = statements[Update];
     sqlite3_bind_int64(statement, 1, id);
@@ -173,12 +161,4 @@ void BareStatements::update(uint32_t radio, int64_t time)
     sqlite3_bind_int64(statements[DeleteServices], 1, id);
     step(statements[DeleteServices]);
     insertServices(id);
-    step(statements[Commit]);
-}
-
-void BareStatements::remove(uint32_t radio)
-{
-    const auto bytes = esn(radio);
-    sqlite3_bind_blob(statements[Delete], 1, bytes.data(), bytes.size(), SQLITE_STATIC);
-    step(statements[Delete]);
 }

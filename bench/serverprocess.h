@@ -1,0 +1,37 @@
+// SPDX-FileCopyrightText: 2026 The Quillmere developers
+// SPDX-License-Identifier: MIT
+
+#pragma once
+
+#include <QProcess>
+#include <QTemporaryDir>
+
+// The server in a process of its own, with a folder of its own that has its database, its settings and its
+// event log. Both go with the object. Any failure ends this process.
+class ServerProcess
+{
+public:
+    // place: the folder in which to make its own.
+    explicit ServerProcess(const QString &place);
+    ~ServerProcess();
+    Q_DISABLE_COPY_MOVE(ServerProcess)
+
+    // To be filled before the start.
+    QString database() const;
+    // Another file on the same file system.
+    QString file(const QString &name) const { return folder.filePath(name); }
+
+    // Returns when it serves; how many seconds that took.
+    double start();
+
+    quint16 port() const { return registrationPort; }
+    double processorMicroseconds() const; // so far
+    qint64 memory() const;                // bytes of it that are resident
+
+private:
+    bool hasStarted();
+
+    const QTemporaryDir folder;
+    quint16 registrationPort = 0;
+    QProcess process;
+};
