@@ -13,7 +13,7 @@ struct sqlite3;
 struct sqlite3_stmt;
 
 // The SQL of the server's writes, run through SQLite's own interface: what a registration costs the database
-// alone. Any failure ends the process.
+// alone. Any failure ends the run.
 class BareStatements
 {
 public:

@@ -18,6 +18,9 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <cstdio>
+#include <exception>
+
 using namespace Qt::StringLiterals;
 
 namespace {
@@ -43,17 +46,8 @@ void progress(const QString &text)
     std::fprintf(stderr, "Measuring %s\n", qPrintable(text));
 }
 
-} // namespace
-
-int main(int argc, char **argv)
+void measure(QStringList arguments)
 {
-    const QCoreApplication application(argc, argv);
-    QStringList arguments = QCoreApplication::arguments();
-    if (LockHolder::isAsked(arguments)) {
-        LockHolder::hold(arguments);
-        return 0;
-    }
-    arguments.removeFirst();
     const Plan plan = arguments.removeAll(u"--quick"_s) > 0 ? Plan::quick() : Plan();
     const QString disk = QDir(arguments.value(0, u"."_s)).absolutePath();
     const QString memory = u"/dev/shm"_s;
@@ -79,5 +73,23 @@ int main(int argc, char **argv)
     std::printf("Receive buffer that the system gives: %d KiB of %d (net.core.rmem_max)\n\n",
                 receiveBuffer() / 1024, WantedBuffer / 1024);
     table.print();
+}
+
+} // namespace
+
+int main(int argc, char **argv)
+{
+    const QCoreApplication application(argc, argv);
+    const QStringList arguments = QCoreApplication::arguments();
+    try {
+        if (LockHolder::isAsked(arguments)) {
+            LockHolder::hold(arguments);
+        } else {
+            measure(arguments.mid(1));
+        }
+    } catch (const std::exception &failure) {
+        std::fprintf(stderr, "%s\n", failure.what());
+        return 1;
+    }
     return 0;
 }

@@ -5,12 +5,10 @@
 
 #include <QString>
 
-#include <cstdio>
-#include <cstdlib>
+#include <stdexcept>
 
-// Something does not work: there is no table then, and the exit code tells.
+// Something does not work: the run ends with the text, and everything that it has made goes with it.
 [[noreturn]] inline void fail(const QString &text)
 {
-    std::fprintf(stderr, "%s\n", qPrintable(text));
-    std::exit(1);
+    throw std::runtime_error(text.toStdString());
 }

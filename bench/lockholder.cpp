@@ -9,6 +9,7 @@
 
 #include <sqlite3.h>
 
+#include <cstdio>
 #include <thread>
 
 using namespace Qt::StringLiterals;
@@ -34,9 +35,12 @@ LockHolder::LockHolder(const QString &database, std::chrono::milliseconds time)
     }
 }
 
-LockHolder::~LockHolder()
+void LockHolder::release()
 {
-    if (!process.waitForFinished(Patience) || process.exitCode() != 0) {
+    if (process.state() != QProcess::NotRunning && !process.waitForFinished(Patience)) {
+        fail(u"the database is still locked"_s);
+    }
+    if (process.exitStatus() != QProcess::NormalExit || process.exitCode() != 0) {
         fail(u"the database was not held locked"_s);
     }
 }

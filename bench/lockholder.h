@@ -13,8 +13,10 @@ class LockHolder
 public:
     // Returns when the database is locked.
     LockHolder(const QString &database, std::chrono::milliseconds time);
-    ~LockHolder();
     Q_DISABLE_COPY_MOVE(LockHolder)
+
+    // Returns when it is no longer locked.
+    void release();
 
     // In the other process.
     static bool isAsked(const QStringList &arguments);

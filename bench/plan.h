@@ -14,8 +14,8 @@
 // How long everything is measured.
 struct Plan
 {
-    int rounds = 9;
-    std::chrono::milliseconds round{600};
+    int rounds = 15;
+    std::chrono::milliseconds round{350};
     int bursts = 3; // of each size
     std::chrono::milliseconds lock{2000};
     std::vector<uint32_t> tableSizes{1000, 100'000, 1'000'000};

@@ -6,9 +6,8 @@
 #include "bench/barestatements.h"
 #include "bench/fail.h"
 
+#include <QCoreApplication>
 #include <QFile>
-
-#include <sched.h>
 
 #include <limits>
 
@@ -35,6 +34,7 @@ RadioLoad::RadioLoad(quint16 serverPort)
     if (const QString error = socket->open(BareStatements::FirstAddress, 1); !error.isNull()) {
         fail(error);
     }
+    wakeUp.start(Silence / 1'000'000);
 }
 
 RadioLoad::Result RadioLoad::keepUnderWay(RadioOrder &radios, uint32_t window, std::chrono::milliseconds time)
@@ -134,13 +134,14 @@ void RadioLoad::acknowledged(QByteArrayView datagram, uint32_t address)
 bool RadioLoad::awaitMore()
 {
     const uint32_t before = result.acknowledged;
+    socket->receive();
     while (result.lost() > 0 && result.acknowledged == before) {
-        socket->receive();
+        // Asleep: to look without a pause takes the processor from the server where there are few.
+        QCoreApplication::processEvents(QEventLoop::WaitForMoreEvents);
         const qint64 silent = clock.nsecsElapsed() - lastHeard;
         if (silent > Patience || (silent > Silence && dropped() - droppedBefore >= result.lost())) {
             break;
         }
-        ::sched_yield();
     }
     return result.acknowledged != before;
 }

@@ -7,13 +7,13 @@
 #include "tools/radio/fleetsocket.h"
 
 #include <QElapsedTimer>
+#include <QTimer>
 
 #include <chrono>
 #include <vector>
 
-// Radios that register with a server on loopback, each from the address that it is stored with. It looks for
-// acknowledgements without a pause: how long a process takes to wake up is no part of what the server needs.
-// Any failure ends the process; one socket, no thread.
+// Radios that register with a server on loopback, each from the address that it is stored with. Any failure
+// ends the run; one socket, no thread.
 class RadioLoad
 {
 public:
@@ -58,4 +58,5 @@ private:
     Result result;
     qint64 lastHeard = 0; // ns
     uint64_t droppedBefore = 0;
+    QTimer wakeUp; // a wait ends now and then, to see whether it is in vain
 };

@@ -82,7 +82,7 @@ double ServerProcess::start()
     return static_cast<double>(timer.nsecsElapsed()) / 1e9;
 }
 
-bool ServerProcess::hasStarted()
+bool ServerProcess::hasStarted() const
 {
     QFile records(file(u"events.json"_s));
     const QByteArray text = records.open(QIODevice::ReadOnly) ? records.readAll() : QByteArray();

@@ -7,7 +7,7 @@
 #include <QTemporaryDir>
 
 // The server in a process of its own, with a folder of its own that has its database, its settings and its
-// event log. Both go with the object. Any failure ends this process.
+// event log. Both go with the object. Any failure ends the run.
 class ServerProcess
 {
 public:
@@ -29,7 +29,7 @@ public:
     qint64 memory() const;                // bytes of it that are resident
 
 private:
-    bool hasStarted();
+    bool hasStarted() const;
 
     const QTemporaryDir folder;
     quint16 registrationPort = 0;
