@@ -31,8 +31,8 @@ public:
     // Inside a turn the write joins the group; otherwise it is stored, or has failed, on return.
     void write(RowWrite write);
 
-    // Tries an owed write again, without a record. False: somebody else's lock is in its way, and in that of any
-    // other.
+    // Tries an owed write again, without a record. False: somebody else's lock is in its way, and in that of
+    // any other.
     bool retry(RowWrite::Kind kind, SubscriberRow row);
     // Whether somebody else's lock has outlasted the patience, and nothing has been committed since.
     bool isLockedOut() const { return lockOutlasted; }
