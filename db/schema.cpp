@@ -4,6 +4,7 @@
 #include "core/quillmere.h"
 
 #include "db/sqlite.h"
+#include "service/platform.h"
 
 #include <QDeadlineTimer>
 #include <QFile>
@@ -183,7 +184,8 @@ bool Quillmere::checkDatabase(std::chrono::milliseconds patience)
 
 // A journal that is kept costs fewer waits for the disk than one that is made and removed for each commit,
 // and the end of a commit in it survives a power cut; that of its removal does not before the folder is
-// synced too. A file in write-ahead mode stays in it.
+// synced too. SQLite keeps it open where open files cannot be deleted, and other programs, which delete
+// theirs, could then not write. A file in write-ahead mode stays in it.
 void Quillmere::keepJournal()
 {
     const auto mode = [] {
@@ -191,7 +193,7 @@ void Quillmere::keepJournal()
         return query.exec(u"PRAGMA journal_mode"_s) && query.first() ? query.value(0).toString() : QString();
     };
     execute(u"PRAGMA synchronous = EXTRA"_s); // once more: a lock may have kept it from being set before
-    if (mode() != u"wal") {
+    if (Platform::canDeleteOpenFiles() && mode() != u"wal") {
         execute(u"PRAGMA journal_mode = PERSIST"_s);
         // One large transaction does not leave its size on the disk for good.
         execute(u"PRAGMA journal_size_limit = 4194304"_s);

@@ -35,6 +35,9 @@ void endEventLoopTurn();
 // be asked.
 std::optional<QString> commonDataFolder();
 
+// Whether a file can be deleted while another program has it open.
+bool canDeleteOpenFiles();
+
 // What stands between two folders in a path that is shown to people.
 QChar folderSeparator();
 

@@ -78,6 +78,11 @@ std::optional<QString> commonDataFolder()
     return QStandardPaths::writableLocation(QStandardPaths::GenericDataLocation);
 }
 
+bool canDeleteOpenFiles()
+{
+    return true;
+}
+
 QChar folderSeparator()
 {
     return u'/';

@@ -120,6 +120,11 @@ std::optional<QString> commonDataFolder(const Resolver &shell32)
     return QString::fromWCharArray(path.data());
 }
 
+bool canDeleteOpenFiles()
+{
+    return false;
+}
+
 QChar folderSeparator()
 {
     return u'\\';

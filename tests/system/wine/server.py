@@ -108,11 +108,11 @@ class Server:
     def records(self):
         return self.wine.records()[self._seen :]
 
-    def wait_for_record(self, text):
+    def wait_for_record(self, text, seconds=60):
         def found():
             return next((record for record in self.records() if text in record.text), None)
 
-        return self.wine.wait_for(found, f"a record with {text!r}")
+        return self.wine.wait_for(found, f"a record with {text!r}", seconds)
 
     def registry_value(self, key, name):
         """A value as reg.exe prints it, or None."""
@@ -161,7 +161,7 @@ class ForegroundRun:
     def records(self):
         return parse_records(self._log.read_text(encoding="utf-8", errors="replace"))
 
-    def wait_for_record(self, text):
+    def wait_for_record(self, text, seconds=60):
         def found():
             return next((record for record in self.records() if text in record.text), None)
 

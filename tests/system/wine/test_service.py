@@ -51,9 +51,9 @@ class ServiceTest(unittest.TestCase):
         self.server.forget_records()
         self.addCleanup(lambda: self.server.remove())
 
-    def assert_idle(self, *texts):
+    def assert_idle(self, *texts, seconds=60):
         """The service counts as running, but these are its only records; and it can still be stopped."""
-        self.server.wait_for_record(texts[-1])
+        self.server.wait_for_record(texts[-1], seconds)
         self.server.wait_for_state(RUNNING)
         self.assertEqual([record.text for record in self.server.records()], list(texts))
         self.assertEqual(self.server.run("-terminate"), (0, "", ""))
@@ -342,7 +342,9 @@ class Adversity(ServiceTest):
             self.assertEqual(self.server.status()["state"], START_PENDING)
             self.assertIn("is installed and running\n", self.server.run("-version").out)
             self.assert_idle(
-                "Unable to update database.  Replacing database...", "Database schema: unable to continue"
+                "Unable to update database.  Replacing database...",
+                "Database schema: unable to continue",
+                seconds=120,  # the start's own patience is 60 s
             )
             record = self.server.records()[1]
             self.assertEqual((record.type, record.id), ("success", 0))
