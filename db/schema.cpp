@@ -48,7 +48,7 @@ Outcome execute(const QString &statement)
 Outcome executeAll(std::initializer_list<QString> statements)
 {
     Outcome outcome = Outcome::Done;
-    for (auto it = statements.begin(); it != statements.end() && outcome == Outcome::Done; ++it) {
+    for (const auto *it = statements.begin(); it != statements.end() && outcome == Outcome::Done; ++it) {
         outcome = execute(*it);
     }
     return outcome;
