@@ -135,7 +135,7 @@ private slots:
         {
             const DatabaseLock lock(check.server.folder.databaseFile(), kind);
             StatementTrace trace;
-            QVERIFY(!check.run(50ms));
+            QVERIFY(!check.run(300ms));
             const QStringList statements = trace.take();
             QVERIFY(statements.count(u"BEGIN"_s) > 1);
             QCOMPARE(statements.count(u"ROLLBACK"_s), statements.count(u"BEGIN"_s));

@@ -183,7 +183,7 @@ private slots:
     {
         TestServer server;
         server.startWithoutDiscovery();
-        keepOpen(server);
+        QVERIFY(keepOpen(server));
         QVERIFY(server.query(u"SELECT * FROM subscribers"_s).isEmpty());
         QTRY_COMPARE(server.query(u"SELECT * FROM subscribers"_s).size(), 1);
     }
@@ -220,7 +220,7 @@ private slots:
         QFETCH(const Event, happens);
         const NoGroupFallsDue hold;
         Burst burst(0);
-        keepOpen(burst.server);
+        QVERIFY(keepOpen(burst.server));
         QVERIFY(burst.server.query(u"SELECT * FROM subscribers"_s).isEmpty());
         qsizetype rowsAtRecord = 1;
         burst.server.log.whenWritten([&](const LogRecord &) {
@@ -387,14 +387,24 @@ private slots:
     }
 
 private:
-    // A row with serial 1 that waits for its commit.
-    static void keepOpen(TestServer &server)
+    // A row with serial 1 that waits for its commit. A turn in which the machine paused is too old to be
+    // kept.
+    static bool keepOpen(TestServer &server)
     {
         QMR::RadioEntry radio;
         radio.esn.bytes[7] = 1;
-        QMR::WriteTurn turn(server->writeGroup(), QMR::WriteTurn::Continue);
-        server->insertSubscriber(radio);
-        turn.keepOpen();
+        for (int tries = 0; tries < 50; ++tries) {
+            {
+                QMR::WriteTurn turn(server->writeGroup(), QMR::WriteTurn::Continue);
+                server->insertSubscriber(radio);
+                turn.keepOpen();
+            }
+            if (server->writeGroup()->isOpen()) {
+                return true;
+            }
+            server.query(u"DELETE FROM subscribers"_s);
+        }
+        return false;
     }
 
     static void inOneTurn(Burst &burst, quint32 service)
