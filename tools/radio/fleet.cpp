@@ -180,8 +180,8 @@ void Fleet::sendRegistrations(qint64 now)
 // How many of those that are due can leave as the next batch.
 size_t Fleet::sendableRegistrations(quint64 due, quint64 allowed) const
 {
-    const quint64 most = std::min<quint64>({due - statistics.sent, allowed, batch.size(), members.size(),
-                                            quint64{settings.fleet.window} - underWay});
+    const auto most = std::min<quint64>({due - statistics.sent, allowed, batch.size(), members.size(),
+                                         quint64{settings.fleet.window} - underWay});
     size_t count = 0;
     while (count < most && !members[(statistics.sent + count) % members.size()].waiting) {
         ++count;
@@ -211,8 +211,8 @@ void Fleet::sendDeregistrations(qint64 now)
     if (deregisteringSince < 0) {
         deregisteringSince = now;
     }
-    const quint64 due = std::min<quint64>({pacing.dueBy(now - deregisteringSince), statistics.sent,
-                                           members.size(), statistics.deregistered + settings.fleet.window});
+    const auto due = std::min<quint64>({pacing.dueBy(now - deregisteringSince), statistics.sent,
+                                        members.size(), statistics.deregistered + settings.fleet.window});
     while (statistics.deregistered < due && !ended) {
         const size_t count = std::min<size_t>(due - statistics.deregistered, batch.size());
         for (; batched < count; ++batched) {
