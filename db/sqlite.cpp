@@ -28,6 +28,11 @@ int primary(int resultCode)
 
 } // namespace
 
+void keepNoAccounts()
+{
+    sqlite3_config(SQLITE_CONFIG_MEMSTATUS, 0);
+}
+
 sqlite3 *handle(const QSqlDatabase &database)
 {
     const QVariant handle = database.driver()->handle();

@@ -14,6 +14,10 @@ struct sqlite3;
 
 namespace QMR::Sqlite {
 
+// To be called before the first connection is opened: SQLite's account of its own memory, which nobody reads,
+// takes a lock at each allocation.
+void keepNoAccounts();
+
 // The connection's own handle; null while it is closed.
 sqlite3 *handle(const QSqlDatabase &database);
 
