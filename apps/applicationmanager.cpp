@@ -3,17 +3,19 @@
 
 #include "apps/applicationmanager.h"
 
+#include "apps/applicationconnection.h"
 #include "core/quillmere.h"
 #include "service/platform.h"
 
+#include <QDeadlineTimer>
 #include <QTcpSocket>
-#include <QTimer>
 
-#include <array>
+#include <algorithm>
+#include <chrono>
 #include <utility>
-#include <vector>
 
 using namespace Qt::StringLiterals;
+using namespace std::chrono_literals;
 
 namespace QMR {
 
@@ -21,30 +23,38 @@ namespace {
 
 constexpr auto EventId = static_cast<int>(0xC0000001);
 
-constexpr int ReadTimeout = 500; // ms, anew with each arrival
+// A turn of all applications together: radios, timers and a stop of the service wait no longer for it. A
+// registration that waits in the radios' queue waits for one turn for each that is before it.
+constexpr auto LongestTurn = 2ms;
+constexpr int MessagesATurn = 100; // of one application
 
 // An application that sends faster than its messages are taken is held back by TCP, not kept in memory.
-constexpr qint64 ReadBufferSize = 64LL * 1024;
+constexpr qint64 ReadBufferSize = 16LL * 1024;
 
-// An application that never reads costs no more memory than this.
+// Applications that never read cost no more memory than this, each and together.
 constexpr qint64 MaximumUnsent = 64LL * 1024 * 1024;
+constexpr qint64 MaximumUnsentTogether = 256LL * 1024 * 1024;
+constexpr qint64 MaximumUnsentOfTable = 1024LL * 1024;
 
 // All applications come back at once when the server has been restarted. One that the system could not queue
 // may believe for good that it is connected, and is told nothing.
 constexpr int ConnectionBacklog = 4096;
 
-constexpr int AcceptPause = 1000; // ms
+constexpr int AcceptedAtOnce = 32;
+constexpr int DescriptorReserve = 16; // for the database and the log
+constexpr auto AcceptPause = 1s;
 
 } // namespace
 
 ApplicationManager::ApplicationManager(Quillmere *owner, quint16 port) : server(owner)
 {
     connect(&tcpServer, &QTcpServer::newConnection, this, &ApplicationManager::applicationConnected);
-    // After an accept error (no descriptors left, say) the server would not accept again by itself.
-    connect(&tcpServer, &QTcpServer::acceptError, this,
-            [this] { QTimer::singleShot(AcceptPause, &tcpServer, &QTcpServer::resumeAccepting); });
+    connect(&acceptTimer, &QTimer::timeout, this, &ApplicationManager::limitAccepting);
     tcpServer.setListenBacklogSize(ConnectionBacklog);
-    if (!tcpServer.listen(QHostAddress::AnyIPv4, port)) {
+    if (tcpServer.listen(QHostAddress::AnyIPv4, port)) {
+        limitAccepting();
+        acceptTimer.start(AcceptPause);
+    } else {
         server->logMessage(u"Failed to listen for application connections"_s, QtServiceBase::Error, EventId);
     }
 }
@@ -52,134 +62,236 @@ ApplicationManager::ApplicationManager(Quillmere *owner, quint16 port) : server(
 ApplicationManager::~ApplicationManager()
 {
     while (!applications.empty()) {
-        removeApplication(*applications.begin());
+        removeApplication(applications.begin()->first);
     }
     tcpServer.close();
 }
 
+// Qt goes on accepting in one go for as long as somebody wants to connect and the queue that is emptied here
+// has not reached its limit.
 void ApplicationManager::applicationConnected()
 {
     Platform::endEventLoopTurn();
     server->commitWrites();
     while (QTcpSocket *socket = tcpServer.nextPendingConnection()) {
-        server->logMessage(u"Application connected from %1"_s.arg(socket->peerAddress().toString()),
-                           QtServiceBase::Information, EventId);
-        socket->setReadBufferSize(ReadBufferSize);
-        applications.insert(socket);
-        connect(socket, &QTcpSocket::disconnected, this, &ApplicationManager::applicationDisconnected);
-        connect(socket, &QTcpSocket::errorOccurred, this, &ApplicationManager::socketError);
-        connect(socket, &QTcpSocket::readyRead, this, &ApplicationManager::applicationDataAvailable);
-        server->sendRadioTable(socket);
+        accept(socket);
+        --acceptable;
+    }
+    if (acceptable <= 0) {
+        tcpServer.setMaxPendingConnections(0);
+    }
+    arrangeTurn();
+}
+
+void ApplicationManager::accept(QTcpSocket *socket)
+{
+    auto *application = new ApplicationConnection(socket);
+    server->logMessage(u"Application connected from %1"_s.arg(application->peerAddress()),
+                       QtServiceBase::Information, EventId);
+    socket->setReadBufferSize(ReadBufferSize);
+    applications.emplace(socket, application);
+    connect(socket, &QTcpSocket::disconnected, this,
+            [this, application] { applicationDisconnected(application); });
+    connect(socket, &QTcpSocket::errorOccurred, this,
+            [this, application](QAbstractSocket::SocketError error) { socketError(application, error); });
+    connect(socket, &QTcpSocket::readyRead, this,
+            [this, application] { applicationDataAvailable(application); });
+    connect(application, &ApplicationConnection::waitEnded, this,
+            [this, application] { waitEnded(application); });
+    server->sendRadioTable(*application);
+    if (!application->isTableSent()) {
+        connect(socket, &QTcpSocket::bytesWritten, this, [this, application] { tableProceeds(application); });
+        tableProceeds(application);
     }
 }
 
-void ApplicationManager::applicationDisconnected()
+// The database and the log are to have descriptors when the applications have taken all others. Qt tells only
+// once of an accept that has failed, and never that it could be tried again: so it is looked at, each time
+// that applications have been accepted and every second.
+void ApplicationManager::limitAccepting()
 {
-    server->commitWrites();
-    auto *socket = dynamic_cast<QTcpSocket *>(sender());
-    if (applications.contains(socket)) {
-        removeApplication(socket);
+    acceptable = Platform::freeDescriptors(DescriptorReserve + AcceptedAtOnce) - DescriptorReserve;
+    if (acceptable > 0) {
+        tcpServer.setMaxPendingConnections(acceptable);
+        tcpServer.resumeAccepting();
+    } else {
+        tcpServer.pauseAccepting();
     }
 }
 
-void ApplicationManager::socketError(QAbstractSocket::SocketError error)
+void ApplicationManager::applicationDisconnected(ApplicationConnection *application)
 {
+    end(application, QString());
+}
+
+void ApplicationManager::socketError(ApplicationConnection *application, QAbstractSocket::SocketError error)
+{
+    end(application, error == QAbstractSocket::RemoteHostClosedError
+                         ? QString()
+                         : u"Network error %1 on connection to %2:%3"_s.arg(
+                               QString::number(static_cast<int>(error)), application->peerAddress(),
+                               QString::number(application->peerPort())));
+}
+
+// What has arrived before the end is read first, in the application's turn where there is much of it.
+void ApplicationManager::end(ApplicationConnection *application, const QString &warning)
+{
+    // What leaves with the commit may meet the same error.
     server->commitWrites();
-    auto *socket = dynamic_cast<QTcpSocket *>(sender());
-    // A wait for the rest of a message that ends without data raises an error too, but not one of the
-    // connection.
-    const bool waitEnded = socket == awaited && error == QAbstractSocket::SocketTimeoutError;
-    // What left with the commit may have met the same error, and have dropped the application.
-    if (waitEnded || !applications.contains(socket)) {
+    if (application->hasEnded()) {
         return;
     }
-    if (error != QAbstractSocket::RemoteHostClosedError) {
-        server->logMessage(u"Network error %1 on connection to %2:%3"_s.arg(
-                               QString::number(static_cast<int>(error)), socket->peerAddress().toString(),
-                               QString::number(socket->peerPort())),
-                           QtServiceBase::Warning, EventId);
+    application->end(warning);
+    if (application->hasMessage()) {
+        beBusy(application);
+    } else if (!application->isBusy()) {
+        finish(application);
     }
-    removeApplication(socket);
+}
+
+void ApplicationManager::finish(ApplicationConnection *application)
+{
+    if (!application->endWarning().isEmpty()) {
+        server->logMessage(application->endWarning(), QtServiceBase::Warning, EventId);
+    }
+    removeApplication(&application->socket());
+    if (application->isAwaiting()) {
+        logFault(application->giveUpWaiting());
+    }
 }
 
 void ApplicationManager::removeApplication(QTcpSocket *socket)
 {
-    server->logMessage(u"Application disconnected from %1"_s.arg(socket->peerAddress().toString()),
+    const auto entry = applications.find(socket);
+    server->logMessage(u"Application disconnected from %1"_s.arg(entry->second->peerAddress()),
                        QtServiceBase::Information, EventId);
     QObject::disconnect(socket, nullptr, this, nullptr);
-    applications.erase(socket);
+    applications.erase(entry);
     socket->deleteLater();
 }
 
-void ApplicationManager::applicationDataAvailable()
+void ApplicationManager::applicationDataAvailable(ApplicationConnection *application)
 {
     Platform::endEventLoopTurn();
+    application->dataArrived();
+    if (application->hasMessage()) {
+        beBusy(application);
+    }
+}
+
+void ApplicationManager::waitEnded(ApplicationConnection *application)
+{
     server->commitWrites();
-    auto *socket = dynamic_cast<QTcpSocket *>(sender());
-    while (socket && socket->bytesAvailable() > 0 && readMessage(socket)) {
+    logFault(application->giveUpWaiting());
+}
+
+void ApplicationManager::tableProceeds(ApplicationConnection *application)
+{
+    if (wantsTable(application)) {
+        beBusy(application);
     }
 }
 
-// Takes exactly count bytes, or none when the rest does not come in time.
-bool ApplicationManager::readBytes(QTcpSocket *socket, char *buffer, qint64 count)
+void ApplicationManager::beBusy(ApplicationConnection *application)
 {
-    while (socket->bytesAvailable() < count) {
-        awaited = socket;
-        const bool arrived = socket->waitForReadyRead(ReadTimeout);
-        awaited = nullptr;
-        if (!arrived) {
-            server->logMessage(u"Network error: read timeout"_s, QtServiceBase::Error, EventId);
-            return false;
-        }
+    if (!application->isBusy()) {
+        application->setBusy(true);
+        busy.emplace_back(application);
+        arrangeTurn();
     }
-    return socket->read(buffer, count) == count;
 }
 
-// False: reading stops until the next data signal. What has been read by then is gone, and no search for the
-// next message's start is made; both deliberately.
-bool ApplicationManager::readMessage(QTcpSocket *socket)
+void ApplicationManager::arrangeTurn()
 {
-    std::array<char, Qmra::HeaderSize> headerBytes{};
-    if (!readBytes(socket, headerBytes.data(), headerBytes.size())) {
-        return false;
+    if (!turnArranged) {
+        turnArranged = true;
+        QMetaObject::invokeMethod(this, &ApplicationManager::takeTurn, Qt::QueuedConnection);
     }
-    const Qmra::Header header = Qmra::decodeHeader(QByteArrayView(headerBytes.data(), headerBytes.size()));
-    if (!header.magicMatches || header.protocolVersion > Qmra::ProtocolVersion ||
-        header.payloadLength > Qmra::MaximumPayload) {
-        server->logMessage(u"QMRA Protocol error: invalid message (2)"_s, QtServiceBase::Warning, EventId);
-        return false;
+}
+
+void ApplicationManager::takeTurn()
+{
+    turnArranged = false;
+    Platform::endEventLoopTurn();
+    server->commitWrites();
+    const QDeadlineTimer turnEnd(LongestTurn, Qt::PreciseTimer);
+    if (acceptable < AcceptedAtOnce) {
+        limitAccepting();
     }
-    std::array<char, Qmra::MaximumPayload> payload{};
-    if (!readBytes(socket, payload.data(), header.payloadLength)) {
-        return false;
-    }
-    if (header.protocolVersion < Qmra::ProtocolVersion) {
-        server->logMessage(u"QMRA protocol version not supported.  Update connected applications"_s,
-                           QtServiceBase::Error, EventId);
-        return false;
-    }
-    switch (static_cast<Qmra::MessageType>(header.messageType)) {
-    case Qmra::MessageType::RadioReport:
-        if (header.payloadLength == Qmra::ReportPayload) {
-            const auto report = Qmra::decodeReport(QByteArrayView(payload.data(), Qmra::ReportPayload));
-            server->handleRadioReport(report.esn, QHostAddress(report.address));
-        } else {
-            server->logMessage(u"QMRA protocol error detected: invalid payload length"_s,
-                               QtServiceBase::Warning, EventId);
+    while (!busy.empty() && !turnEnd.hasExpired()) {
+        ApplicationConnection *const application = busy.front();
+        busy.pop_front();
+        if (application && applications.contains(&application->socket())) {
+            // Busy until then: it may end in the middle of its own turn.
+            const bool goesOn = serve(application, turnEnd);
+            application->setBusy(goesOn);
+            if (goesOn) {
+                busy.emplace_back(application);
+            }
         }
-        break;
-    case Qmra::MessageType::Ignored:
-        break;
-    default:
-        server->logMessage(u"QMRA protocol error detected: invalid message (1)"_s, QtServiceBase::Warning,
-                           EventId);
-        break;
     }
-    return true;
+    if (!busy.empty()) {
+        arrangeTurn();
+    }
+}
+
+// True: there is more to do for it.
+bool ApplicationManager::serve(ApplicationConnection *application, const QDeadlineTimer &turnEnd)
+{
+    if (wantsTable(application)) {
+        server->sendRadioTable(*application);
+        if (application->isTableSent()) {
+            disconnect(&application->socket(), &QTcpSocket::bytesWritten, this, nullptr);
+        }
+    }
+    for (int i = 0; i < MessagesATurn && application->hasMessage(); ++i) {
+        if (i > 0 && turnEnd.hasExpired()) {
+            return true;
+        }
+        take(application->readMessage());
+    }
+    if (application->hasMessage()) {
+        return true;
+    }
+    if (application->hasEnded()) {
+        finish(application);
+        return false;
+    }
+    return wantsTable(application);
+}
+
+void ApplicationManager::take(const ApplicationReader::Reading &reading)
+{
+    if (const auto *report = std::get_if<Qmra::RadioReport>(&reading)) {
+        server->handleRadioReport(report->esn, QHostAddress(report->address));
+    } else if (const auto *fault = std::get_if<ApplicationReader::Fault>(&reading)) {
+        logFault(*fault);
+    }
+}
+
+void ApplicationManager::logFault(ApplicationReader::Fault fault) const
+{
+    const auto log = [this](const QString &text, QtServiceBase::MessageType type) {
+        server->logMessage(text, type, EventId);
+    };
+    switch (fault) {
+    case ApplicationReader::Fault::InvalidHeader:
+        return log(u"QMRA Protocol error: invalid message (2)"_s, QtServiceBase::Warning);
+    case ApplicationReader::Fault::UnsupportedVersion:
+        return log(u"QMRA protocol version not supported.  Update connected applications"_s,
+                   QtServiceBase::Error);
+    case ApplicationReader::Fault::InvalidLength:
+        return log(u"QMRA protocol error detected: invalid payload length"_s, QtServiceBase::Warning);
+    case ApplicationReader::Fault::InvalidType:
+        return log(u"QMRA protocol error detected: invalid message (1)"_s, QtServiceBase::Warning);
+    case ApplicationReader::Fault::Timeout:
+        return log(u"Network error: read timeout"_s, QtServiceBase::Error);
+    }
 }
 
 // NOLINTNEXTLINE(performance-unnecessary-value-param): the record is held while it is sent
-void ApplicationManager::sendRadioNotice(std::shared_ptr<RadioEntry> entry, QTcpSocket *socket)
+void ApplicationManager::sendRadioNotice(std::shared_ptr<RadioEntry> entry,
+                                         ApplicationConnection *application)
 {
     const Qmra::Message message =
         entry->pendingAddress.isNull()
@@ -188,8 +300,8 @@ void ApplicationManager::sendRadioNotice(std::shared_ptr<RadioEntry> entry, QTcp
             : Qmra::encodeNotice(entry->esn, entry->pendingSuid, true, entry->pendingAddress.toIPv4Address(),
                                  Registered, entry->pendingServices);
     const QByteArrayView bytes(message.bytes.data(), message.size);
-    if (socket) {
-        write(socket, bytes);
+    if (application) {
+        application->tellOfTable(entry->esn, bytes);
         return;
     }
     heldBack.insert(heldBack.end(), bytes.begin(), bytes.end());
@@ -204,33 +316,49 @@ void ApplicationManager::sendHeldBack()
         return;
     }
     std::vector<char> leaving = std::exchange(heldBack, std::move(spare));
-    // A write can drop an application in the middle of the walk.
-    const std::vector<QTcpSocket *> connected(applications.begin(), applications.end());
-    const auto toEachConnected = [this, &connected](const auto &action) {
-        for (QTcpSocket *application : connected) {
-            if (applications.contains(application)) {
-                action(application);
-            }
+    // A write can drop an application in the middle of the walk; it is deleted later.
+    std::vector<ApplicationConnection *> connected;
+    connected.reserve(applications.size());
+    std::ranges::transform(applications, std::back_inserter(connected),
+                           [](const auto &entry) { return entry.second; });
+    qint64 together = unsentTogether();
+    for (ApplicationConnection *application : connected) {
+        if (application->hasEnded()) {
+            continue;
         }
-    };
-    for (QByteArrayView rest(leaving); !rest.isEmpty();) {
-        const qsizetype size =
-            Qmra::HeaderSize + Qmra::decodeHeader(rest.first(Qmra::HeaderSize)).payloadLength;
-        toEachConnected([&](QTcpSocket *application) { write(application, rest.first(size)); });
-        rest = rest.sliced(size);
+        const qint64 before = application->unsent();
+        const qint64 common = std::max(MaximumUnsentTogether - together, equalShare() - before);
+        qsizetype lost = application->tell(leaving, std::min(MaximumUnsent - before, common));
+        for (; lost > 0; --lost) {
+            server->logMessage(u"Network error: write message failed"_s, QtServiceBase::Error, EventId);
+        }
+        // They leave now, before the radios' acknowledgements do.
+        application->flush();
+        together += application->unsent() - before;
     }
     leaving.clear();
     spare = std::move(leaving);
-    // They leave now, before the radios' acknowledgements do.
-    toEachConnected([](QTcpSocket *application) { application->flush(); });
 }
 
-void ApplicationManager::write(QTcpSocket *socket, QByteArrayView message) const
+bool ApplicationManager::wantsTable(const ApplicationConnection *application) const
 {
-    const bool fits = socket->bytesToWrite() + message.size() <= MaximumUnsent;
-    if (!fits || socket->write(message.data(), message.size()) != message.size()) {
-        server->logMessage(u"Network error: write message failed"_s, QtServiceBase::Error, EventId);
+    return !application->isTableSent() && !application->hasEnded() &&
+           application->socket().bytesToWrite() <= std::min(MaximumUnsentOfTable, equalShare());
+}
+
+// What an application may leave unsent even when all together have reached their bound.
+qint64 ApplicationManager::equalShare() const
+{
+    return MaximumUnsentTogether / static_cast<qint64>(std::max<size_t>(applications.size(), 1));
+}
+
+qint64 ApplicationManager::unsentTogether() const
+{
+    qint64 sum = 0;
+    for (const auto &[socket, application] : applications) {
+        sum += application->unsent();
     }
+    return sum;
 }
 
 } // namespace QMR

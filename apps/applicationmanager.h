@@ -3,25 +3,30 @@
 
 #pragma once
 
-#include "apps/qmra.h"
+#include "apps/applicationreader.h"
 
 #include <QAbstractSocket>
 #include <QObject>
+#include <QPointer>
 #include <QTcpServer>
+#include <QTimer>
 
+#include <deque>
+#include <map>
 #include <memory>
-#include <set>
 #include <vector>
 
+class QDeadlineTimer;
 class QTcpSocket;
 
 namespace QMR {
 
+class ApplicationConnection;
 class Quillmere;
 struct RadioEntry;
 
-// The TCP server to which client applications connect: it keeps the set of connected applications, reads
-// their messages and writes radio notices to them. Lives on the server's thread.
+// The TCP server to which client applications connect: it keeps the set of connected applications, and gives
+// each its turn of being read and told. Lives on the server's thread, and never blocks it.
 class ApplicationManager : public QObject
 {
     Q_OBJECT
@@ -33,10 +38,10 @@ public:
     ~ApplicationManager() override;
     Q_DISABLE_COPY_MOVE(ApplicationManager)
 
-    // Tells one application, or all connected ones when the socket is null, of the radio as it now is. A
-    // notice that an application does not take whole is logged and lost for it. One to all is held back, as
-    // it is now, while what it tells is not yet stored.
-    void sendRadioNotice(std::shared_ptr<RadioEntry> entry, QTcpSocket *socket);
+    // Tells one application, which is being sent the radio table, or all connected ones when there is none
+    // given, of the radio as it now is. A notice that an application does not take whole is logged and lost
+    // for it. One to all is held back, as it is now, while what it tells is not yet stored.
+    void sendRadioNotice(std::shared_ptr<RadioEntry> entry, ApplicationConnection *application);
 
     // What has been held back leaves, in its order.
     void sendHeldBack();
@@ -46,21 +51,39 @@ public:
 
 private slots:
     void applicationConnected();
-    void applicationDisconnected();
-    void socketError(QAbstractSocket::SocketError error);
-    void applicationDataAvailable();
+    void applicationDisconnected(ApplicationConnection *application);
+    void socketError(ApplicationConnection *application, QAbstractSocket::SocketError error);
+    void applicationDataAvailable(ApplicationConnection *application);
 
 private:
-    bool readBytes(QTcpSocket *socket, char *buffer, qint64 count);
-    bool readMessage(QTcpSocket *socket);
-    void write(QTcpSocket *socket, QByteArrayView message) const;
+    void waitEnded(ApplicationConnection *application);
+    void tableProceeds(ApplicationConnection *application);
+
+    void accept(QTcpSocket *socket);
+    void limitAccepting();
+    void end(ApplicationConnection *application, const QString &warning);
+    void finish(ApplicationConnection *application);
+
+    void beBusy(ApplicationConnection *application);
+    void arrangeTurn();
+    void takeTurn();
+    bool serve(ApplicationConnection *application, const QDeadlineTimer &end);
+    void take(const ApplicationReader::Reading &reading);
+    void logFault(ApplicationReader::Fault fault) const;
+
+    bool wantsTable(const ApplicationConnection *application) const;
+    qint64 equalShare() const;
+    qint64 unsentTogether() const;
 
     Quillmere *server;
     QTcpServer tcpServer;
-    std::set<QTcpSocket *> applications; // children of tcpServer
-    QTcpSocket *awaited = nullptr;       // while the rest of its message is waited for
-    std::vector<char> heldBack;          // whole notices, one behind the other
-    std::vector<char> spare;             // empty, kept for its memory
+    QTimer acceptTimer;
+    int acceptable = 0; // before it is looked at again how many there may be
+    std::map<QTcpSocket *, ApplicationConnection *> applications; // the sockets are tcpServer's children
+    std::deque<QPointer<ApplicationConnection>> busy;             // in the order of their turns
+    bool turnArranged = false;
+    std::vector<char> heldBack; // whole notices, one behind the other
+    std::vector<char> spare;    // empty, kept for its memory
 };
 
 } // namespace QMR

@@ -57,6 +57,11 @@ Header decodeHeader(QByteArrayView bytes)
     return header;
 }
 
+qsizetype messageSize(QByteArrayView bytes)
+{
+    return HeaderSize + decodeHeader(bytes).payloadLength;
+}
+
 RadioReport decodeReport(QByteArrayView payload)
 {
     return {esnAt(payload), qFromLittleEndian<quint32>(payload.data() + ReportAddressOffset)};
@@ -81,6 +86,11 @@ Message encodeNotice(const Esn &esn, const Suid &suid, bool pending, quint32 add
                    [](quint32 service) { return static_cast<char>(service); });
     message.size = HeaderSize + payloadLength;
     return message;
+}
+
+Esn noticeEsn(QByteArrayView message)
+{
+    return esnAt(message.sliced(HeaderSize));
 }
 
 std::optional<RadioNotice> decodeNotice(QByteArrayView payload)

@@ -38,6 +38,9 @@ struct Header
 // bytes: exactly HeaderSize.
 Header decodeHeader(QByteArrayView bytes);
 
+// Of the message that bytes, at least a header, begin with: header and payload.
+qsizetype messageSize(QByteArrayView bytes);
+
 // An application says that a radio cannot be reached at an address.
 struct RadioReport
 {
@@ -69,6 +72,9 @@ struct Message
 // Of the services the low 8 bits of each are sent, and as many as their count modulo 256 says.
 Message encodeNotice(const Esn &esn, const Suid &suid, bool pending, quint32 address, quint8 availability,
                      const ServiceList &services);
+
+// message: a whole notice.
+Esn noticeEsn(QByteArrayView message);
 
 // The application's side.
 

@@ -3,14 +3,26 @@
 
 #include "core/quillmere.h"
 
+#include "apps/applicationconnection.h"
 #include "apps/applicationmanager.h"
 
 namespace QMR {
 
-void Quillmere::sendRadioTable(QTcpSocket *application)
+namespace {
+
+constexpr int TableSlice = 256; // notices
+
+} // namespace
+
+void Quillmere::sendRadioTable(ApplicationConnection &application)
 {
-    for (const auto &[esn, radio] : radiosByEsn) {
-        applicationManager->sendRadioNotice(radio, application);
+    const auto &place = application.tablePlace();
+    auto next = place ? radiosByEsn.upper_bound(*place) : radiosByEsn.cbegin();
+    for (int i = 0; i < TableSlice && next != radiosByEsn.cend(); ++i, ++next) {
+        applicationManager->sendRadioNotice(next->second, &application);
+    }
+    if (next == radiosByEsn.cend()) {
+        application.completeTable();
     }
 }
 

@@ -35,6 +35,9 @@ void endEventLoopTurn();
 // be asked.
 std::optional<QString> commonDataFolder();
 
+// How many more files and sockets the process may open; at most what is asked for, which is few.
+int freeDescriptors(int most);
+
 // Whether a file can be deleted while another program has it open.
 bool canDeleteOpenFiles();
 

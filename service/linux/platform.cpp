@@ -14,7 +14,11 @@
 #include <QStandardPaths>
 #include <QThread>
 
+#include <sys/eventfd.h>
 #include <unistd.h>
+
+#include <algorithm>
+#include <vector>
 
 using namespace Qt::StringLiterals;
 
@@ -64,6 +68,20 @@ void sleepMilliseconds(unsigned milliseconds)
 // Qt's turn of the loop serves each socket once here.
 void endEventLoopTurn()
 {
+}
+
+int freeDescriptors(int most)
+{
+    std::vector<int> taken;
+    while (static_cast<int>(taken.size()) < most) {
+        const int descriptor = ::eventfd(0, EFD_CLOEXEC); // takes nothing else
+        if (descriptor < 0) {
+            break;
+        }
+        taken.push_back(descriptor);
+    }
+    std::ranges::for_each(taken, ::close);
+    return static_cast<int>(taken.size());
 }
 
 std::optional<QString> commonDataFolder()

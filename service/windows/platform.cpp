@@ -120,6 +120,12 @@ std::optional<QString> commonDataFolder(const Resolver &shell32)
     return QString::fromWCharArray(path.data());
 }
 
+// The system sets no limit that a service meets.
+int freeDescriptors(int most)
+{
+    return most;
+}
+
 bool canDeleteOpenFiles()
 {
     return false;

@@ -1,0 +1,142 @@
+// SPDX-FileCopyrightText: 2026 The Quillmere developers
+// SPDX-License-Identifier: MIT
+
+#include "apps/applicationconnection.h"
+
+#include <QHostAddress>
+#include <QTcpSocket>
+
+#include <algorithm>
+#include <chrono>
+#include <utility>
+
+using namespace std::chrono_literals;
+
+namespace QMR {
+
+namespace {
+
+constexpr auto LongestWait = 500ms; // for the rest of a message, anew with each arrival
+
+} // namespace
+
+ApplicationConnection::ApplicationConnection(QTcpSocket *socket)
+    : QObject(socket), stream(socket), address(socket->peerAddress().toString()), port(socket->peerPort())
+{
+    waitTimer.setSingleShot(true);
+    waitTimer.setTimerType(Qt::PreciseTimer);
+    waitTimer.setInterval(LongestWait);
+    connect(&waitTimer, &QTimer::timeout, this, &ApplicationConnection::waitEnded);
+}
+
+// An arrival is taken in when it comes, but for one that comes while the arrival before is still being read:
+// that one begins a round of its own then.
+void ApplicationConnection::dataArrived()
+{
+    if (!reader.isReady()) {
+        takeArrival();
+    }
+}
+
+bool ApplicationConnection::hasMessage()
+{
+    return reader.isReady() || (takeArrival() && reader.isReady());
+}
+
+// False: nothing has arrived that there is room for.
+bool ApplicationConnection::takeArrival()
+{
+    const qint64 count = std::min<qint64>(reader.room(), ended ? rest.size() : stream->bytesAvailable());
+    if (count <= 0) {
+        return false;
+    }
+    if (ended) {
+        reader.arrived(QByteArrayView(rest).first(count));
+        rest.remove(0, count);
+    } else {
+        reader.arrived(stream->read(count));
+    }
+    superviseWait();
+    return true;
+}
+
+ApplicationReader::Reading ApplicationConnection::readMessage()
+{
+    const auto reading = reader.read();
+    superviseWait();
+    return reading;
+}
+
+void ApplicationConnection::superviseWait()
+{
+    if (reader.isAwaiting() && !ended) {
+        waitTimer.start();
+    } else {
+        waitTimer.stop();
+    }
+}
+
+void ApplicationConnection::tellOfTable(const Esn &esn, QByteArrayView notice)
+{
+    lastOfTable = esn;
+    accept(notice);
+}
+
+void ApplicationConnection::completeTable()
+{
+    tableSent = true;
+    accept(std::exchange(afterTable, QByteArray()));
+}
+
+qsizetype ApplicationConnection::tell(QByteArrayView notices, qint64 allowance)
+{
+    if (tableSent && notices.size() <= allowance && accept(notices)) {
+        return 0;
+    }
+    qsizetype lost = 0;
+    for (; !notices.isEmpty() && !ended; notices = notices.sliced(Qmra::messageSize(notices))) {
+        lost += tellOne(notices.first(Qmra::messageSize(notices)), allowance) ? 0 : 1;
+    }
+    return lost;
+}
+
+bool ApplicationConnection::tellOne(QByteArrayView notice, qint64 &allowance)
+{
+    if (!tableSent && (!lastOfTable || Qmra::noticeEsn(notice) > *lastOfTable)) {
+        return true; // the table will show it
+    }
+    if (notice.size() > allowance) {
+        return false;
+    }
+    allowance -= notice.size();
+    if (!tableSent) {
+        afterTable.append(notice);
+        return true;
+    }
+    return accept(notice);
+}
+
+bool ApplicationConnection::accept(QByteArrayView notices)
+{
+    return stream->write(notices.data(), notices.size()) == notices.size();
+}
+
+void ApplicationConnection::flush()
+{
+    stream->flush();
+}
+
+qint64 ApplicationConnection::unsent() const
+{
+    return stream->bytesToWrite() + afterTable.size();
+}
+
+void ApplicationConnection::end(const QString &warning)
+{
+    rest = stream->readAll();
+    ended = true;
+    lastWarning = warning;
+    waitTimer.stop();
+}
+
+} // namespace QMR
