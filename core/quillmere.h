@@ -21,10 +21,9 @@
 #include <optional>
 #include <set>
 
-class QTcpSocket;
-
 namespace QMR {
 
+class ApplicationConnection;
 class ApplicationManager;
 class RegistrationManager;
 class WriteGroup;
@@ -95,8 +94,11 @@ public:
     void loadRadioTable();
     void reviewLoadedRadio(const RadioPointer &radio);
 
-    // Text forms for the log; those of an ESN are kept for good, one cache a thread and form.
+    // Text forms for the log. Those of an ESN are kept, one cache a thread and form, until its radio leaves
+    // the table: only to be asked for of radios that are in it.
     static QString esnText(const Esn &esn, bool separated = false);
+    static void forgetEsnText(const Esn &esn);
+    static void forgetEsnTexts();
     static QString suidText(const Suid &suid) { return suid.text(); }
 
     // Registration processing (registration.cpp).
@@ -130,8 +132,9 @@ public:
 
     // Application requests and notifications (requests.cpp).
 
-    // One notice a radio, in ESN order, to one application.
-    void sendRadioTable(QTcpSocket *application);
+    // One notice a radio, in ESN order, to one application: the next of them at each call, until there is
+    // none left.
+    void sendRadioTable(ApplicationConnection &application);
     // Only a registered radio reported at its confirmed address is put in doubt; any other report changes
     // nothing.
     void handleRadioReport(const Esn &esn, const QHostAddress &address);
@@ -164,6 +167,13 @@ private slots:
     void eventHeartbeatTimerExpired();
 
 private:
+    // A check for radios that have been silent for too long, while it is under way.
+    struct TimeoutCheck
+    {
+        QDateTime threshold;
+        std::optional<Esn> last; // checked
+    };
+
     void configure();
     void log(const QString &message, MessageType type) const;
 
@@ -178,6 +188,8 @@ private:
     void logDeregistered(const Esn &esn, const Suid &suid, const QHostAddress &address) const;
 
     qint64 secondsToDiscovery() const;
+    void continueTimeoutCheck();
+    void lapsePending();
 
     void keepJournal();
     void writeFailed(WriteStep step) const;
@@ -195,6 +207,8 @@ private:
     QTimer heartbeatTimer;
     QDateTime lastDiscoveryRun = QDateTime::fromSecsSinceEpoch(0, Qt::UTC);
     QTimer timeoutCheckTimer;
+    std::optional<TimeoutCheck> timeoutCheckUnderWay;
+    std::optional<QDateTime> lapsingUntil; // while pending registrations lapse
     QTimer owedWritesTimer;
     std::optional<Esn> lastRetried;
     bool sendingHeldBack = false;

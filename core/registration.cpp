@@ -117,7 +117,7 @@ void Quillmere::deregisterRadio(const Esn &esn, const QHostAddress &senderAddres
 {
     const RadioPointer radio = findRadio(esn);
     if (!radio) {
-        log(u"Unknown Radio %1 deregistered [ignored]"_s.arg(esnText(esn)), Information);
+        log(u"Unknown Radio %1 deregistered [ignored]"_s.arg(esn.text()), Information);
     } else if (senderAddress == radio->pendingAddress) {
         deregisterPending(radio);
     } else if (senderAddress == radio->address) {

@@ -162,8 +162,11 @@ void Quillmere::stop()
     discoveryTimer.stop();
     heartbeatTimer.stop();
     owedWritesTimer.stop();
+    timeoutCheckUnderWay.reset();
+    lapsingUntil.reset();
     discoveryQueue.clear();
     heartbeatQueue.clear();
+    forgetEsnTexts();
     radiosByEsn.clear();
     radiosByAddress.clear();
     applicationManager.reset();

@@ -7,9 +7,13 @@
 #include "db/writegroup.h"
 #include "radio/registrationmanager.h"
 
+#include <QDeadlineTimer>
+
 #include <algorithm>
 #include <chrono>
 #include <limits>
+
+using namespace std::chrono_literals;
 
 namespace QMR {
 
@@ -17,6 +21,10 @@ namespace {
 
 constexpr qint64 SilenceLimit = 43200; // seconds
 constexpr quint16 AttemptLimit = 3;
+
+// However many radios there are, nobody else waits longer for their turn; the commit that follows comes on
+// top.
+constexpr auto LongestSlice = 5ms;
 
 // What is left from now to then, 0 when then has passed.
 qint64 millisecondsUntil(const QDateTime &then, const QDateTime &now)
@@ -90,16 +98,37 @@ void Quillmere::eventDiscoveryTimerExpired()
     scheduleDiscovery(radio);
 }
 
+// A check that is still under way after five minutes goes on instead of beginning anew.
 void Quillmere::eventTimeoutCheckTimerExpired()
 {
+    if (!timeoutCheckUnderWay) {
+        timeoutCheckUnderWay = TimeoutCheck{currentTime().addSecs(-SilenceLimit), std::nullopt};
+        continueTimeoutCheck();
+    }
+}
+
+void Quillmere::continueTimeoutCheck()
+{
+    if (!timeoutCheckUnderWay) {
+        return; // the server has been stopped
+    }
     const WriteTurn turn(writes.get());
-    const QDateTime threshold = currentTime().addSecs(-SilenceLimit);
-    for (const auto &[esn, radio] : radiosByEsn) {
+    const QDeadlineTimer end(LongestSlice, Qt::PreciseTimer);
+    auto &[threshold, last] = *timeoutCheckUnderWay;
+    for (auto next = last ? radiosByEsn.upper_bound(*last) : radiosByEsn.begin(); next != radiosByEsn.end();
+         ++next) {
+        const RadioPointer &radio = next->second;
         const bool inContact = radio->availability == Unconfirmed || radio->availability == Registered;
         if (inContact && radio->lastContactTime < threshold) {
             setAvailability(radio, Unreachable);
         }
+        last = next->first;
+        if (end.hasExpired()) {
+            QMetaObject::invokeMethod(this, &Quillmere::continueTimeoutCheck, Qt::QueuedConnection);
+            return;
+        }
     }
+    timeoutCheckUnderWay.reset();
 }
 
 void Quillmere::rearmHeartbeatTimer()
@@ -113,12 +142,28 @@ void Quillmere::rearmHeartbeatTimer()
 
 void Quillmere::eventHeartbeatTimerExpired()
 {
+    if (!lapsingUntil) {
+        lapsingUntil = currentTime();
+        lapsePending();
+    }
+}
+
+void Quillmere::lapsePending()
+{
+    if (!lapsingUntil) {
+        return; // the server has been stopped
+    }
     const WriteTurn turn(writes.get());
-    const QDateTime now = currentTime();
-    while (!heartbeatQueue.empty() && (*heartbeatQueue.begin())->pendingDeadline <= now) {
+    const QDeadlineTimer end(LongestSlice, Qt::PreciseTimer);
+    while (!heartbeatQueue.empty() && (*heartbeatQueue.begin())->pendingDeadline <= *lapsingUntil) {
         const RadioPointer radio = *heartbeatQueue.begin();
         deregisterPending(radio);
+        if (end.hasExpired()) {
+            QMetaObject::invokeMethod(this, &Quillmere::lapsePending, Qt::QueuedConnection);
+            return;
+        }
     }
+    lapsingUntil.reset();
     rearmHeartbeatTimer();
 }
 

@@ -8,6 +8,7 @@
 
 #include <QHash>
 
+#include <array>
 #include <tuple>
 
 namespace QMR {
@@ -36,6 +37,13 @@ static size_t qHash(const Esn &esn, size_t seed)
 {
     return qHashBits(esn.bytes.data(), esn.bytes.size(), seed);
 }
+
+namespace {
+
+using EsnTexts = QHash<Esn, QString>;
+thread_local std::array<EsnTexts, 2> esnTexts; // run together and separated
+
+} // namespace
 
 bool Quillmere::EarlierDiscovery::operator()(const RadioPointer &a, const RadioPointer &b) const
 {
@@ -70,6 +78,7 @@ size_t Quillmere::removeRadio(const RadioPointer &radio)
         return 0;
     }
     radiosByAddress.remove(entry->first, entry->second->address, entry->second->pendingAddress);
+    forgetEsnText(entry->first);
     radiosByEsn.erase(entry);
     return 1;
 }
@@ -160,13 +169,25 @@ void Quillmere::reviewLoadedRadio(const RadioPointer &radio)
 
 QString Quillmere::esnText(const Esn &esn, bool separated)
 {
-    thread_local QHash<Esn, QString> caches[2];
-    QHash<Esn, QString> &cache = caches[separated ? 1 : 0];
-    auto text = cache.find(esn);
-    if (text == cache.end()) {
-        text = cache.insert(esn, esn.text(separated));
+    EsnTexts &texts = esnTexts[separated ? 1 : 0];
+    auto text = texts.find(esn);
+    if (text == texts.end()) {
+        text = texts.insert(esn, esn.text(separated));
     }
     return *text;
+}
+
+// Radios that come and go, with made-up ESNs even, must not fill the memory with their texts.
+void Quillmere::forgetEsnText(const Esn &esn)
+{
+    for (EsnTexts &texts : esnTexts) {
+        texts.remove(esn);
+    }
+}
+
+void Quillmere::forgetEsnTexts()
+{
+    esnTexts.fill({});
 }
 
 } // namespace QMR

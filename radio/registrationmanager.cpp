@@ -32,7 +32,8 @@ QHostAddress plainAddress(const QHostAddress &address)
 RegistrationManager::RegistrationManager(Quillmere *owner, quint16 registrationPort)
     : server(owner), port(registrationPort)
 {
-    if (!socket.bind(port, QAbstractSocket::DefaultForPlatform)) {
+    isBound = socket.bind(port, QAbstractSocket::DefaultForPlatform);
+    if (!isBound) {
         server->logMessage(u"Unable to bind registration socket"_s, QtServiceBase::Error, EventId);
     }
     // All radios may answer at once after an outage. The system may give less; then less it is.
@@ -44,6 +45,11 @@ RegistrationManager::RegistrationManager(Quillmere *owner, quint16 registrationP
 void RegistrationManager::radioMessageReceived()
 {
     Platform::endEventLoopTurn();
+    if (!isBound) {
+        // A discovery request has bound it to whatever port was free.
+        socket.readDatagram(nullptr, 0);
+        return;
+    }
     WriteTurn turn(server->writeGroup(), WriteTurn::Continue);
     receive();
     if (socket.hasPendingDatagrams()) {

@@ -60,6 +60,7 @@ private:
     Quillmere *server;
     QUdpSocket socket;
     quint16 port;
+    bool isBound;
     std::vector<Outgoing> heldBack;
     std::vector<Outgoing> spare; // empty, kept for its memory
 };
