@@ -142,6 +142,35 @@ private slots:
         QVERIFY(!applications[1]->receives(1).isEmpty());
     }
 
+    // A write meets the end of the connection while messages that came before are still to be read: some are
+    // with the reader, some with the socket.
+    void whatHasArrivedOutlivesAFailedWrite()
+    {
+        constexpr int Messages = 3000;
+        const QString invalid = QStringLiteral("QMRA protocol error detected: invalid message (1)");
+        connectApplications(2);
+        QTcpSocket &connection = applications[0]->connection();
+        const quint16 port = connection.localPort();
+        applications[0]->sends(ScriptedApplication::message(9, QByteArray()).repeated(Messages));
+        server->log.whenWritten([&](const LogRecord &) {
+            const qsizetype records = server->log.records().size();
+            if (records < 4) {
+                QTest::qSleep(5); // ends the application's turn, so that the socket has its own
+            } else if (records == 4) {
+                reset(connection);
+                (*server)->notifyApplications((*server)->findRadio(radio->esn));
+            }
+        });
+        QVERIFY(applications[1]->sees(*radio, QMR::Registered));
+        QTRY_COMPARE(server->log.count(Disconnected), 1);
+        server->log.whenWritten({});
+        QStringList expected(Messages, invalid);
+        if (isWriteAfterResetANetworkError()) {
+            expected.append(QStringLiteral("Network error 7 on connection to 127.0.0.1:%1").arg(port));
+        }
+        QCOMPARE(server->log.takeMessages(), expected + QStringList{Disconnected});
+    }
+
     void applicationThatNeverReadsCostsABoundedMemory()
     {
         connectApplications(1);

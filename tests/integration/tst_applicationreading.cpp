@@ -10,6 +10,7 @@
 #include <QtTest>
 
 #include <memory>
+#include <vector>
 
 namespace {
 
@@ -173,6 +174,97 @@ private slots:
                            message(2, 13) + message(3, 0));
         QVERIFY(application->sees(*radio, QMR::Unconfirmed));
         QCOMPARE(server->log.take(), (QList{BadLengthRecord, BadTypeRecord, BadLengthRecord}));
+    }
+
+    // It never pauses for as long as half a second, and is at it for three.
+    void nobodyWaitsForAnApplicationThatTrickles()
+    {
+        const QByteArray sent = message(3, 277) + Marker;
+        QList<QByteArray> segments;
+        for (const char byte : sent) {
+            segments.append(QByteArray(1, byte));
+        }
+        const BackgroundApplication slow(server->applicationPort(), segments, std::chrono::milliseconds(10));
+        QTRY_COMPARE(server->log.count(Connected), 1);
+        bool isTimed = false;
+        QTimer::singleShot(50, this, [&isTimed] { isTimed = true; });
+        for (quint8 serial = 2; serial < 12; ++serial) {
+            ScriptedRadio other(server->registrationPort(), serial, QStringLiteral("127.0.0.3"));
+            other.registers();
+            QVERIFY(other.isAcknowledged());
+        }
+        application->reports(radio->esn, radio->address());
+        QTRY_COMPARE((*server)->findRadio(radio->esn)->availability, QMR::Unconfirmed);
+        QTRY_VERIFY(isTimed);
+        QCOMPARE(server->log.count(BadType), 0);
+        QTRY_COMPARE(server->log.count(BadType), 1);
+        QCOMPARE(server->log.count(Timeout), 0);
+    }
+
+    void stopWaitsForNoRestOfAMessage()
+    {
+        application->sends(message(2, 12).first(9));
+        serverIsIdle();
+        server->log.take();
+        server->stop();
+        QCOMPARE(server->log.takeMessages(), (QStringList{Disconnected, QStringLiteral("Service stopped")}));
+    }
+
+    // Each has its own half second.
+    void partsOfSeveralApplicationsAreAwaitedTogether()
+    {
+        constexpr int Count = 5;
+        std::vector<std::unique_ptr<ScriptedApplication>> others;
+        for (int i = 0; i < Count; ++i) {
+            others.push_back(std::make_unique<ScriptedApplication>(server->applicationPort()));
+            QVERIFY(others.back()->sees(*radio, QMR::Registered));
+        }
+        server->log.take();
+        for (const auto &other : others) {
+            other->sends(message(3, 4).first(5));
+        }
+        QTRY_COMPARE(server->log.count(Timeout), Count);
+        for (const auto &other : others) {
+            other->sends(message(3, 4).sliced(5) + Marker);
+        }
+        QTRY_COMPARE(server->log.count(BadType), Count);
+        QCOMPARE(server->log.takeMessages(), QStringList(Count, Timeout) + QStringList(Count, BadType));
+    }
+
+    // All of it is there before the server looks, and the first has far more of it.
+    void applicationsTakeTurns()
+    {
+        constexpr int Many = 1500;
+        ScriptedApplication other(server->applicationPort());
+        QVERIFY(other.sees(*radio, QMR::Registered));
+        server->log.take();
+        application->connection().write(Marker.repeated(Many));
+        application->connection().flush();
+        other.connection().write(message(2, 11));
+        other.connection().flush();
+        QTRY_COMPARE(server->log.records().size(), Many + 1);
+        const QList<LogRecord> records = server->log.take();
+        QVERIFY2(records.indexOf(BadLengthRecord) <= 200,
+                 qPrintable(QString::number(records.indexOf(BadLengthRecord))));
+        QCOMPARE(records.count(BadTypeRecord), Many);
+    }
+
+    // More than a turn of reading, and then the end of the connection.
+    void allThatHasArrivedIsReadBeforeTheEnd()
+    {
+        constexpr int Many = 1500;
+        auto leaving = std::make_unique<ScriptedApplication>(server->applicationPort());
+        QVERIFY(leaving->sees(*radio, QMR::Registered));
+        server->log.take();
+        leaving->connection().write(Marker.repeated(Many) + Marker.first(3));
+        leaving->connection().flush();
+        leaving.reset();
+        if (isEndOfConnectionLost()) {
+            QSKIP("this system does not tell of an end behind unread bytes");
+        }
+        QTRY_COMPARE(server->log.records().size(), Many + 2);
+        QCOMPARE(server->log.takeMessages(),
+                 (QStringList(Many, BadType) + QStringList{Disconnected, Timeout}));
     }
 
     void oneMessageInManySegmentsIsReadWhole()

@@ -256,6 +256,40 @@ private slots:
         QCOMPARE(server.log.count(CannotBind), 0);
     }
 
+    // A send binds the socket to a port of the system's choice, which is not the one that radios are to use.
+    void whatReachesAnUnboundSocketIsNotHandled()
+    {
+        TestServer server;
+        QUdpSocket squatter;
+        QVERIFY(squatter.bind(server.registrationPort(), QAbstractSocket::DefaultForPlatform));
+        server->start();
+        ScriptedRadio radio(server.registrationPort(), 0x01);
+        server->registerRadio(radio.esn, 3, radio.suid, radio.address(), radio.port(), false, {});
+        QUdpSocket observer;
+        QVERIFY(observer.bind(QHostAddress(QStringLiteral("127.0.0.3"))));
+        server->registerRadio(radio.esn, 3, radio.suid, observer.localAddress(), observer.localPort(), false,
+                              {});
+        QTRY_VERIFY(observer.hasPendingDatagrams());
+        const int port = observer.receiveDatagram().senderPort();
+        QVERIFY(port > 0);
+        QVERIFY(port != server.registrationPort());
+        server.log.take();
+
+        ScriptedRadio other(static_cast<quint16>(port), 0x02, QStringLiteral("127.0.0.4"));
+        other.registers();
+        other.sends("?");
+        // What is sent later is dealt with later.
+        ScriptedApplication application(server.applicationPort());
+        QTRY_VERIFY(server.log.records().size() > 0);
+        for (int i = 0; i < 100; ++i) {
+            QCoreApplication::processEvents();
+        }
+        QCOMPARE(server.log.takeMessages(),
+                 QStringList{QStringLiteral("Application connected from 127.0.0.1")});
+        QVERIFY(!server->findRadio(other.esn));
+        QVERIFY(!other.hasReceived());
+    }
+
     void isSilentWhenItGoes()
     {
         TestServer server;

@@ -259,6 +259,37 @@ private slots:
         QVERIFY(QMR::Quillmere::esnText(esn, true).isSharedWith(separated));
         QCOMPARE(QMR::Quillmere::esnText(QMR::Esn{}), QStringLiteral("0000000000000000"));
     }
+
+    void esnTextsAreForgottenWithTheirRadio_data()
+    {
+        QTest::addColumn<bool>("separated");
+        QTest::addColumn<bool>("stops");
+        for (const bool separated : {false, true}) {
+            const char *form = separated ? "separated" : "joined";
+            QTest::addRow("%s, the radio leaves", form) << separated << false;
+            QTest::addRow("%s, the server stops", form) << separated << true;
+        }
+    }
+
+    void esnTextsAreForgottenWithTheirRadio()
+    {
+        QFETCH(bool, separated);
+        QFETCH(bool, stops);
+        RegistrationScene scene;
+        ScriptedRadio radio(scene.server.registrationPort(), 0x01);
+        radio.registers();
+        QVERIFY(radio.isAcknowledged());
+        const QString text = QMR::Quillmere::esnText(radio.esn, separated);
+        scene.settle();
+        QVERIFY(QMR::Quillmere::esnText(radio.esn, separated).isSharedWith(text));
+        if (stops) {
+            scene.server->stop();
+        } else {
+            radio.deregisters();
+            scene.settle();
+        }
+        QVERIFY(!QMR::Quillmere::esnText(radio.esn, separated).isSharedWith(text));
+    }
 };
 
 QTEST_GUILESS_MAIN(TestRegistrationOrder)

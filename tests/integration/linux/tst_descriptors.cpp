@@ -17,6 +17,9 @@
 
 namespace {
 
+const QString Connected = QStringLiteral("Application connected from 127.0.0.1");
+const QString Disconnected = QStringLiteral("Application disconnected from 127.0.0.1");
+
 // Holds every file descriptor that the process may still have, but for a number of them.
 class DescriptorShortage
 {
@@ -87,6 +90,43 @@ private slots:
         QTRY_COMPARE(late.bytesAvailable(), 31);
         ScriptedApplication after(server.applicationPort());
         QVERIFY(after.sees(radio, QMR::Registered, QByteArray::fromHex("01")));
+    }
+
+    // The applications may have all but a reserve, so that what is acknowledged can be stored. Again and
+    // again: the system's refusal is not waited for.
+    void applicationsLeaveAReserve()
+    {
+        constexpr int Reserve = 16;
+        constexpr int Acceptable = 20; // each takes a descriptor at both its ends here
+        constexpr int Waiting = 5;
+        TestServer server;
+        server.start();
+        ScriptedRadio radio(server.registrationPort(), 1);
+        for (char round = 1; round <= 3; ++round) {
+            const DescriptorShortage shortage(2 * Acceptable + Reserve);
+            std::vector<std::unique_ptr<QTcpSocket>> clients;
+            for (int i = 0; i < Acceptable + Waiting; ++i) {
+                clients.push_back(std::make_unique<QTcpSocket>());
+                clients.back()->connectToHost(QHostAddress::LocalHost, server.applicationPort());
+                QTRY_COMPARE(clients.back()->state(), QAbstractSocket::ConnectedState);
+                QTRY_COMPARE(server.log.count(Connected), std::min(i + 1, Acceptable));
+            }
+            radio.registers(QByteArray(1, round));
+            QVERIFY(radio.isAcknowledged());
+            QCOMPARE(server.log.takeMessages(),
+                     QStringList(Acceptable, Connected) + QStringList(radio.registeredText()));
+            QCOMPARE(server.query(QStringLiteral("SELECT service FROM supported_services")),
+                     QList<QVariantList>{QVariantList{int{round}}});
+
+            // Some go, and one has its place: the waiting ones have taken from the reserve.
+            constexpr int Leaving = Waiting / 2 + 1;
+            clients.erase(clients.begin(), clients.begin() + Leaving);
+            QTRY_COMPARE(server.log.count(Connected), 2 * Leaving - Waiting);
+            QCOMPARE(server.log.count(Disconnected), Leaving);
+            clients.clear();
+            QTRY_COMPARE(server.log.count(Disconnected), Acceptable + Waiting);
+            server.log.take();
+        }
     }
 
     // Qt stops accepting for good only when the very first accept fails: a later failure looks to it like the
