@@ -49,8 +49,10 @@ need() {
     fi
 }
 
-# build PRESET: configures and builds it.
+# build PRESET [TARGET...]: configures and builds it, or only what is named of it.
 build() {
-    cmake --preset "$1" >/dev/null
-    cmake --build --preset "$1"
+    local preset=$1
+    shift
+    cmake --preset "$preset" >/dev/null
+    cmake --build --preset "$preset" ${1:+--target "$@"}
 }
