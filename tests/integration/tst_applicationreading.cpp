@@ -249,6 +249,27 @@ private slots:
         QCOMPARE(records.count(BadTypeRecord), Many);
     }
 
+    // What comes while much is still to be read takes up again what a fault in that has stopped, as it does
+    // when it comes afterwards.
+    void arrivalInTheMiddleOfReadingIsOneOfItsOwn()
+    {
+        constexpr int Many = 1500;
+        application->sends(Marker.repeated(Many) + QByteArray(8, 'x') + Marker);
+        server->log.whenWritten([this](const LogRecord &) {
+            const qsizetype records = server->log.records().size();
+            if (records == 1) {
+                application->sends(Marker);
+            }
+            if (records < 4) {
+                QTest::qSleep(5); // ends the application's turn, so that the socket has its own
+            }
+        });
+        QTRY_COMPARE(server->log.records().size(), Many + 3);
+        server->log.whenWritten({});
+        QCOMPARE(server->log.takeMessages(),
+                 (QStringList(Many, BadType) + QStringList{BadHeader, BadType, BadType}));
+    }
+
     // More than a turn of reading, and then the end of the connection.
     void allThatHasArrivedIsReadBeforeTheEnd()
     {
