@@ -136,12 +136,12 @@ void ApplicationManager::socketError(ApplicationConnection *application, QAbstra
 // What has arrived before the end is read first, in the application's turn where there is much of it.
 void ApplicationManager::end(ApplicationConnection *application, const QString &warning)
 {
-    // What leaves with the commit may meet the same error.
-    server->commitWrites();
     if (application->hasEnded()) {
         return;
     }
+    // First: what leaves with the commit must not be written to it any more.
     application->end(warning);
+    server->commitWrites();
     if (application->hasMessage()) {
         beBusy(application);
     } else if (!application->isBusy()) {
