@@ -1,13 +1,14 @@
 # SPDX-FileCopyrightText: 2026 The Quillmere developers
 # SPDX-License-Identifier: MIT
 
-"""The built server, run in the foreground with a data folder of its own."""
+"""The built server, run with a data folder of its own, in the foreground or as a service."""
 
 import ctypes
 import json
 import os
 import pathlib
 import signal
+import socket
 import subprocess
 import tempfile
 import time
@@ -49,18 +50,31 @@ class Server:
         self.environment = dict(os.environ, QUILLMERE_APPDATA=str(folder), QUILLMERE_EVENTLOG=str(self.event_log))
         self.environment.update(environment)
         self.command = [*launcher, str(program), "-exec"]
+        self.error_output = None  # where it goes to, if not to this run's
         self.process = None
 
     def start(self):
         """Returns when both ports are open; the records are those of this run."""
         self.event_log.write_bytes(b"")
-        self.process = subprocess.Popen(self.command, env=self.environment, preexec_fn=die_with_this_run)
+        self.process = subprocess.Popen(self.command, env=self.environment, preexec_fn=die_with_this_run,
+                                        stderr=self.error_output)
         wait_for(self.is_started, "the server to start", pause=0.002)
 
     def is_started(self):
         if self.process.poll() is not None:
             raise AssertionError(f"the server has ended with {self.process.returncode}")
         return any("Service started" in record for record in self.records())
+
+    def stop(self):
+        """As systemd does it; gives the exit status. One that runs in the foreground does not take it as a stop."""
+        self.process.send_signal(signal.SIGTERM)
+        process, self.process = self.process, None
+        try:
+            return process.wait(PATIENCE)
+        except subprocess.TimeoutExpired:
+            process.kill()
+            process.wait()
+            raise AssertionError("the server does not stop") from None
 
     def kill(self):
         if self.process:
@@ -71,3 +85,30 @@ class Server:
     def records(self):
         lines = self.event_log.read_text(encoding="utf-8").splitlines(keepends=True)
         return [json.loads(line)["message"] for line in lines if line.endswith("\n")]
+
+    def forget_records(self):
+        os.truncate(self.event_log, 0)
+
+    def resident(self):
+        """Bytes of its memory that are resident."""
+        status = pathlib.Path(f"/proc/{self.process.pid}/status").read_text(encoding="ascii")
+        return int(status.partition("VmRSS:")[2].split()[0]) * 1024
+
+    def descriptors(self):
+        return len(os.listdir(f"/proc/{self.process.pid}/fd"))
+
+    def ticks(self):
+        """Of processor time so far."""
+        fields = pathlib.Path(f"/proc/{self.process.pid}/stat").read_text(encoding="ascii").rpartition(")")[2].split()
+        return int(fields[11]) + int(fields[12])
+
+
+class Service(Server):
+    """The server as systemd runs it: it can be stopped. A launcher has to become the program itself."""
+
+    def __init__(self, program, folder, settings="", launcher=(), environment=()):
+        super().__init__(program, folder, settings, launcher, environment)
+        self.command.remove("-exec")
+        self.notified = socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM)
+        self.environment["NOTIFY_SOCKET"] = str(folder / "notify")
+        self.notified.bind(self.environment["NOTIFY_SOCKET"])

@@ -1,0 +1,105 @@
+#!/usr/bin/env python3
+# SPDX-FileCopyrightText: 2026 The Quillmere developers
+# SPDX-License-Identifier: MIT
+
+"""Applications that send without end, in a process of their own: sender.py KIND PORT CONNECTIONS
+
+Says so when all are connected, and how many bytes they have sent when the server has gone.
+"""
+
+import os
+import selectors
+import socket
+import struct
+import subprocess
+import sys
+import time
+
+PIECE = 0.02  # seconds from byte to byte of a trickle
+BLOCK = 1 << 16
+
+# Of what the tests' first radio is: 127.1.0.1.
+REPORT = b"QMRA\x04\x02" + struct.pack("<H", 12) + b"load\x00\x00\x00\x00" + bytes([1, 0, 1, 127])
+VALID = b"QMRA\x04\x03\x00\x00" + b"QMRA\x04\x03" + struct.pack("<H", 277) + bytes(277)  # of the type that is ignored
+RUBBISH = b"rubbish!"
+
+TRICKLE, FLOOD, RUBBISH_FLOOD = "trickle", "flood", "rubbish"
+
+
+class Sender:
+    """Below the server in priority: two processors are to do for both."""
+
+    def __init__(self, kind, port, connections, preexec):
+        def prepare():
+            preexec()
+            os.nice(10)
+
+        self.kind = kind
+        command = [sys.executable, "-B", os.path.abspath(__file__), kind, str(port), str(connections)]
+        self.process = subprocess.Popen(command, stdout=subprocess.PIPE, preexec_fn=prepare)
+        if self.process.stdout.readline() != b"connected\n":
+            raise AssertionError(f"{kind}: cannot connect")
+
+    def is_sending(self):
+        return self.process.poll() is None
+
+    def bytes_sent(self):
+        """Once the server has gone."""
+        return int(self.process.communicate()[0])
+
+    def kill(self):
+        self.process.kill()
+        self.process.wait()
+        self.process.stdout.close()
+
+
+def trickle(applications):
+    """A report after the other, byte by byte; each begins with half a header."""
+    sent = len(REPORT[:4]) * len(applications)
+    for application in applications:
+        application.sendall(REPORT[:4])
+    position, due = 4, time.monotonic()
+    try:
+        while True:
+            due += PIECE
+            time.sleep(max(due - time.monotonic(), 0))
+            for application in applications:
+                application.sendall(REPORT[position:position + 1])
+            sent += len(applications)
+            position = (position + 1) % len(REPORT)
+    except OSError:
+        return sent
+
+
+def flood(applications, message):
+    content = message * (BLOCK // len(message))
+    selector, positions, sent = selectors.DefaultSelector(), {}, 0
+    for application in applications:
+        selector.register(application, selectors.EVENT_WRITE)
+        positions[application] = 0
+    try:
+        while True:
+            for key, _ in selector.select():
+                position = positions[key.fileobj]
+                count = key.fileobj.send(memoryview(content)[position:])
+                positions[key.fileobj] = (position + count) % len(content)
+                sent += count
+    except OSError:
+        return sent
+
+
+def main():
+    kind, port, connections = sys.argv[1], int(sys.argv[2]), int(sys.argv[3])
+    applications = [socket.create_connection(("127.0.0.1", port)) for _ in range(connections)]
+    print("connected", flush=True)
+    if kind == TRICKLE:
+        sent = trickle(applications)
+    else:
+        for application in applications:
+            application.setblocking(False)
+        sent = flood(applications, VALID if kind == FLOOD else RUBBISH)
+    print(sent)
+
+
+if __name__ == "__main__":
+    main()
