@@ -5,12 +5,22 @@
 
 namespace QMR {
 
-void OwedWrites::owe(const Esn &esn, RowWrite::Kind failed)
+void OwedWrites::owe(const Esn &esn, RowWrite::Kind failed, bool isAlone)
 {
-    Debt &debt = debts[esn];
-    // Once a row may be missing, a later failure does not bring it there.
-    if (debt != Debt::Insert) {
-        debt = failed == RowWrite::Insert ? Debt::Insert : Debt::Change;
+    const Debt before = of(esn);
+    if (!isAlone) {
+        debts[esn] = Debt::Unknown;
+    } else if (failed == RowWrite::Delete) {
+        // What has never been stored is not to be deleted: radios that only came and went leave nothing.
+        if (before == Debt::Insert) {
+            settle(esn);
+        } else {
+            debts[esn] = Debt::Change;
+        }
+    } else if (before == Debt::None) {
+        debts[esn] = failed == RowWrite::Insert ? Debt::Insert : Debt::Change;
+    } else if (before == Debt::Change && failed == RowWrite::Insert) {
+        debts[esn] = Debt::Unknown;
     }
 }
 

@@ -16,11 +16,14 @@ class OwedWrites
 public:
     enum class Debt : quint8 {
         None,
-        Change, // the row was there: it is to be changed, or deleted
-        Insert, // the row may never have been there
+        Change,  // the row is there: it is to be changed, or deleted
+        Insert,  // no row is there
+        Unknown, // one may be there or not
     };
 
-    void owe(const Esn &esn, RowWrite::Kind failed);
+    // isAlone: of the radio's writes all before this one have been stored or have failed, and none behind it
+    // has been tried.
+    void owe(const Esn &esn, RowWrite::Kind failed, bool isAlone);
     void settle(const Esn &esn) { debts.erase(esn); }
 
     bool isEmpty() const { return debts.empty(); }

@@ -54,7 +54,8 @@ bool RowWriter::update(const SubscriberRow &row, OwedWrites::Debt debt)
 {
     const std::optional<qint64> id = statements.selectId.firstValue({toBlob(row.esn.bytes)});
     if (!id) {
-        return debt == OwedWrites::Debt::Insert && !insert(row);
+        const bool isExpected = debt == OwedWrites::Debt::Insert || debt == OwedWrites::Debt::Unknown;
+        return isExpected && !insert(row);
     }
     return statements.updateSubscriber.run(
                {toBlob(row.suid.bytes), qint64{row.address}, qint64{row.availability}, row.lastContact,

@@ -85,8 +85,8 @@ void WriteGroup::commitTransaction()
     const int resultCode = lastResult();
     rollBack();
     if (written.size() == 1) {
-        fail(written.front(), lastStep(written.front().kind), resultCode);
-        written.clear();
+        const RowWrite write = std::exchange(written, {}).front();
+        fail(write, lastStep(write.kind), resultCode);
     } else {
         writeAgain();
     }
@@ -194,10 +194,14 @@ void WriteGroup::fail(const RowWrite &write, WriteStep step, int resultCode)
         lockMet = true;
     }
     if (Sqlite::isPassing(resultCode)) {
-        owedWrites.owe(write.row.esn, write.kind);
+        bool isAlone = write.isLatest;
         for (RowWrite &earlier : written) {
-            earlier.isLatest = earlier.isLatest && earlier.row.esn != write.row.esn;
+            if (earlier.row.esn == write.row.esn) {
+                earlier.isLatest = false;
+                isAlone = false;
+            }
         }
+        owedWrites.owe(write.row.esn, write.kind, isAlone);
     } else if (resultCode == SQLITE_OK || (write.isRetry && Sqlite::isRefusal(resultCode))) {
         // There is no row to change, or it is not wanted. Any other failure leaves an older debt as it is.
         owedWrites.settle(write.row.esn);

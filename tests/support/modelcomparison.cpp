@@ -3,6 +3,7 @@
 
 #include "tests/support/modelcomparison.h"
 
+#include "db/writegroup.h"
 #include "tests/support/serverdatabase.h"
 
 #include <QCoreApplication>
@@ -66,6 +67,15 @@ std::vector<Esn> esnsOf(const Queue &queue)
     std::vector<Esn> esns;
     for (const QMR::RadioPointer &radio : queue) {
         esns.push_back(radio->esn);
+    }
+    return esns;
+}
+
+std::vector<Esn> esnsOf(const QMR::OwedWrites &debts)
+{
+    std::vector<Esn> esns;
+    for (auto esn = debts.first(); esn; esn = debts.after(*esn)) {
+        esns.push_back(*esn);
     }
     return esns;
 }
@@ -222,6 +232,11 @@ void ModelComparison::compareRows()
     rows->finish(); // a reader would hold up the server's next commit
     if (stored != model.rows) {
         differs(u"rows"_s, textOf(stored), textOf(model.rows));
+    }
+    const auto owed = esnsOf(server->writeGroup()->owed());
+    const std::vector<Esn> expected(model.owed.begin(), model.owed.end());
+    if (owed != expected) {
+        differs(u"owed rows"_s, textOf(owed), textOf(expected));
     }
 }
 

@@ -7,7 +7,6 @@
 #include "tests/support/serverdatabase.h"
 
 #include <QCoreApplication>
-#include <QTimerEvent>
 
 #include <array>
 
@@ -378,9 +377,8 @@ void ModelScenario::retryExpires()
             }
         },
         [&] {
-            QTimerEvent expired(server->nextRetry().timerId());
             retrying = true;
-            QCoreApplication::sendEvent(const_cast<QTimer *>(&server->nextRetry()), &expired);
+            server.expireRetry();
             retrying = false;
         });
 }

@@ -370,6 +370,8 @@ void RegistrationModel::remove(const Esn &esn)
 {
     if (!isRefused(esn, u"Database delete error"_s)) {
         rows.erase(esn);
+    } else if (!rows.contains(esn)) {
+        owed.erase(esn); // there is nothing to delete
     }
 }
 

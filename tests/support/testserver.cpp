@@ -3,10 +3,12 @@
 
 #include "tests/support/testserver.h"
 
+#include <QCoreApplication>
 #include <QSqlError>
 #include <QSqlQuery>
 #include <QSqlRecord>
 #include <QTcpServer>
+#include <QTimerEvent>
 #include <QUdpSocket>
 
 namespace {
@@ -84,6 +86,12 @@ void TestServer::expire(const char *slot) const
     if (!QMetaObject::invokeMethod(server.get(), slot, Qt::DirectConnection)) {
         qFatal("no slot %s", slot);
     }
+}
+
+void TestServer::expireRetry() const
+{
+    QTimerEvent expired(server->nextRetry().timerId());
+    QCoreApplication::sendEvent(const_cast<QTimer *>(&server->nextRetry()), &expired);
 }
 
 QList<QVariantList> TestServer::query(const QString &statement) const

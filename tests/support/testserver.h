@@ -47,6 +47,8 @@ public:
     void expireDiscovery() const { expire("eventDiscoveryTimerExpired"); }
     void expireHeartbeat() const { expire("eventHeartbeatTimerExpired"); }
     void expireTimeoutCheck() const { expire("eventTimeoutCheckTimerExpired"); }
+    // The same for the timer of the writes that are owed.
+    void expireRetry() const;
 
     // Reads and writes the database through a connection of the test's own.
     QList<QVariantList> query(const QString &statement) const;
