@@ -2,15 +2,12 @@
 // SPDX-License-Identifier: MIT
 
 #include "db/writegroup.h"
-#include "tests/support/databaselock.h"
 #include "tests/support/otherconnection.h"
 #include "tests/support/scriptedradio.h"
 #include "tests/support/serverdatabase.h"
 #include "tests/support/testserver.h"
 
 #include <QtTest>
-
-#include <thread>
 
 using namespace Qt::StringLiterals;
 
@@ -79,35 +76,6 @@ class TestOwedWrites : public QObject
     Q_OBJECT
 
 private slots:
-    void shortLockIsWaitedFor()
-    {
-        TestServer server;
-        server.startWithoutDiscovery();
-        registers(server, First, 1);
-        server.log.take();
-        QStringList failed{u"none yet"_s};
-        // On a slow machine the lock may outlast the patience.
-        for (int tries = 0; tries < 20 && !failed.isEmpty(); ++tries) {
-            DatabaseLock lock(server.folder.databaseFile(), DatabaseLock::Reserved);
-            std::thread holder;
-            {
-                const StatementTrace trace([&](const QString &) {
-                    if (!holder.joinable()) {
-                        holder = std::thread([&lock] {
-                            std::this_thread::sleep_for(std::chrono::milliseconds(20));
-                            lock.release();
-                        });
-                    }
-                });
-                registers(server, First, 2);
-            }
-            holder.join();
-            failed = errors(server);
-        }
-        QCOMPARE(failed, QStringList());
-        QCOMPARE(rows(server), QStringList{u"01 state 3 at 2 [2]"_s});
-    }
-
     void lockCostsNoRadioItsRow_data()
     {
         QTest::addColumn<QString>("kind");

@@ -8,9 +8,9 @@
 #include <QtTest>
 
 #include <limits>
-#include <thread>
 
 using namespace Qt::StringLiterals;
+using namespace std::chrono_literals;
 using QMR::RadioEntry;
 
 namespace {
@@ -77,20 +77,12 @@ private slots:
         StoredRadio{.services = {1, 2}}.store(server);
         setBusyTimeout(0);
         DatabaseLock lock(server.folder.databaseFile(), DatabaseLock::Exclusive);
-        std::thread holder;
         std::list<QMR::RadioPointer> radios;
         {
-            const StatementTrace trace([&](const QString &) {
-                if (!holder.joinable()) {
-                    holder = std::thread([&] {
-                        std::this_thread::sleep_for(std::chrono::milliseconds(100));
-                        lock.release();
-                    });
-                }
-            });
+            const StatementTrace trace([&lock](const QString &) { lock.releaseAfter(100ms); });
             server->loadSubscribers(radios);
         }
-        holder.join();
+        lock.release();
         QCOMPARE(radios.size(), size_t{1});
         QCOMPARE(radios.front()->supportedServices, (QMR::ServiceList{1, 2}));
         QCOMPARE(server.log.take(), QList<LogRecord>());

@@ -30,7 +30,7 @@ void DatabaseLock::Close::operator()(sqlite3 *connection) const
 DatabaseLock::Connection DatabaseLock::open(const QString &databaseFile)
 {
     sqlite3 *connection = nullptr;
-    // Serialised, since another thread may end what this one began.
+    // Serialised, since a thread may end what another began.
     if (sqlite3_open_v2(databaseFile.toUtf8().constData(), &connection,
                         SQLITE_OPEN_READWRITE | SQLITE_OPEN_FULLMUTEX, nullptr) != SQLITE_OK) {
         qFatal("cannot open %s", qPrintable(databaseFile));
@@ -75,6 +75,31 @@ void DatabaseLock::execute(const char *statement)
 }
 
 void DatabaseLock::release()
+{
+    {
+        const std::lock_guard guard(mutex);
+        isOver = true;
+    }
+    changed.notify_all();
+    if (waiting.joinable()) {
+        waiting.join();
+    }
+    end();
+}
+
+void DatabaseLock::releaseAfter(std::chrono::milliseconds delay)
+{
+    if (waiting.joinable()) {
+        return;
+    }
+    waiting = std::thread([this, delay] {
+        std::unique_lock guard(mutex);
+        changed.wait_for(guard, delay, [this] { return isOver; });
+        end();
+    });
+}
+
+void DatabaseLock::end()
 {
     if (holder) {
         reader.reset();

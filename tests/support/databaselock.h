@@ -5,7 +5,11 @@
 
 #include <QString>
 
+#include <chrono>
+#include <condition_variable>
 #include <memory>
+#include <mutex>
+#include <thread>
 
 struct sqlite3;
 
@@ -28,8 +32,10 @@ public:
 
     // Runs SQL on the connection that holds it.
     void execute(const char *statement);
-    // Ends it for good, and commits what it wrote. Any thread may call it, one at a time.
+    // Ends it for good, and commits what it wrote.
     void release();
+    // The same from a thread of its own, unless it is released before; the first call counts.
+    void releaseAfter(std::chrono::milliseconds delay);
 
 private:
     struct Close
@@ -39,7 +45,13 @@ private:
     using Connection = std::unique_ptr<sqlite3, Close>;
 
     static Connection open(const QString &databaseFile);
+    void end();
 
     Connection holder;
     Connection reader; // what a Pending lock waits for
+
+    std::thread waiting;
+    std::mutex mutex;
+    std::condition_variable changed;
+    bool isOver = false;
 };
