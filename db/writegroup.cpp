@@ -30,7 +30,6 @@ WriteGroup::WriteGroup(sqlite3 *database, std::function<void(WriteStep)> failed,
       reportStored(std::move(stored))
 {
     sqlite3_busy_handler(connection, waitForLock, this);
-    dueTimer.setSingleShot(true);
     dueTimer.setTimerType(Qt::PreciseTimer);
     dueTimer.setInterval(MaximumAge);
     QObject::connect(&dueTimer, &QTimer::timeout, &dueTimer, [this] { commit(); });
@@ -82,14 +81,8 @@ void WriteGroup::commitTransaction()
         written.clear();
         return;
     }
-    const int resultCode = lastResult();
     rollBack();
-    if (written.size() == 1) {
-        const RowWrite write = std::exchange(written, {}).front();
-        fail(write, lastStep(write.kind), resultCode);
-    } else {
-        writeAgain();
-    }
+    writeAgain();
 }
 
 void WriteGroup::end()

@@ -3,12 +3,14 @@
 
 #include "db/writegroup.h"
 #include "tests/support/connections.h"
+#include "tests/support/databaselock.h"
 #include "tests/support/eventloop.h"
 #include "tests/support/scriptedapplication.h"
 #include "tests/support/scriptedradio.h"
 #include "tests/support/serverdatabase.h"
 #include "tests/support/testserver.h"
 
+#include <QSqlQuery>
 #include <QtTest>
 
 using namespace Qt::StringLiterals;
@@ -179,6 +181,24 @@ private slots:
         QCOMPARE(server.query(u"SELECT count(*) FROM subscribers"_s).value(0).value(0).toInt(), turns);
     }
 
+    void groupEndsNoEarlierThanItMust()
+    {
+        const NoGroupFallsDue hold;
+        TestServer server;
+        server.startWithoutDiscovery();
+        int turns = 0;
+        // A group in which the machine paused is too old.
+        for (int tries = 0; tries < 50 && turns < 256; ++tries) {
+            turns = 0;
+            do {
+                QMR::WriteTurn turn(server->writeGroup(), QMR::WriteTurn::Continue);
+                turn.keepOpen();
+                ++turns;
+            } while (server->writeGroup()->isOpen() && turns < 1000);
+        }
+        QCOMPARE(turns, 256);
+    }
+
     void keptGroupFallsDueByItself()
     {
         TestServer server;
@@ -230,6 +250,7 @@ private slots:
         QCOMPARE(rowsAtRecord, 1);
         burst.server.log.whenWritten({});
         QVERIFY(!burst.server.query(u"SELECT * FROM subscribers WHERE hex(esn) LIKE '%01'"_s).isEmpty());
+        QVERIFY(!burst.server->holdsBack());
     }
 
     void refusedWriteFailsAlone_data()
@@ -329,6 +350,47 @@ private slots:
         QCOMPARE(burst.stored(2), (QList<int>{1, 2, 3, 4, 5}));
     }
 
+    void loneWriteWhoseCommitIsRefusedIsDoneOnceMore_data()
+    {
+        QTest::addColumn<int>("refusals");
+        QTest::addColumn<QStringList>("errors");
+        QTest::newRow("and stored") << 1 << QStringList();
+        QTest::newRow("and refused again") << 2 << QStringList{u"Database insert error (3)"_s};
+    }
+
+    void loneWriteWhoseCommitIsRefusedIsDoneOnceMore()
+    {
+        QFETCH(const int, refusals);
+        QFETCH(const QStringList, errors);
+        TestServer server;
+        server.startWithoutDiscovery();
+        const CommitHook hook(refusals);
+        {
+            const QMR::WriteTurn turn(server->writeGroup());
+            server->insertSubscriber({});
+        }
+        QCOMPARE(hook.commits(), 2);
+        QCOMPARE(server.log.takeMessages(), errors);
+        QCOMPARE(server.query(u"SELECT * FROM subscribers"_s).size(), 1 - errors.size());
+    }
+
+    void groupInWhichAllFailedLeavesNothingLocked()
+    {
+        Burst burst(1);
+        burst.server.query(raise(u"INSERT"_s, u"FAIL"_s, 1));
+        setBusyTimeout(0);
+        DatabaseLock reader(burst.server.folder.databaseFile(), DatabaseLock::Shared);
+        {
+            const QMR::WriteTurn turn(burst.server->writeGroup());
+            QMR::RadioEntry radio;
+            radio.esn = burst.radios[0]->esn;
+            burst.server->insertSubscriber(radio);
+        }
+        QCOMPARE(burst.server.log.takeMessages(), QStringList{u"Database insert error (1)"_s});
+        reader.release();
+        burst.server.query(u"UPDATE config SET database_version = 3"_s);
+    }
+
     void eachHasItsRecordWhenNoCommitSucceeds()
     {
         Burst burst(3);
@@ -384,6 +446,9 @@ private slots:
             turn.keepOpen();
         }
         QVERIFY(server.query(u"SELECT * FROM subscribers"_s).isEmpty());
+        // Nothing is left locked either, and nobody waits for a lock on behalf of the group.
+        DatabaseLock other(server.folder.databaseFile(), DatabaseLock::Reserved);
+        QVERIFY(!QSqlQuery(QSqlDatabase::database()).exec(u"BEGIN IMMEDIATE"_s));
     }
 
 private:
