@@ -48,21 +48,23 @@ Debt debt(const TestServer &server)
 }
 
 // From one moment on, in the middle of a transaction too, the server's statements of a kind about radios'
-// rows meet somebody else's lock.
-class LockedStatements
+// rows fail, all of them or the first few; unless told otherwise as if they met somebody else's lock.
+class FailingStatements
 {
 public:
-    explicit LockedStatements(const TestServer &server)
-        : failing(server.folder.databaseFile(), "failing", SQLITE_BUSY, std::numeric_limits<int>::max())
+    explicit FailingStatements(const TestServer &server, int resultCode = SQLITE_BUSY,
+                               int failures = std::numeric_limits<int>::max())
+        : failing(server.folder.databaseFile(), "failing", resultCode, failures)
     {
     }
 
+    // What the trigger would do is only prepared, which is what fails.
     static void begin(const QString &kind)
     {
-        run(u"CREATE TEMP TRIGGER locked BEFORE %1 ON subscribers BEGIN SELECT * FROM failing; END"_s.arg(
-            kind));
+        run(u"CREATE TEMP TRIGGER failing BEFORE %1 ON subscribers WHEN 0 "
+            "BEGIN SELECT * FROM failing; END"_s.arg(kind));
     }
-    static void end() { run(u"DROP TRIGGER IF EXISTS locked"_s); }
+    static void end() { run(u"DROP TRIGGER IF EXISTS failing"_s); }
 
 private:
     static void run(const QString &statement) { runSql(QSqlDatabase::database(), statement); }
@@ -85,9 +87,11 @@ private slots:
         QTest::addColumn<Debt>("debt");
         QTest::newRow("nothing") << QString() << Debt::None;
         QTest::newRow("changed") << u"U"_s << Debt::Change;
+        QTest::newRow("changed twice") << u"UU"_s << Debt::Change;
         QTest::newRow("left") << u"D"_s << Debt::Change;
         QTest::newRow("changed and left") << u"UD"_s << Debt::Change;
         QTest::newRow("came") << u"I"_s << Debt::Insert;
+        QTest::newRow("came twice") << u"II"_s << Debt::Insert;
         QTest::newRow("came and changed") << u"IU"_s << Debt::Insert;
         QTest::newRow("came and left") << u"ID"_s << Debt::None;
         QTest::newRow("came, changed and left") << u"IUD"_s << Debt::None;
@@ -170,7 +174,7 @@ private slots:
         TestServer server;
         server.startWithoutDiscovery();
         registers(server, First, 1);
-        const LockedStatements statements(server);
+        const FailingStatements statements(server);
         {
             const QMR::WriteTurn turn(server->writeGroup());
             registers(server, First, 2);
@@ -191,7 +195,7 @@ private slots:
         server.startWithoutDiscovery();
         server->registerRadio(First, 3, {}, Address, Port, false, {1});
         server->registerRadio(Second, 3, {}, QHostAddress(u"127.0.0.3"_s), Port, false, {1});
-        const LockedStatements statements(server);
+        const FailingStatements statements(server);
         statements.begin(u"UPDATE"_s);
         registers(server, First, 2);
         QCOMPARE(debt(server), Debt::Change);
@@ -218,7 +222,7 @@ private slots:
             registers(server, First, 1);
         }
         QCOMPARE(debt(server), Debt::Insert);
-        const LockedStatements statements(server);
+        const FailingStatements statements(server);
         {
             const QMR::WriteTurn turn(server->writeGroup());
             registers(server, First, 2);
@@ -237,7 +241,7 @@ private slots:
         TestServer server;
         server.startWithoutDiscovery();
         setBusyTimeout(0);
-        const LockedStatements statements(server);
+        const FailingStatements statements(server);
         {
             const DatabaseLock lock(server.folder.databaseFile(), DatabaseLock::Shared);
             const QMR::WriteTurn turn(server->writeGroup());
@@ -251,6 +255,44 @@ private slots:
         server.expireRetry();
         QCOMPARE(rows(server), QStringList{u"01 [2]"_s});
         QVERIFY(server->writeGroup()->owed().isEmpty());
+    }
+
+    void writeThatMayNeedLessByItselfIsTriedSo_data()
+    {
+        QTest::addColumn<int>("resultCode");
+        QTest::addColumn<bool>("again");
+        QTest::newRow("no memory") << SQLITE_NOMEM << true;
+        QTest::newRow("full") << SQLITE_FULL << true;
+        QTest::newRow("cannot open") << SQLITE_CANTOPEN << true;
+        QTest::newRow("somebody else's lock") << SQLITE_BUSY << false;
+        QTest::newRow("refused") << SQLITE_CONSTRAINT << false;
+    }
+
+    void writeThatMayNeedLessByItselfIsTriedSo()
+    {
+        QFETCH(const int, resultCode);
+        QFETCH(const bool, again);
+        TestServer server;
+        server.startWithoutDiscovery();
+        server->registerRadio(First, 3, {}, Address, Port, false, {1});
+        server->registerRadio(Second, 3, {}, QHostAddress(u"127.0.0.3"_s), Port, false, {1});
+        const FailingStatements statements(server, resultCode, 1);
+        server.log.take();
+        StatementTrace trace;
+        {
+            const QMR::WriteTurn turn(server->writeGroup());
+            registers(server, First, 2);
+            statements.begin(u"UPDATE"_s);
+            server->findRadio(Second)->supportedServices = {2};
+            server->updateSubscriber(*server->findRadio(Second));
+        }
+        // The group is stored before the write is tried by itself.
+        QCOMPARE(trace.take().count(u"COMMIT"_s), again ? 2 : 1);
+        QCOMPARE(server.log.count(u"Database write error"_s), again ? 0 : 1);
+        QCOMPARE(rows(server), (QStringList{u"01 [2]"_s, again ? u"02 [2]"_s : u"02 [1]"_s}));
+        QCOMPARE(server->writeGroup()->owed().of(Second),
+                 resultCode == SQLITE_BUSY ? Debt::Change : Debt::None);
+        statements.end();
     }
 
     void lockEndsARoundOfRetries()

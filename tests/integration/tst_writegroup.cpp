@@ -10,6 +10,7 @@
 #include "tests/support/serverdatabase.h"
 #include "tests/support/testserver.h"
 
+#include <QRegularExpression>
 #include <QSqlQuery>
 #include <QtTest>
 
@@ -283,6 +284,25 @@ private slots:
         QCOMPARE(burst.stored(1), QList<int>{3});
     }
 
+    void refusedWriteEndsItsSavepoint()
+    {
+        Burst burst(2);
+        burst.server.query(raise(u"INSERT"_s, u"ABORT"_s, 1));
+        StatementTrace trace;
+        {
+            const QMR::WriteTurn turn(burst.server->writeGroup());
+            for (const auto &radio : burst.radios) {
+                QMR::RadioEntry entry;
+                entry.esn = radio->esn;
+                burst.server->insertSubscriber(entry);
+            }
+        }
+        const QStringList statements = trace.take();
+        QCOMPARE(statements.filter(QRegularExpression(u"^[A-Z ]+( write)?$"_s)),
+                 (QStringList{u"BEGIN IMMEDIATE"_s, u"SAVEPOINT write"_s, u"ROLLBACK TO write"_s,
+                              u"RELEASE write"_s, u"SAVEPOINT write"_s, u"RELEASE write"_s, u"COMMIT"_s}));
+    }
+
     void refusedInsertOfABurstFailsAlone()
     {
         Burst burst(5);
@@ -441,6 +461,7 @@ private slots:
         {
             QMR::WriteGroup group(
                 serverDatabase(), [](QMR::WriteStep) {}, [] {});
+            group.setLockPatience(std::chrono::hours(1));
             QMR::WriteTurn turn(&group, QMR::WriteTurn::Continue);
             group.write({QMR::RowWrite::Insert, QMR::SubscriberRow(QMR::Esn{{1}})});
             turn.keepOpen();
@@ -448,6 +469,7 @@ private slots:
         QVERIFY(server.query(u"SELECT * FROM subscribers"_s).isEmpty());
         // Nothing is left locked either, and nobody waits for a lock on behalf of the group.
         DatabaseLock other(server.folder.databaseFile(), DatabaseLock::Reserved);
+        other.releaseAfter(std::chrono::seconds(10));
         QVERIFY(!QSqlQuery(QSqlDatabase::database()).exec(u"BEGIN IMMEDIATE"_s));
     }
 
