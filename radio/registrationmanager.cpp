@@ -135,9 +135,6 @@ void RegistrationManager::transmit(const Qmrs::Buffer &bytes, qint64 size, const
 
 void RegistrationManager::sendHeldBack()
 {
-    if (heldBack.empty()) {
-        return;
-    }
     std::vector<Outgoing> leaving = std::exchange(heldBack, std::move(spare));
     for (const Outgoing &message : leaving) {
         transmit(message.bytes, message.size, message.destination, message.port);

@@ -3,15 +3,13 @@
 
 #include "db/writegroup.h"
 #include "tests/support/databaselock.h"
-#include "tests/support/failingtable.h"
+#include "tests/support/failingstatements.h"
 #include "tests/support/serverdatabase.h"
 #include "tests/support/testserver.h"
 
 #include <QtTest>
 
 #include <sqlite3.h>
-
-#include <limits>
 
 using namespace Qt::StringLiterals;
 using QMR::OwedWrites;
@@ -46,31 +44,6 @@ Debt debt(const TestServer &server)
 {
     return server->writeGroup()->owed().of(First);
 }
-
-// From one moment on, in the middle of a transaction too, the server's statements of a kind about radios'
-// rows fail, all of them or the first few; unless told otherwise as if they met somebody else's lock.
-class FailingStatements
-{
-public:
-    explicit FailingStatements(const TestServer &server, int resultCode = SQLITE_BUSY,
-                               int failures = std::numeric_limits<int>::max())
-        : failing(server.folder.databaseFile(), "failing", resultCode, failures)
-    {
-    }
-
-    // What the trigger would do is only prepared, which is what fails.
-    static void begin(const QString &kind)
-    {
-        run(u"CREATE TEMP TRIGGER failing BEFORE %1 ON subscribers WHEN 0 "
-            "BEGIN SELECT * FROM failing; END"_s.arg(kind));
-    }
-    static void end() { run(u"DROP TRIGGER IF EXISTS failing"_s); }
-
-private:
-    static void run(const QString &statement) { runSql(QSqlDatabase::database(), statement); }
-
-    FailingTable failing;
-};
 
 } // namespace
 
@@ -174,7 +147,7 @@ private slots:
         TestServer server;
         server.startWithoutDiscovery();
         registers(server, First, 1);
-        const FailingStatements statements(server);
+        const FailingStatements statements(server, SQLITE_BUSY);
         {
             const QMR::WriteTurn turn(server->writeGroup());
             registers(server, First, 2);
@@ -195,7 +168,7 @@ private slots:
         server.startWithoutDiscovery();
         server->registerRadio(First, 3, {}, Address, Port, false, {1});
         server->registerRadio(Second, 3, {}, QHostAddress(u"127.0.0.3"_s), Port, false, {1});
-        const FailingStatements statements(server);
+        const FailingStatements statements(server, SQLITE_BUSY);
         statements.begin(u"UPDATE"_s);
         registers(server, First, 2);
         QCOMPARE(debt(server), Debt::Change);
@@ -222,7 +195,7 @@ private slots:
             registers(server, First, 1);
         }
         QCOMPARE(debt(server), Debt::Insert);
-        const FailingStatements statements(server);
+        const FailingStatements statements(server, SQLITE_BUSY);
         {
             const QMR::WriteTurn turn(server->writeGroup());
             registers(server, First, 2);
@@ -236,12 +209,84 @@ private slots:
         QVERIFY(server->writeGroup()->owed().isEmpty());
     }
 
+    void rowThatMayBeThereIsReplaced()
+    {
+        TestServer server;
+        server.startWithoutDiscovery();
+        const FailingStatements statements(server, SQLITE_BUSY);
+        {
+            const QMR::WriteTurn turn(server->writeGroup());
+            registers(server, First, 1);
+            statements.begin(u"DELETE"_s);
+            server->deregisterRadio(First, Address);
+            statements.end();
+        }
+        QCOMPARE(rows(server), QStringList{u"01 [1]"_s});
+        QCOMPARE(debt(server), Debt::Unknown);
+        server.log.take();
+        registers(server, First, 2);
+        QCOMPARE(server.log.count(u"Database insert error (1)"_s), 0);
+        QCOMPARE(rows(server), QStringList{u"01 [2]"_s});
+        QVERIFY(server->writeGroup()->owed().isEmpty());
+    }
+
+    void rowThatCannotBeReplacedFailsTheInsert()
+    {
+        TestServer server;
+        server.startWithoutDiscovery();
+        registers(server, First, 1);
+        const FailingStatements statements(server, SQLITE_BUSY);
+        statements.begin(u"DELETE"_s);
+        server->deregisterRadio(First, Address);
+        server.log.take();
+        registers(server, First, 2);
+        statements.end();
+        QCOMPARE(server.log.count(u"Database insert error (1)"_s), 1);
+        // The update that follows finds the row.
+        QCOMPARE(rows(server), QStringList{u"01 [2]"_s});
+    }
+
+    void debtOutlastsAFailureOfAnotherKind_data()
+    {
+        QTest::addColumn<int>("resultCode");
+        QTest::addColumn<bool>("isRetry");
+        QTest::newRow("error of a retry") << SQLITE_ERROR << true;
+        QTest::newRow("error of the radio's next write") << SQLITE_ERROR << false;
+        QTest::newRow("refusal of the radio's next write") << SQLITE_CONSTRAINT << false;
+    }
+
+    void debtOutlastsAFailureOfAnotherKind()
+    {
+        QFETCH(const int, resultCode);
+        QFETCH(const bool, isRetry);
+        TestServer server;
+        server.startWithoutDiscovery();
+        registers(server, First, 1);
+        setBusyTimeout(0);
+        const FailingStatements statements(server, resultCode);
+        {
+            const DatabaseLock lock(server.folder.databaseFile(), DatabaseLock::Reserved);
+            registers(server, First, 2);
+        }
+        statements.begin(u"UPDATE"_s);
+        if (isRetry) {
+            server.expireRetry();
+        } else {
+            server->updateSubscriber(*server->findRadio(First));
+        }
+        QCOMPARE(debt(server), Debt::Change);
+        statements.end();
+        server.expireRetry();
+        QCOMPARE(rows(server), QStringList{u"01 [2]"_s});
+        QVERIFY(server->writeGroup()->owed().isEmpty());
+    }
+
     void lostGroupDoesNotForgetItsLastFailure()
     {
         TestServer server;
         server.startWithoutDiscovery();
         setBusyTimeout(0);
-        const FailingStatements statements(server);
+        const FailingStatements statements(server, SQLITE_BUSY);
         {
             const DatabaseLock lock(server.folder.databaseFile(), DatabaseLock::Shared);
             const QMR::WriteTurn turn(server->writeGroup());

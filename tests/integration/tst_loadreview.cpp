@@ -204,6 +204,22 @@ private slots:
         QCOMPARE(hook.commits(), 2);
     }
 
+    void isMoreThanOneTransactionForALargeFleet()
+    {
+        TestServer server;
+        server.start();
+        server.query(u"INSERT INTO subscribers (esn, suid, ip_address, availability, last_contact_time) "
+                     "WITH RECURSIVE number(n) AS (SELECT 0 UNION ALL SELECT n + 1 FROM number LIMIT 20000) "
+                     "SELECT CAST(printf('%08d', n) AS BLOB), x'00', n, 3, %1 FROM number"_s.arg(
+                         server.clock.seconds()));
+        const CommitHook hook;
+        server->loadRadioTable();
+        QCOMPARE(hook.commits(), 2);
+        QCOMPARE(server->radios().size(), size_t{20000});
+        QCOMPARE(server.query(u"SELECT count(*) FROM subscribers WHERE availability = 2"_s),
+                 (QList<QVariantList>{{20000LL}}));
+    }
+
     void failingRadioIsRolledBackAlone_data()
     {
         QTest::addColumn<QString>("obstacle");

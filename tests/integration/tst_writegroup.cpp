@@ -120,6 +120,7 @@ class TestWriteGroup : public QObject
 private slots:
     void newRadioIsInsertedAndUpdatedInOneCommit()
     {
+        const NoGroupFallsDue hold; // nothing further is waiting
         Burst burst(1);
         const CommitHook hook;
         burst.registers();
@@ -198,6 +199,24 @@ private slots:
             } while (server->writeGroup()->isOpen() && turns < 1000);
         }
         QCOMPARE(turns, 256);
+    }
+
+    void groupThatIsOldEndsWithItsNextTurn()
+    {
+        const NoGroupFallsDue hold;
+        TestServer server;
+        server.startWithoutDiscovery();
+        QVERIFY(keepOpen(server));
+        QElapsedTimer age;
+        age.start();
+        while (!age.hasExpired(20)) {
+        }
+        {
+            QMR::WriteTurn turn(server->writeGroup(), QMR::WriteTurn::Continue);
+            turn.keepOpen();
+        }
+        QVERIFY(!server->writeGroup()->isOpen());
+        QCOMPARE(server.query(u"SELECT * FROM subscribers"_s).size(), 1);
     }
 
     void keptGroupFallsDueByItself()
@@ -301,6 +320,29 @@ private slots:
         QCOMPARE(statements.filter(QRegularExpression(u"^[A-Z ]+( write)?$"_s)),
                  (QStringList{u"BEGIN IMMEDIATE"_s, u"SAVEPOINT write"_s, u"ROLLBACK TO write"_s,
                               u"RELEASE write"_s, u"SAVEPOINT write"_s, u"RELEASE write"_s, u"COMMIT"_s}));
+    }
+
+    void writeWithoutItsSavepointFailsAlone_data()
+    {
+        QTest::addColumn<QByteArray>("denied");
+        QTest::addColumn<QString>("error");
+        QTest::newRow("not begun") << QByteArray("BEGIN") << u"Database insert error (1)"_s;
+        QTest::newRow("not released") << QByteArray("RELEASE") << u"Database insert error (3)"_s;
+    }
+
+    void writeWithoutItsSavepointFailsAlone()
+    {
+        QFETCH(const QByteArray, denied);
+        QFETCH(const QString, error);
+        TestServer server;
+        server.startWithoutDiscovery();
+        {
+            const QMR::WriteTurn turn(server->writeGroup());
+            const SavepointDenial denial(denied.constData());
+            server->insertSubscriber({});
+        }
+        QCOMPARE(server.log.takeMessages(), QStringList{error});
+        QVERIFY(server.query(u"SELECT * FROM subscribers"_s).isEmpty());
     }
 
     void refusedInsertOfABurstFailsAlone()

@@ -52,6 +52,13 @@ int denySelect(void *, int action, const char *, const char *, const char *, con
     return action == SQLITE_SELECT ? SQLITE_DENY : SQLITE_OK;
 }
 
+int denySavepoint(void *operation, int action, const char *name, const char *, const char *, const char *)
+{
+    return action == SQLITE_SAVEPOINT && qstrcmp(name, static_cast<const char *>(operation)) == 0
+               ? SQLITE_DENY
+               : SQLITE_OK;
+}
+
 } // namespace
 
 sqlite3 *serverDatabase()
@@ -126,6 +133,16 @@ int CommitObserver::commit(void *observer)
 {
     static_cast<CommitObserver *>(observer)->observed();
     return 0;
+}
+
+SavepointDenial::SavepointDenial(const char *operation)
+{
+    sqlite3_set_authorizer(serverDatabase(), denySavepoint, const_cast<char *>(operation));
+}
+
+SavepointDenial::~SavepointDenial()
+{
+    sqlite3_set_authorizer(serverDatabase(), nullptr, nullptr);
 }
 
 SelectDenial::SelectDenial()

@@ -64,6 +64,16 @@ private:
     std::function<void()> observed;
 };
 
+// While it lives no savepoint can be begun ("BEGIN"), or none be released ("RELEASE"), on the default
+// connection.
+class SavepointDenial
+{
+public:
+    explicit SavepointDenial(const char *operation);
+    ~SavepointDenial();
+    Q_DISABLE_COPY_MOVE(SavepointDenial)
+};
+
 // While it lives no SELECT can be prepared on the default connection.
 class SelectDenial
 {

@@ -1,0 +1,194 @@
+// SPDX-FileCopyrightText: 2026 The Quillmere developers
+// SPDX-License-Identifier: MIT
+
+#include "db/writegroup.h"
+#include "tests/support/databaselock.h"
+#include "tests/support/failingstatements.h"
+#include "tests/support/serverdatabase.h"
+
+#include <QtTest>
+
+#include <sqlite3.h>
+
+using namespace Qt::StringLiterals;
+
+namespace {
+
+constexpr quint16 Port = 9;   // nobody hears the acknowledgements
+constexpr int Many = 5000;    // whose retries take longer than one round may
+constexpr int Rounds = 10000; // which they certainly do not need
+constexpr int Pause = 1000;   // ms between two rounds
+
+QMR::Esn esnOf(int number)
+{
+    return {{1, 0, 0, 0, 0, 0, static_cast<quint8>(number >> 8), static_cast<quint8>(number)}};
+}
+
+QHostAddress addressOf(int number)
+{
+    return QHostAddress(0x7F010000U + static_cast<quint32>(number));
+}
+
+void registers(const TestServer &server, int number, quint32 service = 1)
+{
+    server->registerRadio(esnOf(number), 3, {}, addressOf(number), Port, false, {service});
+}
+
+void registerMany(const TestServer &server)
+{
+    const QMR::WriteTurn turn(server->writeGroup());
+    for (int i = 0; i < Many; ++i) {
+        registers(server, i);
+    }
+}
+
+bool isOwed(const TestServer &server, int number)
+{
+    return server->writeGroup()->owed().of(esnOf(number)) != QMR::OwedWrites::Debt::None;
+}
+
+bool nothingIsOwed(const TestServer &server)
+{
+    return server->writeGroup()->owed().isEmpty();
+}
+
+int stored(const TestServer &server, int service)
+{
+    return server.query(u"SELECT count(*) FROM supported_services WHERE service = %1"_s.arg(service))
+        .value(0)
+        .value(0)
+        .toInt();
+}
+
+} // namespace
+
+// When what is owed is tried again, how much of it at a time, and in which order.
+class TestRetryRounds : public QObject
+{
+    Q_OBJECT
+
+private slots:
+    void timerRunsOnlyWhileSomethingIsOwed()
+    {
+        TestServer server;
+        server.startWithoutDiscovery();
+        setBusyTimeout(0);
+        registers(server, 0);
+        QVERIFY(!server->nextRetry().isActive());
+        {
+            const DatabaseLock lock(server.folder.databaseFile(), DatabaseLock::Reserved);
+            registers(server, 0, 2);
+            QVERIFY(server->nextRetry().isActive());
+            QCOMPARE(server->nextRetry().interval(), Pause);
+            server.expireRetry();
+            QVERIFY(server->nextRetry().isActive());
+            QCOMPARE(server->nextRetry().interval(), Pause);
+        }
+        server.expireRetry();
+        QVERIFY(nothingIsOwed(server));
+        QVERIFY(!server->nextRetry().isActive());
+    }
+
+    void otherCommitsDoNotPutTheRetryOff()
+    {
+        TestServer server;
+        server.startWithoutDiscovery();
+        setBusyTimeout(0);
+        {
+            const DatabaseLock lock(server.folder.databaseFile(), DatabaseLock::Reserved);
+            registers(server, 0);
+        }
+        int changes = 0; // a timer that is armed anew stops first
+        const auto watch =
+            const_cast<QTimer &>(server->nextRetry()).bindableActive().addNotifier([&] { ++changes; });
+        registers(server, 1);
+        QVERIFY(isOwed(server, 0));
+        QCOMPARE(changes, 0);
+        server.expireRetry();
+        QVERIFY(changes > 0);
+    }
+
+    void stopEndsTheRetries()
+    {
+        TestServer server;
+        server.startWithoutDiscovery();
+        setBusyTimeout(0);
+        const DatabaseLock lock(server.folder.databaseFile(), DatabaseLock::Reserved);
+        registers(server, 0);
+        server.stop();
+        QVERIFY(!server->nextRetry().isActive());
+    }
+
+    void roundThatEndedEarlyGoesOnAtOnce()
+    {
+        TestServer server;
+        server.startWithoutDiscovery();
+        setBusyTimeout(0);
+        {
+            const DatabaseLock lock(server.folder.databaseFile(), DatabaseLock::Reserved);
+            registerMany(server);
+        }
+        server.expireRetry();
+        QVERIFY(!isOwed(server, 0));
+        QVERIFY(!nothingIsOwed(server));
+        QCOMPARE(server->nextRetry().interval(), 0);
+        {
+            // A reader lets the round write, but not commit.
+            const DatabaseLock lock(server.folder.databaseFile(), DatabaseLock::Shared);
+            server.expireRetry();
+            QCOMPARE(server->nextRetry().interval(), Pause);
+        }
+    }
+
+    void whatFailsAgainDoesNotKeepTheOthersFromTheirTurn()
+    {
+        TestServer server;
+        server.startWithoutDiscovery();
+        setBusyTimeout(0);
+        registerMany(server);
+        const FailingStatements statements(server, SQLITE_FULL);
+        {
+            const DatabaseLock lock(server.folder.databaseFile(), DatabaseLock::Reserved);
+            for (int i = 0; i < Many - 1; ++i) {
+                registers(server, i, 2);
+            }
+            server->deregisterRadio(esnOf(Many - 1), addressOf(Many - 1));
+        }
+        statements.begin(u"UPDATE"_s);
+        for (int i = 0; i < Rounds && isOwed(server, Many - 1); ++i) {
+            server.expireRetry();
+        }
+        QVERIFY(!isOwed(server, Many - 1));
+        QVERIFY(isOwed(server, 0));
+        QCOMPARE(server->nextRetry().interval(), Pause); // they have all been tried
+        statements.end();
+        for (int i = 0; i < Rounds && !nothingIsOwed(server); ++i) {
+            server.expireRetry();
+        }
+        QVERIFY(nothingIsOwed(server));
+        QCOMPARE(stored(server, 2), Many - 1);
+    }
+
+    void stopTriesThoseTooWhoseTurnIsOver()
+    {
+        TestServer server;
+        server.startWithoutDiscovery();
+        setBusyTimeout(0);
+        {
+            const DatabaseLock lock(server.folder.databaseFile(), DatabaseLock::Reserved);
+            registerMany(server);
+        }
+        server.expireRetry();
+        QVERIFY(!nothingIsOwed(server));
+        {
+            const DatabaseLock lock(server.folder.databaseFile(), DatabaseLock::Reserved);
+            registers(server, 0, 2);
+        }
+        server.stop();
+        QCOMPARE(stored(server, 1), Many - 1);
+        QCOMPARE(stored(server, 2), 1);
+    }
+};
+
+QTEST_GUILESS_MAIN(TestRetryRounds)
+#include "tst_retryrounds.moc"

@@ -1,0 +1,37 @@
+// SPDX-FileCopyrightText: 2026 The Quillmere developers
+// SPDX-License-Identifier: MIT
+
+#pragma once
+
+#include "tests/support/failingtable.h"
+#include "tests/support/testserver.h"
+
+#include <QSqlDatabase>
+
+#include <limits>
+
+// From one moment on, in the middle of a transaction too, the server's statements of a kind about radios'
+// rows fail with a result code of SQLite's, all of them or the first few.
+class FailingStatements
+{
+public:
+    explicit FailingStatements(const TestServer &server, int resultCode,
+                               int failures = std::numeric_limits<int>::max())
+        : table(server.folder.databaseFile(), "failing", resultCode, failures)
+    {
+    }
+
+    // kind: "UPDATE", say. What the trigger would do is only prepared, which is what fails.
+    static void begin(const QString &kind)
+    {
+        run(QStringLiteral("CREATE TEMP TRIGGER failing BEFORE %1 ON subscribers WHEN 0 "
+                           "BEGIN SELECT * FROM failing; END")
+                .arg(kind));
+    }
+    static void end() { run(QStringLiteral("DROP TRIGGER IF EXISTS failing")); }
+
+private:
+    static void run(const QString &statement) { runSql(QSqlDatabase::database(), statement); }
+
+    FailingTable table;
+};
