@@ -14,10 +14,10 @@ using namespace Qt::StringLiterals;
 
 namespace {
 
-constexpr quint16 Port = 9;   // nobody hears the acknowledgements
-constexpr int Many = 5000;    // whose retries take longer than one round may
-constexpr int Rounds = 10000; // which they certainly do not need
-constexpr int Pause = 1000;   // ms between two rounds
+constexpr quint16 Port = 9;  // nobody hears the acknowledgements
+constexpr int Many = 5000;   // whose retries take longer than one round may
+constexpr int Rounds = Many; // each tries one radio at least
+constexpr int Pause = 1000;  // ms between two rounds
 
 QMR::Esn esnOf(int number)
 {
