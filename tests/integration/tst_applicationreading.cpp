@@ -231,6 +231,24 @@ private slots:
         QCOMPARE(server->log.takeMessages(), QStringList(Count, Timeout) + QStringList(Count, BadType));
     }
 
+    // The rest has come, and then nothing: the other's half second ends later.
+    void restThatComesEndsTheWait()
+    {
+        ScriptedApplication other(server->applicationPort());
+        QVERIFY(other.sees(*radio, QMR::Registered));
+        server->log.take();
+        application->sends(message(3, 4).first(5));
+        serverIsIdle();
+        application->sends(message(3, 4).sliced(5));
+        serverIsIdle();
+        other.sends(message(3, 4).first(5));
+        QTRY_COMPARE(server->log.count(Timeout), 1);
+        other.sends(message(3, 4).sliced(5) + Marker);
+        QTRY_COMPARE(server->log.count(BadType), 1);
+        QCOMPARE(server->log.count(Timeout), 1);
+        QCOMPARE(server->log.count(BadHeader), 0);
+    }
+
     // All of it is there before the server looks, and the first has far more of it.
     void applicationsTakeTurns()
     {
