@@ -7,6 +7,8 @@
 
 namespace {
 
+constexpr int Patience = 60'000; // ms
+
 void run(sqlite3 *connection, const char *statement)
 {
     if (sqlite3_exec(connection, statement, nullptr, nullptr, nullptr) != SQLITE_OK) {
@@ -103,6 +105,7 @@ void DatabaseLock::end()
 {
     if (holder) {
         reader.reset();
+        sqlite3_busy_timeout(holder.get(), Patience); // somebody may be reading just now
         run(holder.get(), "COMMIT");
         holder.reset();
     }
