@@ -26,7 +26,7 @@ ApplicationConnection::ApplicationConnection(QTcpSocket *socket)
     waitTimer.setSingleShot(true);
     waitTimer.setTimerType(Qt::PreciseTimer);
     waitTimer.setInterval(LongestWait);
-    connect(&waitTimer, &QTimer::timeout, this, &ApplicationConnection::waitEnded);
+    connect(&waitTimer, &QTimer::timeout, this, &ApplicationConnection::endWait);
 }
 
 // An arrival is taken in when it comes, but for one that comes while the arrival before is still being read:
@@ -73,6 +73,17 @@ void ApplicationConnection::superviseWait()
         waitTimer.start();
     } else {
         waitTimer.stop();
+    }
+}
+
+// When the event loop was held up, a timer can have its turn before the socket has told of what has come.
+void ApplicationConnection::endWait()
+{
+    lookingAgain = true;
+    const bool arrived = stream->waitForReadyRead(0);
+    lookingAgain = false;
+    if (!arrived) {
+        emit waitEnded();
     }
 }
 

@@ -42,6 +42,8 @@ public:
     ApplicationReader::Reading readMessage();
     bool isAwaiting() const { return reader.isAwaiting(); }
     ApplicationReader::Fault giveUpWaiting() { return reader.giveUpWaiting(); }
+    // Whether a time-out is no error of the connection now: it is only looked whether more has arrived.
+    bool isLookingAgain() const { return lookingAgain; }
 
     // What it is told.
 
@@ -79,6 +81,7 @@ signals:
 private:
     bool takeArrival();
     void superviseWait();
+    void endWait();
     bool accept(QByteArrayView notices);
     bool tellOne(QByteArrayView notice, qint64 &allowance);
 
@@ -88,6 +91,7 @@ private:
 
     ApplicationReader reader;
     QTimer waitTimer;
+    bool lookingAgain = false;
     QByteArray rest; // what the socket held when the connection ended
 
     std::optional<Esn> lastOfTable;

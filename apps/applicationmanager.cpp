@@ -126,6 +126,9 @@ void ApplicationManager::applicationDisconnected(ApplicationConnection *applicat
 
 void ApplicationManager::socketError(ApplicationConnection *application, QAbstractSocket::SocketError error)
 {
+    if (error == QAbstractSocket::SocketTimeoutError && application->isLookingAgain()) {
+        return;
+    }
     end(application, error == QAbstractSocket::RemoteHostClosedError
                          ? QString()
                          : u"Network error %1 on connection to %2:%3"_s.arg(
@@ -182,7 +185,10 @@ void ApplicationManager::applicationDataAvailable(ApplicationConnection *applica
 void ApplicationManager::waitEnded(ApplicationConnection *application)
 {
     server->commitWrites();
-    logFault(application->giveUpWaiting());
+    // What leaves with the commit may have met the connection's end, which gives up the wait too.
+    if (!application->hasEnded()) {
+        logFault(application->giveUpWaiting());
+    }
 }
 
 void ApplicationManager::tableProceeds(ApplicationConnection *application)
