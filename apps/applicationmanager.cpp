@@ -154,9 +154,6 @@ void ApplicationManager::end(ApplicationConnection *application, const QString &
 
 void ApplicationManager::finish(ApplicationConnection *application)
 {
-    if (!application->endWarning().isEmpty()) {
-        server->logMessage(application->endWarning(), QtServiceBase::Warning, EventId);
-    }
     removeApplication(&application->socket());
     if (application->isAwaiting()) {
         logFault(application->giveUpWaiting());
@@ -166,6 +163,9 @@ void ApplicationManager::finish(ApplicationConnection *application)
 void ApplicationManager::removeApplication(QTcpSocket *socket)
 {
     const auto entry = applications.find(socket);
+    if (!entry->second->endWarning().isEmpty()) {
+        server->logMessage(entry->second->endWarning(), QtServiceBase::Warning, EventId);
+    }
     server->logMessage(u"Application disconnected from %1"_s.arg(entry->second->peerAddress()),
                        QtServiceBase::Information, EventId);
     QObject::disconnect(socket, nullptr, this, nullptr);

@@ -171,6 +171,28 @@ private slots:
         QCOMPARE(server->log.takeMessages(), expected + QStringList{Disconnected});
     }
 
+    // It has met an error, and is still being read when the server stops.
+    void errorIsLoggedBeforeAStop()
+    {
+        connectApplications(1);
+        QTcpSocket &connection = applications[0]->connection();
+        const QString error =
+            QStringLiteral("Network error 7 on connection to 127.0.0.1:%1").arg(connection.localPort());
+        applications[0]->sends(ScriptedApplication::message(9, QByteArray()).repeated(1500));
+        server->log.whenWritten([](const LogRecord &) { QTest::qSleep(5); }); // ends the turn
+        QVERIFY(runsUntil([this] { return !server->log.records().isEmpty(); }));
+        breakConnection(connection);
+        (*server)->notifyApplications((*server)->findRadio(radio->esn));
+        for (int i = 0; i < 10; ++i) {
+            QCoreApplication::processEvents(); // the server hears of the error
+        }
+        server->log.whenWritten({});
+        QCOMPARE(server->log.count(Disconnected), 0);
+        server->stop();
+        QCOMPARE(server->log.takeMessages().last(3),
+                 (QStringList{error, Disconnected, QStringLiteral("Service stopped")}));
+    }
+
     void applicationThatNeverReadsCostsABoundedMemory()
     {
         connectApplications(1);
