@@ -215,10 +215,11 @@ void ApplicationManager::arrangeTurn()
     }
 }
 
+// It must not end the event loop's turn: on Windows posted events come first, and while there is a next turn
+// the sockets would never have theirs.
 void ApplicationManager::takeTurn()
 {
     turnArranged = false;
-    Platform::endEventLoopTurn();
     server->commitWrites();
     const QDeadlineTimer turnEnd(LongestTurn, Qt::PreciseTimer);
     if (acceptable < AcceptedAtOnce) {

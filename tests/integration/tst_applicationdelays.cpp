@@ -86,6 +86,24 @@ private slots:
         QCOMPARE(server->log.count(Timeout), 1);
     }
 
+    // An application has something to be read in each of many turns of the event loop.
+    void othersAreServedBetweenTheTurnsOfAnApplication()
+    {
+        constexpr int Many = 1500;
+        ScriptedApplication application(server->applicationPort());
+        QVERIFY(application.sees(*radio, QMR::Registered));
+        server->log.take();
+        application.sends(ScriptedApplication::message(2, QByteArray()).repeated(Many));
+        server->log.whenWritten([](const LogRecord &) { QTest::qSleep(3); }); // ends the turn
+        QVERIFY(runsUntil([this] { return server->log.count(BadLength) > 0; }));
+        radio->registers();
+        bool isTimed = false;
+        QTimer::singleShot(1, this, [&isTimed] { isTimed = true; });
+        QVERIFY(runsUntil([&] { return isTimed && radio->hasReceived(); }));
+        server->log.whenWritten({});
+        QVERIFY(server->log.count(BadLength) < Many);
+    }
+
 private:
     // A socket of the test's own stands still for longer than a wait, in a turn of the event loop that has
     // timers to serve behind it.
