@@ -46,7 +46,8 @@ constexpr auto AcceptPause = 1s;
 
 } // namespace
 
-ApplicationManager::ApplicationManager(Quillmere *owner, quint16 port) : server(owner)
+ApplicationManager::ApplicationManager(Quillmere *owner, quint16 port)
+    : server(owner), tableLimit(MaximumUnsentOfTable)
 {
     connect(&tcpServer, &QTcpServer::newConnection, this, &ApplicationManager::applicationConnected);
     connect(&acceptTimer, &QTimer::timeout, this, &ApplicationManager::limitAccepting);
@@ -193,7 +194,7 @@ void ApplicationManager::waitEnded(ApplicationConnection *application)
 
 void ApplicationManager::tableProceeds(ApplicationConnection *application)
 {
-    if (wantsTable(application)) {
+    if (wantsTable(*application)) {
         beBusy(application);
     }
 }
@@ -225,6 +226,7 @@ void ApplicationManager::takeTurn()
     if (acceptable < AcceptedAtOnce) {
         limitAccepting();
     }
+    isLimitOfThisTurn = false;
     while (!busy.empty() && !turnEnd.hasExpired()) {
         ApplicationConnection *const application = busy.front();
         busy.pop_front();
@@ -245,7 +247,10 @@ void ApplicationManager::takeTurn()
 // True: there is more to do for it.
 bool ApplicationManager::serve(ApplicationConnection *application, const QDeadlineTimer &turnEnd)
 {
-    if (wantsTable(application)) {
+    if (wantsTable(*application)) {
+        if (!std::exchange(isLimitOfThisTurn, true)) {
+            limitTables();
+        }
         server->sendRadioTable(*application);
         if (application->isTableSent()) {
             disconnect(&application->socket(), &QTcpSocket::bytesWritten, this, nullptr);
@@ -264,7 +269,7 @@ bool ApplicationManager::serve(ApplicationConnection *application, const QDeadli
         finish(application);
         return false;
     }
-    return wantsTable(application);
+    return wantsTable(*application);
 }
 
 void ApplicationManager::take(const ApplicationReader::Reading &reading)
@@ -347,10 +352,19 @@ void ApplicationManager::sendHeldBack()
     spare = std::move(leaving);
 }
 
-bool ApplicationManager::wantsTable(const ApplicationConnection *application) const
+bool ApplicationManager::wantsTable(const ApplicationConnection &application) const
 {
-    return !application->isTableSent() && !application->hasEnded() &&
-           application->socket().bytesToWrite() <= std::min(MaximumUnsentOfTable, equalShare());
+    return !application.isTableSent() && !application.hasEnded() &&
+           application.socket().bytesToWrite() <= tableLimit;
+}
+
+// Each may have its part of what is left before all together reach their bound. One that reads goes on even
+// when nothing is left: the system holds some of its table, and there is a notice more at a time.
+void ApplicationManager::limitTables()
+{
+    const qint64 left = std::max<qint64>(MaximumUnsentTogether - unsentTogether(), 0);
+    tableLimit =
+        std::min(MaximumUnsentOfTable, left / static_cast<qint64>(std::max<size_t>(applications.size(), 1)));
 }
 
 // What an application may leave unsent even when all together have reached their bound.

@@ -43,6 +43,9 @@ public:
     // for it. One to all is held back, as it is now, while what it tells is not yet stored.
     void sendRadioNotice(std::shared_ptr<RadioEntry> entry, ApplicationConnection *application);
 
+    // Whether more of the radio table may go to an application now.
+    bool wantsTable(const ApplicationConnection &application) const;
+
     // What has been held back leaves, in its order.
     void sendHeldBack();
 
@@ -71,7 +74,7 @@ private:
     void take(const ApplicationReader::Reading &reading);
     void logFault(ApplicationReader::Fault fault) const;
 
-    bool wantsTable(const ApplicationConnection *application) const;
+    void limitTables();
     qint64 equalShare() const;
     qint64 unsentTogether() const;
 
@@ -82,6 +85,8 @@ private:
     std::map<QTcpSocket *, ApplicationConnection *> applications; // the sockets are tcpServer's children
     std::deque<QPointer<ApplicationConnection>> busy;             // in the order of their turns
     bool turnArranged = false;
+    qint64 tableLimit; // bytes of its table that an application may leave unsent
+    bool isLimitOfThisTurn = false;
     std::vector<char> heldBack; // whole notices, one behind the other
     std::vector<char> spare;    // empty, kept for its memory
 };

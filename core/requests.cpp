@@ -18,7 +18,9 @@ void Quillmere::sendRadioTable(ApplicationConnection &application)
 {
     const auto &place = application.tablePlace();
     auto next = place ? radiosByEsn.upper_bound(*place) : radiosByEsn.cbegin();
-    for (int i = 0; i < TableSlice && next != radiosByEsn.cend(); ++i, ++next) {
+    for (int i = 0;
+         i < TableSlice && next != radiosByEsn.cend() && applicationManager->wantsTable(application);
+         ++i, ++next) {
         applicationManager->sendRadioNotice(next->second, &application);
     }
     if (next == radiosByEsn.cend()) {
