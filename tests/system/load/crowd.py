@@ -2,7 +2,7 @@
 # SPDX-FileCopyrightText: 2026 The Quillmere developers
 # SPDX-License-Identifier: MIT
 
-"""A crowd of applications comes, is told, and leaves at once: crowd.py [--applications N] QUILLMERE"""
+"""A crowd of applications comes, is told, and leaves at once, again and again: crowd.py [--applications N] QUILLMERE"""
 
 import pathlib
 import sys
@@ -14,7 +14,25 @@ from foreground import wait_for  # noqa: E402
 from scene import Crowd, Scene, check, limit_descriptors, run, want_descriptors  # noqa: E402
 
 RADIOS = 20
+VISITS = 40  # of a part of them, after one of all
+SETTLED, GROWTH = 3, 4 << 20  # visits, then it grows no more; bytes
 MORE = 200  # descriptors, for everything else
+
+
+def come_and_go(scene, count):
+    """Returns the bytes that were resident while they were there."""
+    with Crowd(scene.ports[1]) as crowd:
+        crowd.connect(count)
+        wanted = scene.table()
+        for _ in range(3):  # the table; a change; another, which shows that nothing came behind the first
+            crowd.receive_until(lambda: all(len(one) >= len(wanted) for one in crowd.received.values()),
+                                "the same at each application")
+            scene.register([RADIOS // 2])
+            wanted += scene.known[RADIOS // 2]
+        crowd.receive_until(lambda: all(len(one) >= len(wanted) for one in crowd.received.values()), "the last change")
+        check(all(one == wanted for one in crowd.received.values()), "an application was told something else")
+        check(scene.server.descriptors() > count, "the descriptors are counted wrong")
+        return scene.server.resident()
 
 
 def test(program, folder, options):
@@ -22,31 +40,23 @@ def test(program, folder, options):
     with Scene(program, folder, limit_descriptors(options.applications + MORE)) as scene:
         scene.register(range(RADIOS))
         before = scene.server.descriptors()
-        with Crowd(scene.ports[1]) as crowd:
-            crowd.connect(options.applications)
-            wanted = scene.table()
-            crowd.receive_until(lambda: all(len(one) >= len(wanted) for one in crowd.received.values()),
-                                "the table at each application")
-            for _ in range(2):  # the second shows that nothing came behind the first
-                scene.register([RADIOS // 2])
-                wanted += scene.known[RADIOS // 2]
-                crowd.receive_until(lambda: all(len(one) >= len(wanted) for one in crowd.received.values()),
-                                    "the change at each application")
-            check(all(one == wanted for one in crowd.received.values()), "an application was told something else")
-            resident = scene.server.resident()
-            check(scene.server.descriptors() >= before + options.applications, "the descriptors are counted wrong")
-        scene.register(range(RADIOS))
-        wait_for(lambda: scene.server.descriptors() <= before, "the server to close what it opened for them")
-        check(scene.server.descriptors() == before, "the server has lost descriptors of its own")
+        resident = []
+        visits = [options.applications] + VISITS * [options.applications // 10]
+        for count in visits:
+            resident.append(come_and_go(scene, count))
+            scene.register(range(RADIOS))
+            wait_for(lambda: scene.server.descriptors() <= before, "the server to close what it opened for them")
+            check(scene.server.descriptors() == before, "the server has lost descriptors of its own")
+        check(resident[-1] - resident[SETTLED] < GROWTH, f"the memory grows from visit to visit: {resident}")
         scene.check_rows()
         scene.stop()
         records = scene.server.records()
         for text in ("Application connected from", "Application disconnected from"):
             count = sum(record.startswith(text) for record in records)
-            check(count == options.applications, f"{count} records of {text}")
+            check(count == sum(visits), f"{count} records of {text}")
         check(not any(record.startswith("Network error") for record in records), "there were network errors")
-        print(f"{options.applications} applications: each was told of {RADIOS} radios and 2 changes; "
-              f"{resident >> 20} MiB were resident, {before} descriptors open before and after")
+        print(f"{options.applications} applications, then {VISITS} times a tenth of them: each was told of {RADIOS} "
+              f"radios and 3 changes; {resident[0] >> 10} KiB were resident, {resident[-1] >> 10} at last")
 
 
 if __name__ == "__main__":

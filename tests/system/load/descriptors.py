@@ -75,8 +75,8 @@ def test(program, folder, options):
                 while crowd.received:
                     lots.append(serve_some(scene, crowd))
             scene.check_rows()
-            print(f"round {number + 1}: {APPLICATIONS} applications served in lots of {lots}; "
-                  f"{len(scene.known)} radios stored, {scene.server.ticks()} ticks of processor time so far", flush=True)
+            print(f"round {number + 1}: {APPLICATIONS} applications served in lots of {lots}; {len(scene.known)} "
+                  f"radios stored, {scene.server.ticks()} ticks of processor time so far", flush=True)
         scene.stop()
 
 

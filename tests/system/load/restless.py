@@ -4,7 +4,7 @@
 
 """Applications that never stop sending: restless.py [--trickling N] [--flooding N] QUILLMERE
 
-Three servers at once: one has applications that send reports byte by byte, one has applications that send valid
+Three servers at once: one has applications that send reports bit by bit, one has applications that send valid
 messages as fast as they are taken, one has such that send rubbish. Each goes on acknowledging radios, lets a pending
 registration lapse and stops in order while they go on sending.
 """

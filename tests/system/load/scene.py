@@ -187,8 +187,8 @@ def run(document, test, options):
     arguments = argparse.ArgumentParser(description=document, formatter_class=argparse.RawDescriptionHelpFormatter)
     arguments.add_argument("program")
     for name, default, text in options:
-        arguments.add_argument(f"--{name}", type=int, default=int(os.environ.get(f"QUILLMERE_LOAD_{name.upper()}", default)),
-                               help=f"{text} (default {default})")
+        from_environment = os.environ.get(f"QUILLMERE_LOAD_{name.upper()}", default)
+        arguments.add_argument(f"--{name}", type=int, default=int(from_environment), help=f"{text} (default {default})")
     chosen = arguments.parse_args()
     began = time.monotonic()
     with memory_folder() as folder:

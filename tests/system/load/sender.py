@@ -15,7 +15,7 @@ import subprocess
 import sys
 import time
 
-PIECE = 0.02  # seconds from byte to byte of a trickle
+PIECE, PAUSE = 5, 0.1  # bytes of a trickle, and seconds to the next ones
 BLOCK = 1 << 16
 
 # Of what the tests' first radio is: 127.1.0.1.
@@ -54,19 +54,17 @@ class Sender:
 
 
 def trickle(applications):
-    """A report after the other, byte by byte; each begins with half a header."""
-    sent = len(REPORT[:4]) * len(applications)
-    for application in applications:
-        application.sendall(REPORT[:4])
-    position, due = 4, time.monotonic()
+    """Reports in pieces, each of which ends in the middle of one: there is always a rest to wait for."""
+    piece, position, sent, due = REPORT[:PIECE - 1], PIECE - 1, 0, time.monotonic()
     try:
         while True:
-            due += PIECE
-            time.sleep(max(due - time.monotonic(), 0))
             for application in applications:
-                application.sendall(REPORT[position:position + 1])
-            sent += len(applications)
-            position = (position + 1) % len(REPORT)
+                application.sendall(piece)
+            sent += len(piece) * len(applications)
+            piece = (REPORT * 2)[position:position + PIECE]
+            position = (position + PIECE) % len(REPORT)
+            due += PAUSE
+            time.sleep(max(due - time.monotonic(), 0))
     except OSError:
         return sent
 
