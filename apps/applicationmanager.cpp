@@ -73,7 +73,6 @@ ApplicationManager::~ApplicationManager()
 void ApplicationManager::applicationConnected()
 {
     Platform::endEventLoopTurn();
-    server->commitWrites();
     while (QTcpSocket *socket = tcpServer.nextPendingConnection()) {
         accept(socket);
         --acceptable;
@@ -84,6 +83,7 @@ void ApplicationManager::applicationConnected()
     arrangeTurn();
 }
 
+// Its turn begins with the radio table.
 void ApplicationManager::accept(QTcpSocket *socket)
 {
     auto *application = new ApplicationConnection(socket);
@@ -99,11 +99,8 @@ void ApplicationManager::accept(QTcpSocket *socket)
             [this, application] { applicationDataAvailable(application); });
     connect(application, &ApplicationConnection::waitEnded, this,
             [this, application] { waitEnded(application); });
-    server->sendRadioTable(*application);
-    if (!application->isTableSent()) {
-        connect(socket, &QTcpSocket::bytesWritten, this, [this, application] { tableProceeds(application); });
-        tableProceeds(application);
-    }
+    connect(socket, &QTcpSocket::bytesWritten, this, [this, application] { tableProceeds(application); });
+    beBusy(application);
 }
 
 // The database and the log are to have descriptors when the applications have taken all others. Qt tells only
@@ -137,19 +134,12 @@ void ApplicationManager::socketError(ApplicationConnection *application, QAbstra
                                QString::number(application->peerPort())));
 }
 
-// What has arrived before the end is read first, in the application's turn where there is much of it.
+// It is dropped in its turn, when what has arrived before the end has been read.
 void ApplicationManager::end(ApplicationConnection *application, const QString &warning)
 {
-    if (application->hasEnded()) {
-        return;
-    }
-    // First: what leaves with the commit must not be written to it any more.
-    application->end(warning);
-    server->commitWrites();
-    if (application->hasMessage()) {
+    if (!application->hasEnded()) {
+        application->end(warning);
         beBusy(application);
-    } else if (!application->isBusy()) {
-        finish(application);
     }
 }
 
@@ -221,6 +211,11 @@ void ApplicationManager::arrangeTurn()
 void ApplicationManager::takeTurn()
 {
     turnArranged = false;
+    // Radios that come together share a commit, however much the applications ask.
+    if (server->commitIsComing()) {
+        arrangeTurn();
+        return;
+    }
     server->commitWrites();
     const QDeadlineTimer turnEnd(LongestTurn, Qt::PreciseTimer);
     if (acceptable < AcceptedAtOnce) {

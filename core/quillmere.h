@@ -157,8 +157,10 @@ public:
     WriteGroup *writeGroup() const { return writes.get(); }
     // Whether what leaves for a radio or an application now has to wait for the commit of that group.
     bool holdsBack() const;
+    // Whether radios that have sent already are about to share the commit that others wait for: within 20 ms.
+    bool commitIsComing() const;
     // Stores what is open; what has been held back for it leaves. To be called first at each event but a
-    // radio's datagram, and by a turn of the group itself.
+    // radio's datagram, and by a turn of the group itself; by applications once no commit is coming.
     void commitWrites();
 
 private slots:

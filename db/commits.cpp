@@ -32,6 +32,11 @@ bool Quillmere::holdsBack() const
     return writes && writes->isOpen();
 }
 
+bool Quillmere::commitIsComing() const
+{
+    return holdsBack() && registrationManager && registrationManager->hasWaiting();
+}
+
 void Quillmere::groupStored()
 {
     // An application that turns out to be gone in the middle of it commits too, as each of its events does.

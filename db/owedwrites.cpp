@@ -8,7 +8,7 @@ namespace QMR {
 void OwedWrites::owe(const Esn &esn, RowWrite::Kind failed, bool isAlone)
 {
     const Debt before = of(esn);
-    if (!isAlone) {
+    if (!isAlone || (before == Debt::Change && failed == RowWrite::Insert)) {
         debts[esn] = Debt::Unknown;
     } else if (failed == RowWrite::Delete) {
         // What has never been stored is not to be deleted: radios that only came and went leave nothing.
@@ -19,8 +19,6 @@ void OwedWrites::owe(const Esn &esn, RowWrite::Kind failed, bool isAlone)
         }
     } else if (before == Debt::None) {
         debts[esn] = failed == RowWrite::Insert ? Debt::Insert : Debt::Change;
-    } else if (before == Debt::Change && failed == RowWrite::Insert) {
-        debts[esn] = Debt::Unknown;
     }
 }
 

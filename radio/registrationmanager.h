@@ -39,6 +39,9 @@ public:
     // What has been held back leaves, in its order.
     void sendHeldBack();
 
+    // Whether a datagram has arrived that is not handled yet.
+    bool hasWaiting() const { return socket.hasPendingDatagrams(); }
+
 private slots:
     void radioMessageReceived();
 
