@@ -6,7 +6,7 @@
 
 Three servers at once: one has applications that send reports bit by bit, one has applications that send valid
 messages as fast as they are taken, one has such that send rubbish. Each goes on acknowledging radios, lets a pending
-registration lapse and stops in order while they go on sending.
+registration lapse and stops in order while they go on sending. Radios that come together still share their commits.
 """
 
 import contextlib
@@ -17,13 +17,14 @@ import time
 sys.dont_write_bytecode = True
 sys.path.insert(0, str(pathlib.Path(__file__).resolve().parent.parent))
 
-from foreground import die_with_this_run  # noqa: E402
+from foreground import die_with_this_run, wait_for  # noqa: E402
 from scene import FIRST_ADDRESS, Scene, check, run  # noqa: E402
 from sender import FLOOD, RUBBISH_FLOOD, TRICKLE, Sender  # noqa: E402
 from wire import PATIENCE, UNCONFIRMED, Application, registration  # noqa: E402
 
 RADIOS = 8
-PENDING = 100  # the radio whose registration is never confirmed
+BURST = 200  # of registrations at once
+PENDING = 1000  # the radio whose registration is never confirmed
 LAPSE = 17  # seconds, then it is forgotten
 SUID = b"\x12\x34\x56\x78\x9a\xbc\xde"
 
@@ -58,7 +59,14 @@ class Target:
         """Of the trickled reports some have to have been understood."""
         return self.has_lapsed and (self.reports > 0 or self.kind != TRICKLE)
 
+    def shares_commits(self):
+        """A burst may come one by one on a busy machine, but not every burst."""
+        before = self.scene.commits()
+        self.scene.register(range(BURST))
+        return self.scene.commits() - before < BURST / 2
+
     def stop(self):
+        wait_for(self.shares_commits, f"{self.kind}: a burst of radios to share commits")
         check(self.sender.is_sending(), f"{self.kind}: nobody sends any more")
         self.scene.stop()
         print(f"{self.kind}: {self.scene.acknowledged} registrations were acknowledged meanwhile, "

@@ -15,6 +15,7 @@ import sys
 sys.dont_write_bytecode = True
 sys.path.insert(0, str(pathlib.Path(__file__).resolve().parent.parent))
 
+from foreground import wait_for  # noqa: E402
 from scene import Crowd, Scene, check, run, want_descriptors  # noqa: E402
 
 RADIOS = 32  # that register at once
@@ -39,6 +40,9 @@ def test(program, folder, options):
         unread.connect(options.unread, (socket.SOL_SOCKET, socket.SO_RCVBUF, RECEIVE_BUFFER),
                        (socket.IPPROTO_TCP, socket.TCP_MAXSEG, SEGMENT))
         (reader,) = readers.received
+        # One that is accepted later finds in its table what the others were told one by one.
+        wait_for(lambda: sum(record.startswith("Application connected") for record in scene.server.records()) ==
+                 options.unread + 1, "all applications to be accepted")
         told = []  # of what all are to be told, in order
 
         def change():
