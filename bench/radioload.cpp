@@ -72,6 +72,27 @@ RadioLoad::Result RadioLoad::atOnce(uint32_t first, uint32_t count)
     return result;
 }
 
+RadioLoad::Result RadioLoad::steady(RadioOrder &radios, uint32_t perSecond,
+                                    const std::function<bool()> &goesOn)
+{
+    begin();
+    QTimer pace;
+    pace.setTimerType(Qt::PreciseTimer);
+    pace.start(1);
+    while (goesOn()) {
+        const double due = static_cast<double>(clock.nsecsElapsed()) / 1e9 * perSecond;
+        while (result.sent < due) {
+            add(radios.next());
+        }
+        send();
+        QCoreApplication::processEvents(QEventLoop::WaitForMoreEvents);
+    }
+    pace.stop();
+    while (awaitMore()) {
+    }
+    return result;
+}
+
 void RadioLoad::begin()
 {
     // A late acknowledgement of what has counted as lost is none of this time's.
@@ -123,8 +144,8 @@ void RadioLoad::acknowledged(QByteArrayView datagram, uint32_t address)
         return;
     }
     lastHeard = clock.nsecsElapsed();
-    result.worstMilliseconds =
-        std::max(result.worstMilliseconds, static_cast<double>(lastHeard - sentAt[radio]) / 1e6);
+    result.milliseconds.push_back(static_cast<double>(lastHeard - sentAt[radio]) / 1e6);
+    result.worstMilliseconds = std::max(result.worstMilliseconds, result.milliseconds.back());
     result.seconds = static_cast<double>(lastHeard) / 1e9;
     ++result.acknowledged;
     sentAt[radio] = NotWaiting;

@@ -10,6 +10,7 @@
 #include <QTimer>
 
 #include <chrono>
+#include <functional>
 #include <vector>
 
 // Radios that register with a server on loopback, each from the address that it is stored with. Any failure
@@ -21,8 +22,9 @@ public:
     {
         uint32_t sent = 0;
         uint32_t acknowledged = 0;
-        double seconds = 0;           // from the first registration to the last acknowledgement
-        double worstMilliseconds = 0; // from a registration to its acknowledgement
+        double seconds = 0;                 // from the first registration to the last acknowledgement
+        double worstMilliseconds = 0;       // from a registration to its acknowledgement
+        std::vector<double> milliseconds{}; // the same of each that was acknowledged
 
         uint32_t lost() const { return sent - acknowledged; }
         double rate() const { return acknowledged / seconds; }
@@ -34,6 +36,8 @@ public:
     // Known radios, so many under way at once, for a time or until each has registered once.
     Result keepUnderWay(RadioOrder &radios, uint32_t window, std::chrono::milliseconds time);
     Result registerEach(RadioOrder &radios, uint32_t window);
+    // Known radios, so many a second, for as long as a condition holds.
+    Result steady(RadioOrder &radios, uint32_t perSecond, const std::function<bool()> &goesOn);
     // Radios first to first + count - 1, each once, as fast as they can be sent.
     Result atOnce(uint32_t first, uint32_t count);
 

@@ -6,8 +6,8 @@
 #include <QProcess>
 #include <QTemporaryDir>
 
-// The server in a process of its own, with a folder of its own that has its database, its settings and its
-// event log. Both go with the object. Any failure ends the run.
+// The server in a process of its own, run as systemd runs it, with a folder of its own that has its database,
+// its settings and its event log. Both go with the object. Any failure ends the run.
 class ServerProcess
 {
 public:
@@ -25,6 +25,9 @@ public:
     double start();
 
     quint16 port() const { return registrationPort; }
+    quint16 applicationPort() const { return listeningPort; }
+    // How many seconds a stop takes.
+    double stop();
     double processorMicroseconds() const; // so far
     qint64 memory() const;                // bytes of it that are resident
 
@@ -32,6 +35,8 @@ private:
     bool hasStarted() const;
 
     const QTemporaryDir folder;
+    int notified = -1; // the socket where systemd would be told of it
     quint16 registrationPort = 0;
+    quint16 listeningPort = 0;
     QProcess process;
 };
