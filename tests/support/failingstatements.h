@@ -22,16 +22,17 @@ public:
     }
 
     // kind: "UPDATE", say. What the trigger would do is only prepared, which is what fails.
-    static void begin(const QString &kind)
+    void begin(const QString &kind) const
     {
         run(QStringLiteral("CREATE TEMP TRIGGER failing BEFORE %1 ON subscribers WHEN 0 "
                            "BEGIN SELECT * FROM failing; END")
                 .arg(kind));
     }
-    static void end() { run(QStringLiteral("DROP TRIGGER IF EXISTS failing")); }
+    void end() const { run(QStringLiteral("DROP TRIGGER IF EXISTS failing")); }
 
 private:
-    static void run(const QString &statement) { runSql(QSqlDatabase::database(), statement); }
+    void run(const QString &statement) const { runSql(connection, statement); }
 
+    QSqlDatabase connection = QSqlDatabase::database(); // the server's own
     FailingTable table;
 };
