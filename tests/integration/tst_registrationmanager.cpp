@@ -280,7 +280,7 @@ private slots:
         other.sends("?");
         // What is sent later is dealt with later.
         ScriptedApplication application(server.applicationPort());
-        QTRY_VERIFY(server.log.records().size() > 0);
+        QTRY_VERIFY(!server.log.records().isEmpty());
         for (int i = 0; i < 100; ++i) {
             QCoreApplication::processEvents();
         }
