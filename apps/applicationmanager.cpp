@@ -83,7 +83,6 @@ void ApplicationManager::applicationConnected()
     arrangeTurn();
 }
 
-// Its turn begins with the radio table.
 void ApplicationManager::accept(QTcpSocket *socket)
 {
     auto *application = new ApplicationConnection(socket);
@@ -100,7 +99,12 @@ void ApplicationManager::accept(QTcpSocket *socket)
     connect(application, &ApplicationConnection::waitEnded, this,
             [this, application] { waitEnded(application); });
     connect(socket, &QTcpSocket::bytesWritten, this, [this, application] { tableProceeds(application); });
-    beBusy(application);
+    // The table shows what is stored, and begins at once unless that has to be waited for.
+    if (!server->commitIsComing()) {
+        server->commitWrites();
+        serveTable(application);
+    }
+    tableProceeds(application);
 }
 
 // The database and the log are to have descriptors when the applications have taken all others. Qt tells only
@@ -239,18 +243,25 @@ void ApplicationManager::takeTurn()
     }
 }
 
+// The next of its table, if it can take it.
+void ApplicationManager::serveTable(ApplicationConnection *application)
+{
+    if (!wantsTable(*application)) {
+        return;
+    }
+    if (!std::exchange(isLimitOfThisTurn, true)) {
+        limitTables();
+    }
+    server->sendRadioTable(*application);
+    if (application->isTableSent()) {
+        disconnect(&application->socket(), &QTcpSocket::bytesWritten, this, nullptr);
+    }
+}
+
 // True: there is more to do for it.
 bool ApplicationManager::serve(ApplicationConnection *application, const QDeadlineTimer &turnEnd)
 {
-    if (wantsTable(*application)) {
-        if (!std::exchange(isLimitOfThisTurn, true)) {
-            limitTables();
-        }
-        server->sendRadioTable(*application);
-        if (application->isTableSent()) {
-            disconnect(&application->socket(), &QTcpSocket::bytesWritten, this, nullptr);
-        }
-    }
+    serveTable(application);
     for (int i = 0; i < MessagesATurn && application->hasMessage(); ++i) {
         if (i > 0 && turnEnd.hasExpired()) {
             return true;

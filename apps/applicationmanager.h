@@ -70,6 +70,7 @@ private:
     void beBusy(ApplicationConnection *application);
     void arrangeTurn();
     void takeTurn();
+    void serveTable(ApplicationConnection *application);
     bool serve(ApplicationConnection *application, const QDeadlineTimer &end);
     void take(const ApplicationReader::Reading &reading);
     void logFault(ApplicationReader::Fault fault) const;

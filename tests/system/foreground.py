@@ -94,6 +94,10 @@ class Server:
         status = pathlib.Path(f"/proc/{self.process.pid}/status").read_text(encoding="ascii")
         return int(status.partition("VmRSS:")[2].split()[0]) * 1024
 
+    def has_a_sanitizer(self):
+        """Its memory is then not the server's own."""
+        return "libasan" in pathlib.Path(f"/proc/{self.process.pid}/maps").read_text(encoding="utf-8")
+
     def descriptors(self):
         return len(os.listdir(f"/proc/{self.process.pid}/fd"))
 

@@ -47,7 +47,8 @@ def test(program, folder, options):
             scene.register(range(RADIOS))
             wait_for(lambda: scene.server.descriptors() <= before, "the server to close what it opened for them")
             check(scene.server.descriptors() == before, "the server has lost descriptors of its own")
-        check(resident[-1] - resident[SETTLED] < GROWTH, f"the memory grows from visit to visit: {resident}")
+        check(scene.server.has_a_sanitizer() or resident[-1] - resident[SETTLED] < GROWTH,
+              f"the memory grows from visit to visit: {resident}")
         scene.check_rows()
         scene.stop()
         records = scene.server.records()
