@@ -25,6 +25,7 @@ constexpr quint16 AttemptLimit = 3;
 // However many radios there are, nobody else waits longer for their turn; the commit that follows comes on
 // top.
 constexpr auto LongestSlice = 5ms;
+constexpr int RadiosALook = 16; // at the clock
 
 // What is left from now to then, 0 when then has passed.
 qint64 millisecondsUntil(const QDateTime &then, const QDateTime &now)
@@ -115,6 +116,7 @@ void Quillmere::continueTimeoutCheck()
     const WriteTurn turn(writes.get());
     const QDeadlineTimer end(LongestSlice, Qt::PreciseTimer);
     auto &[threshold, last] = *timeoutCheckUnderWay;
+    int checked = 0;
     for (auto next = last ? radiosByEsn.upper_bound(*last) : radiosByEsn.begin(); next != radiosByEsn.end();
          ++next) {
         const RadioPointer &radio = next->second;
@@ -123,7 +125,7 @@ void Quillmere::continueTimeoutCheck()
             setAvailability(radio, Unreachable);
         }
         last = next->first;
-        if (end.hasExpired()) {
+        if (++checked % RadiosALook == 0 && end.hasExpired()) {
             QMetaObject::invokeMethod(this, &Quillmere::continueTimeoutCheck, Qt::QueuedConnection);
             return;
         }
@@ -155,10 +157,11 @@ void Quillmere::lapsePending()
     }
     const WriteTurn turn(writes.get());
     const QDeadlineTimer end(LongestSlice, Qt::PreciseTimer);
+    int lapsed = 0;
     while (!heartbeatQueue.empty() && (*heartbeatQueue.begin())->pendingDeadline <= *lapsingUntil) {
         const RadioPointer radio = *heartbeatQueue.begin();
         deregisterPending(radio);
-        if (end.hasExpired()) {
+        if (++lapsed % RadiosALook == 0 && end.hasExpired()) {
             QMetaObject::invokeMethod(this, &Quillmere::lapsePending, Qt::QueuedConnection);
             return;
         }
