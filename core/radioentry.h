@@ -20,6 +20,13 @@ enum Availability : quint32 {
     Registered = 3,  // in contact; not searched for
 };
 
+// The null address, one object for all radios that lack an address: QHostAddress() is a new one each time.
+inline const QHostAddress &noAddress()
+{
+    static const QHostAddress address;
+    return address;
+}
+
 // What the server knows of one radio. Always held through a RadioPointer: the indexes share it with whoever
 // is working on it, and it dies with its last holder.
 struct RadioEntry
@@ -28,8 +35,8 @@ struct RadioEntry
     quint32 protocolVersion = 0;
     Suid suid;
     Suid pendingSuid;
-    QHostAddress address;        // of the confirmed registration; null: none
-    QHostAddress pendingAddress; // of the registration awaiting confirmation; null: none
+    QHostAddress address = noAddress();        // of the confirmed registration; null: none
+    QHostAddress pendingAddress = noAddress(); // of the registration awaiting confirmation; null: none
     quint32 availability = Deregistered;
     quint16 discoveryAttempts = 0; // discovery requests since the radio last answered
     QDateTime lastDiscoveryAttempt;

@@ -154,7 +154,7 @@ void Quillmere::setAvailability(const RadioPointer &radio, quint32 value)
             unscheduleDiscovery(radio);
         }
         radio->availability = Deregistered;
-        setAddresses(radio, QHostAddress(), radio->pendingAddress);
+        setAddresses(radio, noAddress(), radio->pendingAddress);
         if (radio->pendingAddress.isNull()) {
             removeRadio(radio);
         }
@@ -221,7 +221,7 @@ void Quillmere::deregisterPending(const RadioPointer &radio)
 {
     unscheduleHeartbeat(radio);
     logDeregistered(radio->esn, radio->pendingSuid, radio->pendingAddress);
-    setAddresses(radio, radio->address, QHostAddress());
+    setAddresses(radio, radio->address, noAddress());
     if (radio->address.isNull()) {
         removeRadio(radio);
     }
