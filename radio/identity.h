@@ -6,10 +6,10 @@
 #pragma once
 
 #include <QString>
+#include <QVarLengthArray>
 
 #include <array>
 #include <compare>
-#include <vector>
 
 namespace QMR {
 
@@ -39,7 +39,7 @@ struct Suid
     auto operator<=>(const Suid &) const = default;
 };
 
-// Service codes in the order received, duplicates kept.
-using ServiceList = std::vector<quint32>;
+// Service codes in the order received, duplicates kept. The few that a radio has lie in the list itself.
+using ServiceList = QVarLengthArray<quint32, 4>;
 
 } // namespace QMR

@@ -197,7 +197,7 @@ private slots:
     {
         connectApplications(1);
         const RadioPointer entry = (*server)->findRadio(radio->esn);
-        entry->supportedServices.assign(255, 1);
+        entry->supportedServices = QMR::ServiceList(255, 1);
         QTcpSocket stuck;
         stuck.setReadBufferSize(1);
         stuck.connectToHost(QHostAddress::LocalHost, server->applicationPort());

@@ -173,7 +173,7 @@ private:
         radio->esn = esnOf(number);
         radio->address = QHostAddress(0x0A000000 + number);
         radio->lastDiscoveryAttempt = server->clock.now();
-        radio->supportedServices.assign(255, 1);
+        radio->supportedServices = QMR::ServiceList(255, 1);
         radio->pendingServices = radio->supportedServices;
         (*server)->insertRadio(radio);
         set(radio, QMR::Registered);
