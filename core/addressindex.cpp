@@ -10,7 +10,7 @@ namespace QMR {
 namespace {
 
 template<typename Key>
-std::vector<Esn> esnsUnder(const std::set<std::pair<Key, Esn>> &entries, const Key &key)
+std::vector<Esn> esnsUnder(const std::pmr::set<std::pair<Key, Esn>> &entries, const Key &key)
 {
     std::vector<Esn> esns;
     for (auto entry = entries.lower_bound({key, Esn{}}); entry != entries.end() && entry->first == key;

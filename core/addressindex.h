@@ -8,6 +8,7 @@
 #include <QHostAddress>
 
 #include <array>
+#include <memory_resource>
 #include <optional>
 #include <set>
 #include <utility>
@@ -20,6 +21,12 @@ namespace QMR {
 class AddressIndex
 {
 public:
+    // The memory must outlive the index.
+    explicit AddressIndex(std::pmr::memory_resource *memory = std::pmr::get_default_resource())
+        : byValue(memory), valueless(memory)
+    {
+    }
+
     void add(const Esn &esn, const QHostAddress &address, const QHostAddress &pendingAddress);
     // The addresses must be those with which the radio was added.
     void remove(const Esn &esn, const QHostAddress &address, const QHostAddress &pendingAddress);
@@ -38,8 +45,8 @@ private:
     using Ipv6Bytes = std::array<quint8, 16>;
     static std::optional<Ipv6Bytes> valuelessKey(const QHostAddress &address);
 
-    std::set<std::pair<quint32, Esn>> byValue;
-    std::set<std::pair<Ipv6Bytes, Esn>> valueless;
+    std::pmr::set<std::pair<quint32, Esn>> byValue;
+    std::pmr::set<std::pair<Ipv6Bytes, Esn>> valueless;
 };
 
 } // namespace QMR
