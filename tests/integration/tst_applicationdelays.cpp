@@ -9,8 +9,9 @@
 #include "tests/support/scriptedradio.h"
 #include "tests/support/testserver.h"
 
+#include <QTest>
+#include <QTimer>
 #include <QUdpSocket>
-#include <QtTest>
 
 #include <functional>
 #include <memory>

@@ -7,8 +7,10 @@
 #include "tests/support/scriptedradio.h"
 #include "tests/support/testserver.h"
 
+#include <QCoreApplication>
 #include <QRegularExpression>
-#include <QtTest>
+#include <QTest>
+#include <QTimer>
 
 #include <memory>
 #include <vector>

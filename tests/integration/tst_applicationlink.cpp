@@ -6,8 +6,9 @@
 #include "tests/support/scriptedradio.h"
 #include "tests/support/testserver.h"
 
+#include <QCoreApplication>
 #include <QTcpServer>
-#include <QtTest>
+#include <QTest>
 
 #include <memory>
 

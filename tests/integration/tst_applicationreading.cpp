@@ -7,7 +7,8 @@
 #include "tests/support/scriptedradio.h"
 #include "tests/support/testserver.h"
 
-#include <QtTest>
+#include <QTest>
+#include <QTimer>
 
 #include <memory>
 #include <vector>

@@ -5,9 +5,10 @@
 #include "tests/support/scriptedapplication.h"
 #include "tests/support/testserver.h"
 
+#include <QCoreApplication>
 #include <QFileInfo>
 #include <QTcpSocket>
-#include <QtTest>
+#include <QTest>
 
 #include <map>
 #include <memory>

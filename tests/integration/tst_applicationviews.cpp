@@ -4,8 +4,9 @@
 #include "tests/support/applicationview.h"
 #include "tests/support/testserver.h"
 
+#include <QCoreApplication>
 #include <QFileInfo>
-#include <QtTest>
+#include <QTest>
 
 #include <algorithm>
 #include <memory>

@@ -7,7 +7,7 @@
 #include <QDir>
 #include <QFile>
 #include <QTcpSocket>
-#include <QtTest>
+#include <QTest>
 
 using namespace Qt::StringLiterals;
 

@@ -7,7 +7,7 @@
 #include "tests/support/serverdatabase.h"
 #include "tests/support/testserver.h"
 
-#include <QtTest>
+#include <QTest>
 
 #include <sqlite3.h>
 

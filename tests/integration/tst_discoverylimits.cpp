@@ -3,7 +3,7 @@
 
 #include "tests/support/supervisedradio.h"
 
-#include <QtTest>
+#include <QTest>
 
 #include <limits>
 

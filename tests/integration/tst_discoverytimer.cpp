@@ -4,7 +4,8 @@
 #include "tests/support/scriptedradio.h"
 #include "tests/support/supervisedradio.h"
 
-#include <QtTest>
+#include <QTest>
+#include <QTimer>
 
 using namespace Qt::StringLiterals;
 

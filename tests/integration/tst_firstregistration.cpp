@@ -5,7 +5,7 @@
 #include "tests/support/scriptedradio.h"
 #include "tests/support/testserver.h"
 
-#include <QtTest>
+#include <QTest>
 
 // The main job from end to end: a datagram in, a row, a record, a notice, an acknowledgement out.
 class TestFirstRegistration : public QObject

@@ -7,7 +7,7 @@
 
 #include <QRegularExpression>
 #include <QSqlQuery>
-#include <QtTest>
+#include <QTest>
 
 using namespace Qt::StringLiterals;
 

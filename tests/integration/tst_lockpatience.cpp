@@ -6,7 +6,7 @@
 #include "tests/support/serverdatabase.h"
 #include "tests/support/storedradio.h"
 
-#include <QtTest>
+#include <QTest>
 
 #include <optional>
 

@@ -4,7 +4,8 @@
 #include "tests/support/radioprocess.h"
 #include "tests/support/scriptedserver.h"
 
-#include <QtTest>
+#include <QHash>
+#include <QTest>
 
 using namespace Qt::StringLiterals;
 

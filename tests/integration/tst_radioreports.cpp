@@ -5,7 +5,7 @@
 #include "tests/support/scriptedradio.h"
 #include "tests/support/testserver.h"
 
-#include <QtTest>
+#include <QTest>
 
 #include <memory>
 

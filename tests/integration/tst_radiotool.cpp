@@ -5,8 +5,8 @@
 #include "tests/support/testserver.h"
 
 #include <QJsonObject>
+#include <QTest>
 #include <QUdpSocket>
-#include <QtTest>
 
 using namespace Qt::StringLiterals;
 

@@ -5,8 +5,10 @@
 #include "tests/support/eventloop.h"
 #include "tests/support/registrationscene.h"
 
+#include <QCoreApplication>
 #include <QNetworkDatagram>
-#include <QtTest>
+#include <QTest>
+#include <QTimer>
 
 namespace {
 

@@ -8,7 +8,8 @@
 
 #include "tests/support/modelscenario.h"
 
-#include <QtTest>
+#include <QMap>
+#include <QTest>
 
 #include <algorithm>
 

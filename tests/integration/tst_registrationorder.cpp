@@ -3,7 +3,7 @@
 
 #include "tests/support/registrationscene.h"
 
-#include <QtTest>
+#include <QTest>
 
 namespace {
 

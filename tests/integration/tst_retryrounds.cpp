@@ -6,7 +6,9 @@
 #include "tests/support/failingstatements.h"
 #include "tests/support/serverdatabase.h"
 
-#include <QtTest>
+#include <QProperty>
+#include <QTest>
+#include <QTimer>
 
 #include <sqlite3.h>
 

@@ -5,7 +5,7 @@
 #include "tests/support/serverdatabase.h"
 #include "tests/support/testserver.h"
 
-#include <QtTest>
+#include <QTest>
 
 using namespace Qt::StringLiterals;
 

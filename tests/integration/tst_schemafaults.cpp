@@ -7,7 +7,7 @@
 #include "tests/support/testserver.h"
 
 #include <QDir>
-#include <QtTest>
+#include <QTest>
 
 #include <sqlite3.h>
 

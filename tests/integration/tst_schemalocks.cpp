@@ -6,7 +6,7 @@
 #include "tests/support/serverdatabase.h"
 #include "tests/support/testserver.h"
 
-#include <QtTest>
+#include <QTest>
 
 #include <algorithm>
 #include <functional>

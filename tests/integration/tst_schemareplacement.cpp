@@ -5,10 +5,12 @@
 #include "tests/support/serverdatabase.h"
 #include "tests/support/testserver.h"
 
+#include <QCoreApplication>
 #include <QDir>
+#include <QFile>
 #include <QTcpServer>
+#include <QTest>
 #include <QUdpSocket>
-#include <QtTest>
 
 using namespace Qt::StringLiterals;
 using namespace std::chrono_literals;

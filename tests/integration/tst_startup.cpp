@@ -7,11 +7,13 @@
 #include "tests/support/serverdatabase.h"
 #include "tests/support/storedradio.h"
 
+#include <QCoreApplication>
 #include <QDir>
 #include <QFile>
+#include <QRegularExpression>
 #include <QTcpServer>
+#include <QTest>
 #include <QUdpSocket>
-#include <QtTest>
 
 using namespace Qt::StringLiterals;
 

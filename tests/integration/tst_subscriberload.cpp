@@ -5,7 +5,7 @@
 #include "tests/support/serverdatabase.h"
 #include "tests/support/storedradio.h"
 
-#include <QtTest>
+#include <QTest>
 
 #include <limits>
 

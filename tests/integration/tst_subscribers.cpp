@@ -6,7 +6,7 @@
 #include "tests/support/testserver.h"
 
 #include <QSqlQuery>
-#include <QtTest>
+#include <QTest>
 
 using namespace Qt::StringLiterals;
 using QMR::RadioEntry;

@@ -7,8 +7,9 @@
 #include "tests/support/scriptedradio.h"
 #include "tests/support/testserver.h"
 
+#include <QCoreApplication>
 #include <QFileInfo>
-#include <QtTest>
+#include <QTest>
 
 #include <algorithm>
 #include <memory>

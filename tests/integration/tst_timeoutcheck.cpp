@@ -4,7 +4,7 @@
 #include "tests/support/scriptedapplication.h"
 #include "tests/support/supervisedradio.h"
 
-#include <QtTest>
+#include <QTest>
 
 using namespace Qt::StringLiterals;
 

@@ -4,12 +4,13 @@
 #include "tests/support/scriptedradio.h"
 #include "tests/support/testserver.h"
 
+#include <QCoreApplication>
 #include <QJsonDocument>
 #include <QJsonObject>
 #include <QProcess>
 #include <QTcpServer>
 #include <QTcpSocket>
-#include <QtTest>
+#include <QTest>
 
 #include <memory>
 

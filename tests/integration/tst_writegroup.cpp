@@ -10,9 +10,12 @@
 #include "tests/support/serverdatabase.h"
 #include "tests/support/testserver.h"
 
+#include <QCoreApplication>
+#include <QElapsedTimer>
 #include <QRegularExpression>
 #include <QSqlQuery>
-#include <QtTest>
+#include <QTest>
+#include <QTimer>
 
 using namespace Qt::StringLiterals;
 

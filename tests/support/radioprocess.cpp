@@ -5,7 +5,7 @@
 
 #include <QCoreApplication>
 #include <QJsonDocument>
-#include <QtTest>
+#include <QTest>
 
 using namespace Qt::StringLiterals;
 

@@ -3,7 +3,7 @@
 
 #include "tests/support/recordinglog.h"
 
-#include <QtTest>
+#include <QTest>
 
 #include <utility>
 

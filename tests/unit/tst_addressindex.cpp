@@ -3,7 +3,7 @@
 
 #include "core/addressindex.h"
 
-#include <QtTest>
+#include <QTest>
 
 #include <map>
 #include <random>

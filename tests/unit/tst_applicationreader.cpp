@@ -3,7 +3,7 @@
 
 #include "apps/applicationreader.h"
 
-#include <QtTest>
+#include <QTest>
 
 #include <random>
 

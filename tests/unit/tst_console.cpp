@@ -3,7 +3,7 @@
 
 #include "tools/console.h"
 
-#include <QtTest>
+#include <QTest>
 
 #include <limits>
 

@@ -3,7 +3,7 @@
 
 #include "radio/identity.h"
 
-#include <QtTest>
+#include <QTest>
 
 using QMR::Esn;
 using QMR::Suid;

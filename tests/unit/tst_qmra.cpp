@@ -3,7 +3,7 @@
 
 #include "apps/qmra.h"
 
-#include <QtTest>
+#include <QTest>
 
 #include <algorithm>
 

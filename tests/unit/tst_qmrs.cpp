@@ -3,7 +3,7 @@
 
 #include "tests/unit/qmrstext.h"
 
-#include <QtTest>
+#include <QTest>
 
 using namespace QmrsText;
 

@@ -3,7 +3,7 @@
 
 #include "radio/qmrs.h"
 
-#include <QtTest>
+#include <QTest>
 
 using namespace QMR;
 using Kind = Qmrs::ServerMessage::Kind;

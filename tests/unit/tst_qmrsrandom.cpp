@@ -3,7 +3,8 @@
 
 #include "tests/unit/qmrstext.h"
 
-#include <QtTest>
+#include <QMap>
+#include <QTest>
 
 #include <random>
 

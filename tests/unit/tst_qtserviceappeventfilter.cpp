@@ -3,7 +3,7 @@
 
 #include "service/qtserviceappeventfilter.h"
 
-#include <QtTest>
+#include <QTest>
 
 class TestQtServiceAppEventFilter : public QObject
 {

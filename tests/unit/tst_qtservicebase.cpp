@@ -6,7 +6,8 @@
 #include "tests/support/fakescm.h"
 #include "tests/support/testservice.h"
 
-#include <QtTest>
+#include <QCoreApplication>
+#include <QTest>
 
 using namespace Qt::StringLiterals;
 

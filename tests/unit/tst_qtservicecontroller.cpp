@@ -6,7 +6,7 @@
 #include "tests/support/fakescm.h"
 #include "tests/support/testservice.h"
 
-#include <QtTest>
+#include <QTest>
 
 #include <functional>
 

@@ -4,7 +4,7 @@
 #include "tools/radio/commandline.h"
 #include "tools/radio/fleetmembers.h"
 
-#include <QtTest>
+#include <QTest>
 
 using RadioTool::Command;
 using RadioTool::CommandLine;

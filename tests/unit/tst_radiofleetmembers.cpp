@@ -3,7 +3,7 @@
 
 #include "tools/radio/fleetmembers.h"
 
-#include <QtTest>
+#include <QTest>
 
 using RadioTool::FleetMembers;
 using RadioTool::Settings;

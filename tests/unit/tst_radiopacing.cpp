@@ -3,7 +3,7 @@
 
 #include "tools/radio/pacing.h"
 
-#include <QtTest>
+#include <QTest>
 
 using RadioTool::Pacing;
 

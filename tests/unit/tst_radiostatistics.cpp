@@ -3,7 +3,7 @@
 
 #include "tools/radio/statistics.h"
 
-#include <QtTest>
+#include <QTest>
 
 #include <limits>
 

@@ -2,7 +2,7 @@
 // SPDX-License-Identifier: MIT
 
 #include <QFile>
-#include <QtTest>
+#include <QTest>
 
 // The schema script as it is compiled in. It is split and run at its line ends, so each byte counts.
 class TestSchemaResource : public QObject

@@ -5,7 +5,8 @@
 #include "tests/support/fakescm.h"
 #include "tests/support/testservice.h"
 
-#include <QtTest>
+#include <QCoreApplication>
+#include <QTest>
 
 using namespace Qt::StringLiterals;
 

@@ -8,7 +8,9 @@
 #include "tests/support/testservice.h"
 
 #include <QAbstractEventDispatcher>
-#include <QtTest>
+#include <QCoreApplication>
+#include <QMap>
+#include <QTest>
 
 #include <functional>
 

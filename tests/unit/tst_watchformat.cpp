@@ -7,7 +7,7 @@
 #include "tools/watch/radiotable.h"
 
 #include <QJsonDocument>
-#include <QtTest>
+#include <QTest>
 
 using namespace Qt::StringLiterals;
 using namespace WatchTool;

@@ -5,7 +5,8 @@
 #include "tests/support/scriptedradio.h"
 #include "tests/support/testserver.h"
 
-#include <QtTest>
+#include <QTest>
+#include <QTimer>
 
 #include <fcntl.h>
 #include <sys/resource.h>

@@ -4,8 +4,9 @@
 #include "tests/support/radioprocess.h"
 #include "tests/support/scriptedserver.h"
 
+#include <QRegularExpression>
 #include <QSet>
-#include <QtTest>
+#include <QTest>
 
 using namespace Qt::StringLiterals;
 

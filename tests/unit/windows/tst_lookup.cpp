@@ -5,8 +5,9 @@
 
 #include "service/platform.h"
 
+#include <QDir>
 #include <QLibrary>
-#include <QtTest>
+#include <QTest>
 
 #include <cstring>
 
