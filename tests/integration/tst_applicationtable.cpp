@@ -6,7 +6,6 @@
 #include "tests/support/testserver.h"
 
 #include <QCoreApplication>
-#include <QFileInfo>
 #include <QTcpSocket>
 #include <QTest>
 
@@ -76,14 +75,6 @@ class TestApplicationTable : public QObject
     Q_OBJECT
 
 private slots:
-    void initTestCase()
-    {
-        // What is tested is not the disk.
-        if (QFileInfo(u"/dev/shm"_s).isWritable()) {
-            qputenv("TMPDIR", "/dev/shm");
-        }
-    }
-
     void init()
     {
         random.seed(20261121);

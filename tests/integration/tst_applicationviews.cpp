@@ -5,7 +5,6 @@
 #include "tests/support/testserver.h"
 
 #include <QCoreApplication>
-#include <QFileInfo>
 #include <QTest>
 
 #include <algorithm>
@@ -42,14 +41,6 @@ class TestApplicationViews : public QObject
     Q_OBJECT
 
 private slots:
-    void initTestCase()
-    {
-        // A thousand radios write a lot, and what is tested is not the disk.
-        if (QFileInfo(QStringLiteral("/dev/shm")).isWritable()) {
-            qputenv("TMPDIR", "/dev/shm");
-        }
-    }
-
     void init()
     {
         server = std::make_unique<TestServer>();

@@ -8,7 +8,6 @@
 #include "tests/support/testserver.h"
 
 #include <QCoreApplication>
-#include <QFileInfo>
 #include <QTest>
 
 #include <algorithm>
@@ -37,14 +36,6 @@ class TestSupervisionSlices : public QObject
     Q_OBJECT
 
 private slots:
-    void initTestCase()
-    {
-        // What is tested is not the disk.
-        if (QFileInfo(u"/dev/shm"_s).isWritable()) {
-            qputenv("TMPDIR", "/dev/shm");
-        }
-    }
-
     void init()
     {
         server = std::make_unique<TestServer>();
