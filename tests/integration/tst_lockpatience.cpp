@@ -26,17 +26,6 @@ void registers(const TestServer &server, quint32 service)
     server->registerRadio(Radio, 3, {}, QHostAddress(u"127.0.0.2"_s), Port, false, {service});
 }
 
-QStringList errors(TestServer &server)
-{
-    QStringList messages;
-    for (const LogRecord &record : server.log.take()) {
-        if (record.type == Scm::EventError) {
-            messages.append(record.message);
-        }
-    }
-    return messages;
-}
-
 const QString WriteError = u"Database write error"_s;
 
 // A server that has stored a radio.
@@ -56,7 +45,7 @@ public:
         DatabaseLock lock(folder.databaseFile(), DatabaseLock::Reserved);
         const StatementTrace trace([&](const QString &) { lock.releaseAfter(duration); });
         registers(*this, 2);
-        return errors(*this);
+        return log.takeErrors();
     }
 
     // On a slow machine a lock may outlast the patience though it is meant to be shorter.
@@ -140,7 +129,7 @@ private slots:
         }
         QVERIFY(lock);
         lock.reset();
-        QCOMPARE(errors(server), QStringList());
+        QCOMPARE(server.log.takeErrors(), QStringList());
         QCOMPARE(server.query(u"SELECT availability FROM subscribers"_s), (QList<QVariantList>{{2LL}}));
     }
 };

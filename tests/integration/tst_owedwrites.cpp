@@ -18,17 +18,6 @@ constexpr quint16 Port = 9; // nobody hears the acknowledgements
 const QMR::Esn First{{0, 0, 0, 0, 0, 0, 0, 1}};
 const QMR::Esn Second{{0, 0, 0, 0, 0, 0, 0, 2}};
 
-QStringList errors(TestServer &server)
-{
-    QStringList messages;
-    for (const LogRecord &record : server.log.take()) {
-        if (record.type == Scm::EventError) {
-            messages.append(record.message);
-        }
-    }
-    return messages;
-}
-
 // "01 state 3 at 2 [1]", row by row.
 QStringList rows(const TestServer &server)
 {
@@ -96,15 +85,15 @@ private slots:
         {
             const Lock lock(server, kind);
             registers(server, First, 2);
-            QCOMPARE(errors(server), QStringList{u"Database write error"_s});
+            QCOMPARE(server.log.takeErrors(), QStringList{u"Database write error"_s});
             registers(server, Second, 1);
-            QCOMPARE(errors(server), (QStringList{insertError, u"Database write error"_s}));
+            QCOMPARE(server.log.takeErrors(), (QStringList{insertError, u"Database write error"_s}));
             server->deregisterRadio(First, QHostAddress(u"127.0.0.2"_s));
-            QCOMPARE(errors(server), QStringList{u"Database delete error"_s});
+            QCOMPARE(server.log.takeErrors(), QStringList{u"Database delete error"_s});
         }
         QCOMPARE(rows(server), QStringList{u"01 state 3 at 2 [1]"_s});
         QTRY_COMPARE(rows(server), QStringList{u"02 state 3 at 3 [1]"_s});
-        QCOMPARE(errors(server), QStringList());
+        QCOMPARE(server.log.takeErrors(), QStringList());
         QVERIFY(server->writeGroup()->owed().isEmpty());
     }
 
@@ -134,7 +123,7 @@ private slots:
         }
         server.log.take();
         server->setAvailability(server->findRadio(First), QMR::Unconfirmed);
-        QCOMPARE(errors(server), QStringList());
+        QCOMPARE(server.log.takeErrors(), QStringList());
         QCOMPARE(rows(server), QStringList{u"01 state 2 at 2 [1]"_s});
     }
 
@@ -147,9 +136,9 @@ private slots:
             const Lock lock(server, u"IMMEDIATE"_s);
             server->deregisterRadio(First, QHostAddress(u"127.0.0.2"_s));
         }
-        QCOMPARE(errors(server), QStringList{u"Database delete error"_s});
+        QCOMPARE(server.log.takeErrors(), QStringList{u"Database delete error"_s});
         registers(server, First, 2, 7);
-        QCOMPARE(errors(server), QStringList());
+        QCOMPARE(server.log.takeErrors(), QStringList());
         QCOMPARE(rows(server), QStringList{u"01 state 3 at 7 [2]"_s});
         QCOMPARE(server.query(u"SELECT count(*) FROM supported_services"_s), (QList<QVariantList>{{1LL}}));
     }
@@ -180,7 +169,7 @@ private slots:
         }
         server.log.take();
         QTRY_COMPARE(rows(server), QStringList{u"01 state 3 at 8 [3]"_s});
-        QCOMPARE(errors(server), QStringList());
+        QCOMPARE(server.log.takeErrors(), QStringList());
         server.restart();
         QCOMPARE(server->findRadio(First)->supportedServices, QMR::ServiceList{3});
     }
@@ -209,7 +198,7 @@ private slots:
         server.log.take();
         server.query(u"DELETE FROM subscribers"_s);
         server->setAvailability(server->findRadio(First), QMR::Unconfirmed);
-        QCOMPARE(errors(server), QStringList{u"Database write error"_s});
+        QCOMPARE(server.log.takeErrors(), QStringList{u"Database write error"_s});
         QVERIFY(server->writeGroup()->owed().isEmpty());
         {
             const Lock lock(server, u"IMMEDIATE"_s);
@@ -236,7 +225,7 @@ private slots:
             server->findRadio(First)->supportedServices = QMR::ServiceList(5000, 3);
             server->updateSubscriber(*server->findRadio(First));
         }
-        QCOMPARE(errors(server), QStringList{u"Database write error"_s});
+        QCOMPARE(server.log.takeErrors(), QStringList{u"Database write error"_s});
         QCOMPARE(server->writeGroup()->owed().of(First), QMR::OwedWrites::Debt::Change);
         limitPages(server, 1000000);
         QTRY_VERIFY(server->writeGroup()->owed().isEmpty());
@@ -257,7 +246,7 @@ private slots:
                 server->setAddresses(server->findRadio(esnOf(i)), QHostAddress(0x7F010000U + quint32(i)), {});
             }
         }
-        const QStringList failed = errors(server);
+        const QStringList failed = server.log.takeErrors();
         QVERIFY(failed.size() > 1);
         QCOMPARE(failed.count(u"Database insert error (1)"_s) + failed.count(u"Database insert error (3)"_s) +
                      failed.count(u"Database write error"_s),
@@ -266,7 +255,7 @@ private slots:
         limitPages(server, 1000000);
         QTRY_COMPARE(rows(server).size(), Count);
         QTRY_VERIFY(server->writeGroup()->owed().isEmpty());
-        QCOMPARE(errors(server), QStringList());
+        QCOMPARE(server.log.takeErrors(), QStringList());
         QCOMPARE(server.query(u"PRAGMA integrity_check"_s), (QList<QVariantList>{{u"ok"_s}}));
     }
 
@@ -305,7 +294,7 @@ private slots:
                 }
             }
             stored.append(rows(server).size());
-            QCOMPARE(errors(server).size(), Count - stored.last());
+            QCOMPARE(server.log.takeErrors().size(), Count - stored.last());
         }
         QVERIFY(stored[0] < Count);
         QCOMPARE(stored[1], stored[0]);
@@ -319,7 +308,7 @@ private slots:
         registers(server, First, 1);
         runSql(QSqlDatabase::database(), u"BEGIN IMMEDIATE"_s);
         server->setAvailability(server->findRadio(First), QMR::Unconfirmed);
-        QCOMPARE(errors(server), QStringList());
+        QCOMPARE(server.log.takeErrors(), QStringList());
         QCOMPARE(rows(server), QStringList{u"01 state 2 at 2 [1]"_s});
     }
 
@@ -389,7 +378,7 @@ private slots:
         }
         // The group's, and that of the first write by itself.
         QCOMPARE(trace.take().count(u"COMMIT"_s), 2);
-        QCOMPARE(errors(server), QStringList(Count, u"Database insert error (3)"_s));
+        QCOMPARE(server.log.takeErrors(), QStringList(Count, u"Database insert error (3)"_s));
     }
 
     void readOnlyFileIsWrittenOnceItMay()
@@ -398,7 +387,8 @@ private slots:
         server.startWithoutDiscovery();
         runSql(QSqlDatabase::database(), u"PRAGMA query_only = ON"_s);
         registers(server, First, 1);
-        QCOMPARE(errors(server), (QStringList{u"Database insert error (1)"_s, u"Database write error"_s}));
+        QCOMPARE(server.log.takeErrors(),
+                 (QStringList{u"Database insert error (1)"_s, u"Database write error"_s}));
         runSql(QSqlDatabase::database(), u"PRAGMA query_only = OFF"_s);
         QTRY_COMPARE(rows(server), QStringList{u"01 state 3 at 2 [1]"_s});
     }
@@ -418,7 +408,7 @@ private slots:
         server.log.take();
         QTRY_COMPARE_WITH_TIMEOUT(
             server.query(u"SELECT count(*) FROM subscribers"_s).value(0).value(0).toInt(), Count, 60000);
-        QCOMPARE(errors(server), QStringList());
+        QCOMPARE(server.log.takeErrors(), QStringList());
     }
 
 private:

@@ -101,6 +101,17 @@ QStringList RecordingLog::takeMessages()
     return messages;
 }
 
+QStringList RecordingLog::takeErrors()
+{
+    QStringList messages;
+    for (const LogRecord &record : take()) {
+        if (record.type == Scm::EventError) {
+            messages.append(record.message);
+        }
+    }
+    return messages;
+}
+
 QList<LogRecord> RecordingLog::takeOnce(qsizetype recordCount)
 {
     (void)QTest::qWaitFor([recordCount] { return written().size() >= recordCount; });

@@ -41,6 +41,8 @@ public:
     // What has been written since the last take, and forgets it.
     QList<LogRecord> take();
     QStringList takeMessages();
+    // The messages of the errors alone; what else there was is forgotten too.
+    QStringList takeErrors();
     // Waits until there are that many, and takes them; fewer when they did not come in time.
     QList<LogRecord> takeOnce(qsizetype recordCount);
     QStringList takeMessagesOnce(qsizetype recordCount);
