@@ -21,6 +21,17 @@ constexpr int Many = 5000;   // whose retries take longer than one round may
 constexpr int Rounds = Many; // each tries one radio at least
 constexpr int Pause = 1000;  // ms between two rounds
 
+// It runs, and waits for no lock.
+class ImpatientServer : public TestServer
+{
+public:
+    ImpatientServer()
+    {
+        startWithoutDiscovery();
+        setBusyTimeout(0);
+    }
+};
+
 QMR::Esn esnOf(int number)
 {
     return {{1, 0, 0, 0, 0, 0, static_cast<quint8>(number >> 8), static_cast<quint8>(number)}};
@@ -72,9 +83,7 @@ class TestRetryRounds : public QObject
 private slots:
     void timerRunsOnlyWhileSomethingIsOwed()
     {
-        TestServer server;
-        server.startWithoutDiscovery();
-        setBusyTimeout(0);
+        ImpatientServer server;
         registers(server, 0);
         QVERIFY(!server->nextRetry().isActive());
         {
@@ -93,9 +102,7 @@ private slots:
 
     void otherCommitsDoNotPutTheRetryOff()
     {
-        TestServer server;
-        server.startWithoutDiscovery();
-        setBusyTimeout(0);
+        ImpatientServer server;
         {
             const DatabaseLock lock(server.folder.databaseFile(), DatabaseLock::Reserved);
             registers(server, 0);
@@ -112,9 +119,7 @@ private slots:
 
     void stopEndsTheRetries()
     {
-        TestServer server;
-        server.startWithoutDiscovery();
-        setBusyTimeout(0);
+        ImpatientServer server;
         const DatabaseLock lock(server.folder.databaseFile(), DatabaseLock::Reserved);
         registers(server, 0);
         server.stop();
@@ -123,9 +128,7 @@ private slots:
 
     void roundThatEndedEarlyGoesOnAtOnce()
     {
-        TestServer server;
-        server.startWithoutDiscovery();
-        setBusyTimeout(0);
+        ImpatientServer server;
         {
             const DatabaseLock lock(server.folder.databaseFile(), DatabaseLock::Reserved);
             registerMany(server);
@@ -144,9 +147,7 @@ private slots:
 
     void whatFailsAgainDoesNotKeepTheOthersFromTheirTurn()
     {
-        TestServer server;
-        server.startWithoutDiscovery();
-        setBusyTimeout(0);
+        ImpatientServer server;
         registerMany(server);
         const FailingStatements statements(server, SQLITE_FULL);
         {
@@ -173,9 +174,7 @@ private slots:
 
     void stopTriesThoseTooWhoseTurnIsOver()
     {
-        TestServer server;
-        server.startWithoutDiscovery();
-        setBusyTimeout(0);
+        ImpatientServer server;
         {
             const DatabaseLock lock(server.folder.databaseFile(), DatabaseLock::Reserved);
             registerMany(server);
