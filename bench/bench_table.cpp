@@ -6,12 +6,12 @@
 // a machine that is slow for a while is slow for both; the figures are the rounds' medians.
 //
 // bench_table [--quick] [FOLDER]: FOLDER is on the disk to measure, default the current one.
+#include "bench/benchmain.h"
 #include "bench/fail.h"
 #include "bench/lockholder.h"
 #include "bench/placebench.h"
 #include "bench/sizebench.h"
 
-#include <QCoreApplication>
 #include <QDir>
 #include <QFile>
 
@@ -19,7 +19,6 @@
 #include <unistd.h>
 
 #include <cstdio>
-#include <exception>
 
 using namespace Qt::StringLiterals;
 
@@ -79,17 +78,5 @@ void measure(QStringList arguments)
 
 int main(int argc, char **argv)
 {
-    const QCoreApplication application(argc, argv);
-    const QStringList arguments = QCoreApplication::arguments();
-    try {
-        if (LockHolder::isAsked(arguments)) {
-            LockHolder::hold(arguments);
-        } else {
-            measure(arguments.mid(1));
-        }
-    } catch (const std::exception &failure) {
-        std::fprintf(stderr, "%s\n", failure.what());
-        return 1;
-    }
-    return 0;
+    return benchMain(argc, argv, measure, LockHolder::isAsked, LockHolder::hold);
 }

@@ -6,6 +6,7 @@
 //
 // bench_waiting [--quick] [FOLDER]: FOLDER is on the disk to measure, default the current one. Radios that
 // fall silent together are not among it: the server looks for them every five minutes.
+#include "bench/benchmain.h"
 #include "bench/crowd.h"
 #include "bench/fail.h"
 #include "bench/plan.h"
@@ -13,12 +14,10 @@
 #include "bench/serverprocess.h"
 #include "bench/table.h"
 
-#include <QCoreApplication>
 #include <QDateTime>
 #include <QDir>
 
 #include <cstdio>
-#include <exception>
 #include <optional>
 #include <thread>
 
@@ -139,17 +138,5 @@ void measure(QStringList arguments)
 
 int main(int argc, char **argv)
 {
-    const QCoreApplication application(argc, argv);
-    const QStringList arguments = QCoreApplication::arguments();
-    try {
-        if (Crowd::isAsked(arguments)) {
-            Crowd::be(arguments);
-        } else {
-            measure(arguments.mid(1));
-        }
-    } catch (const std::exception &failure) {
-        std::fprintf(stderr, "%s\n", failure.what());
-        return 1;
-    }
-    return 0;
+    return benchMain(argc, argv, measure, Crowd::isAsked, Crowd::be);
 }

@@ -5,6 +5,7 @@
 
 #include "apps/qmra.h"
 #include "bench/fail.h"
+#include "tools/linux/socketaddress.h"
 
 #include <netinet/in.h>
 #include <poll.h>
@@ -29,15 +30,6 @@ constexpr qsizetype Piece = 5; // four are a message; each ends in the middle of
 // Those that come and go have many addresses: a connection that has ended keeps its port for a minute.
 constexpr quint32 FirstAddress = 0x7F090001U; // 127.9.0.1
 constexpr quint32 Addresses = 200;
-
-sockaddr_in socketAddress(quint32 address, quint16 port)
-{
-    sockaddr_in result{};
-    result.sin_family = AF_INET;
-    result.sin_addr.s_addr = htonl(address);
-    result.sin_port = htons(port);
-    return result;
-}
 
 // -1: refused.
 int connectOne(quint32 source, quint16 port)

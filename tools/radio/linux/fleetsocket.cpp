@@ -4,6 +4,8 @@
 // One socket at every address: each datagram carries its own source, and tells where it has arrived.
 #include "tools/radio/fleetsocket.h"
 
+#include "tools/linux/socketaddress.h"
+
 #include <QSocketNotifier>
 
 #include <netinet/in.h>
@@ -54,15 +56,6 @@ QString textOf(int error)
 int newSocket()
 {
     return ::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
-}
-
-sockaddr_in socketAddress(quint32 address, quint16 port)
-{
-    sockaddr_in result{};
-    result.sin_family = AF_INET;
-    result.sin_addr.s_addr = htonl(address);
-    result.sin_port = htons(port);
-    return result;
 }
 
 // 0, or why no socket can be bound to it.
