@@ -46,7 +46,7 @@ void RegistrationManager::radioMessageReceived()
 {
     Platform::endEventLoopTurn();
     if (!isBound) {
-        // A discovery request has bound it to whatever port was free.
+        // A send has bound it to whatever port was free.
         socket.readDatagram(nullptr, 0);
         return;
     }
