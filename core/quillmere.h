@@ -93,6 +93,7 @@ public:
     void unscheduleHeartbeat(const RadioPointer &radio);
 
     void loadRadioTable();
+    void clearRadioTable();
     void reviewLoadedRadio(const RadioPointer &radio);
 
     // Text forms for the log. Those of an ESN are kept, one cache a thread and form, until its radio leaves

@@ -164,11 +164,7 @@ void Quillmere::stop()
     owedWritesTimer.stop();
     timeoutCheckUnderWay.reset();
     lapsingUntil.reset();
-    discoveryQueue.clear();
-    heartbeatQueue.clear();
-    forgetEsnTexts();
-    radiosByEsn.clear();
-    radiosByAddress.clear();
+    clearRadioTable();
     applicationManager.reset();
     registrationManager.reset();
     writes.reset();

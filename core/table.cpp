@@ -8,8 +8,10 @@
 
 #include <QHash>
 
+#include <algorithm>
 #include <array>
 #include <tuple>
+#include <vector>
 
 namespace QMR {
 
@@ -165,6 +167,23 @@ void Quillmere::reviewLoadedRadio(const RadioPointer &radio)
     }
     updateSubscriber(*radio);
     scheduleDiscovery(radio);
+}
+
+// The records are given back in the order of their memory: in that of their ESNs a million take twice as
+// long.
+void Quillmere::clearRadioTable()
+{
+    std::vector<RadioPointer> records;
+    records.reserve(radiosByEsn.size());
+    for (auto &[esn, radio] : radiosByEsn) {
+        records.push_back(std::move(radio));
+    }
+    std::ranges::sort(records);
+    discoveryQueue.clear();
+    heartbeatQueue.clear();
+    radiosByEsn.clear();
+    radiosByAddress.clear();
+    forgetEsnTexts();
 }
 
 QString Quillmere::esnText(const Esn &esn, bool separated)
