@@ -1,0 +1,168 @@
+#!/usr/bin/python3
+# SPDX-FileCopyrightText: 2026 The Quillmere developers
+# SPDX-License-Identifier: MIT
+
+"""Changes the server one place at a time and shows which changes no test notices.
+
+All changes are compiled into one copy of the tree; a process picks its own from the environment. Which tests pass a
+place is found once, and only those are run for its mutant, the quickest first."""
+
+import argparse
+import concurrent.futures
+import json
+import os
+import pathlib
+import random
+import re
+import shlex
+import subprocess
+import sys
+import time
+
+sys.dont_write_bytecode = True
+sys.path.insert(0, str(pathlib.Path(__file__).resolve().parent))
+
+from mutants import Source  # noqa: E402
+
+FOLDERS = ("core", "radio", "apps", "db")
+ATTEMPTS = 12  # at a build: each leaves out what did not compile
+PLACES = 1 << 16  # as mutant.h has it
+EQUIVALENT = pathlib.Path("tests/mutation/equivalent.txt")
+
+
+def output(*command, **options):
+    return subprocess.run(command, stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True, check=False, **options)
+
+
+def write_if_new(path, content):
+    path.parent.mkdir(parents=True, exist_ok=True)
+    if not path.exists() or path.read_bytes() != content:
+        path.write_bytes(content)
+
+
+class Laboratory:
+    """The copy of the tree, its build, and its tests."""
+
+    def __init__(self, folder):
+        self.tree, self.build = folder / "tree", folder / "build"
+        for name in subprocess.check_output(["git", "ls-files"], text=True).splitlines():
+            target = self.tree / name
+            write_if_new(target, pathlib.Path(name).read_bytes())
+            target.chmod(pathlib.Path(name).stat().st_mode)
+        configured = output("cmake", "-S", self.tree, "-B", self.build, "-G", "Ninja", "-DCMAKE_BUILD_TYPE=None",
+                            "-DCMAKE_CXX_FLAGS=-O1 -w")
+        if configured.returncode:
+            raise SystemExit(configured.stdout)
+        self.commands = json.loads((self.build / "compile_commands.json").read_text())
+
+    def arguments(self, name):
+        """What of the compiler's command line says how the source is to be read."""
+        for entry in self.commands:
+            if entry["file"] == str(self.tree / name):
+                words = shlex.split(entry["command"])
+                flags = [word for word in words if word.startswith(("-D", "-std", "-I"))]
+                system = [part for at, word in enumerate(words) if word == "-isystem" for part in (word, words[at + 1])]
+                return ["-x", "c++", f"-I{os.getcwd()}"] + flags + system
+        raise SystemExit(f"{name} is not compiled")
+
+    def write(self, sources, left_out):
+        for source in sources:
+            text = f'#include "tests/mutation/mutant.h"\n#line 1\n{source.mutated(left_out)}'
+            write_if_new(self.tree / source.path, text.encode())
+
+    def make(self, sources):
+        """Builds with all that compiles; returns the numbers of what does not."""
+        left_out = set()
+        for _ in range(ATTEMPTS):
+            self.write(sources, left_out)
+            result = output("ninja", "-C", self.build, "-k", "0")
+            if result.returncode == 0:
+                return left_out
+            wrong = set(re.findall(rf"^{re.escape(str(self.tree))}/(\S+?):(\d+):.*error", result.stdout, re.MULTILINE))
+            wrong |= set(re.findall(rf"^{re.escape(str(self.tree))}/(\S+?):(\d+):\d+:   required from", result.stdout,
+                                    re.MULTILINE))
+            found = {mutant.number for source in sources for mutant in source.mutants
+                     if (mutant.file, str(mutant.line)) in wrong}
+            if found <= left_out:
+                raise SystemExit(result.stdout[-5000:])
+            left_out |= found
+        raise SystemExit("the mutated sources cannot be built")
+
+    def tests(self):
+        listed = json.loads(output("ctest", "--test-dir", self.build, "--show-only=json-v1").stdout)
+        return [test["name"] for test in listed["tests"] if test["name"].startswith("tst_")]
+
+    def passes(self, test, limit, **variables):
+        result = output("ctest", "--test-dir", self.build, "-Q", "-R", f"^{test}$", "--timeout", str(limit),
+                        env=os.environ | variables)
+        return result.returncode == 0
+
+
+def survey(laboratory, tests, jobs):
+    """For each test how long it takes and which places it passes."""
+
+    def visit(test):
+        note = laboratory.build / f"passed-{test}"
+        note.write_bytes(bytes(PLACES))
+        begin = time.monotonic()
+        if not laboratory.passes(test, 300, QUILLMERE_MUTANTS_PASSED=str(note)):
+            raise SystemExit(f"{test} fails though nothing is changed")
+        return test, (time.monotonic() - begin, note.read_bytes())
+
+    with concurrent.futures.ThreadPoolExecutor(jobs) as pool:
+        return dict(pool.map(visit, tests))
+
+
+def fate(laboratory, surveyed, mutant):
+    """Which test notices it: a name; "": none."""
+    passing = sorted((seconds, test) for test, (seconds, places) in surveyed.items() if places[mutant.number])
+    for seconds, test in passing:
+        if not laboratory.passes(test, 15 + 6 * seconds, QUILLMERE_MUTANT=str(mutant.number)):
+            return test
+    return ""
+
+
+def equivalent():
+    """The names of the mutants that nobody could notice; below each, indented, the reason."""
+    return {line for line in EQUIVALENT.read_text().splitlines() if line and not line.startswith((" ", "#"))}
+
+
+def main():
+    parser = argparse.ArgumentParser(description=__doc__)
+    parser.add_argument("--sample", type=int, help="only so many, taken at random")
+    parser.add_argument("--seed", type=int, default=1, help="of the sample")
+    parser.add_argument("--jobs", type=int, default=os.cpu_count())
+    parser.add_argument("--list", action="store_true", help="name them and do nothing else")
+    parser.add_argument("files", nargs="*", help="sources (default: all of the server's own)")
+    options = parser.parse_args()
+    files = options.files or sorted(str(path) for folder in FOLDERS for path in pathlib.Path(folder).glob("*.cpp"))
+
+    laboratory = Laboratory(pathlib.Path("build-mutate").resolve())
+    sources, number = [], 0
+    for name in files:
+        sources.append(Source(pathlib.Path(name), laboratory.arguments(name), number))
+        number = sources[-1].number
+    if options.list:
+        print("\n".join(mutant.name() for source in sources for mutant in source.mutants))
+        return
+    left_out = laboratory.make(sources)
+    known = equivalent()
+    mutants = [mutant for source in sources for mutant in source.mutants if mutant.number not in left_out]
+    print(f"{len(mutants)} mutants, and {len(left_out)} that cannot be compiled so", flush=True)
+    mutants = [mutant for mutant in mutants if mutant.name() not in known]
+    if options.sample:
+        mutants = random.Random(options.seed).sample(mutants, min(options.sample, len(mutants)))
+
+    surveyed = survey(laboratory, laboratory.tests(), options.jobs)
+    killed = 0
+    with concurrent.futures.ThreadPoolExecutor(options.jobs) as pool:
+        for mutant, test in zip(mutants, pool.map(lambda one: fate(laboratory, surveyed, one), mutants)):
+            killed += test != ""
+            print(f"{'killed by ' + test if test else 'SURVIVED':40} {mutant.file}:{mutant.line} {mutant.name()}",
+                  flush=True)
+    share = 100 * killed / max(1, len(mutants))
+    print(f"mutants: {killed} of {len(mutants)} killed ({share:.0f} %)")
+
+
+if __name__ == "__main__":
+    main()
