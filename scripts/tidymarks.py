@@ -18,8 +18,10 @@ def with_headers(path, known):
     if path not in known:
         known[path] = path.read_text()
         for name in re.findall(r'^#include "(.+)"', known[path], re.MULTILINE):
-            if pathlib.Path(name).exists():  # what is generated is not there
+            if pathlib.Path(name).exists():
                 with_headers(pathlib.Path(name), known)
+            elif not name.endswith(".moc"):  # these are made of the file itself
+                raise SystemExit(f"{path}: {name} is not a path from the top of the tree")
     return known
 
 
