@@ -22,6 +22,7 @@ if(QUILLMERE_SANITIZE)
         -fsanitize=${QUILLMERE_SANITIZE} -fno-sanitize=vptr -fno-sanitize-recover=all
         -fno-omit-frame-pointer)
     target_link_options(quillmere_options INTERFACE -fsanitize=${QUILLMERE_SANITIZE})
+    target_compile_definitions(quillmere_options INTERFACE QUILLMERE_SANITIZED)
 else()
     # FORTIFY needs the optimiser and blinds the sanitizers.
     target_compile_definitions(quillmere_options INTERFACE $<$<CONFIG:Release,RelWithDebInfo>:_FORTIFY_SOURCE=2>)

@@ -204,7 +204,11 @@ private:
     QSqlDatabase database;
     std::unique_ptr<WriteGroup> writes; // while the database is open
     // Millions of small pieces: taken from few large ones, a start and a stop are quicker by a quarter.
+#ifdef QUILLMERE_SANITIZED // a pool would hide from the sanitizer which nodes are gone
+    std::pmr::memory_resource &nodes = *std::pmr::new_delete_resource();
+#else
     std::pmr::unsynchronized_pool_resource nodes;
+#endif
     RadioMap radiosByEsn{&nodes};
     AddressIndex radiosByAddress{&nodes}; // of the records in radiosByEsn
     DiscoveryQueue discoveryQueue{&nodes};
