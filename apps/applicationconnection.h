@@ -90,7 +90,7 @@ private:
     const quint16 port;
 
     ApplicationReader reader;
-    QTimer waitTimer;
+    QTimer waitTimer{this};
     bool lookingAgain = false;
     QByteArray rest; // what the socket held when the connection ended
 

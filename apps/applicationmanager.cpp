@@ -36,26 +36,12 @@ constexpr qint64 MaximumUnsent = 64LL * 1024 * 1024;
 constexpr qint64 MaximumUnsentTogether = 256LL * 1024 * 1024;
 constexpr qint64 MaximumUnsentOfTable = 1024LL * 1024;
 
-// All applications come back at once when the server has been restarted. One that the system could not queue
-// may believe for good that it is connected, and is told nothing.
-constexpr int ConnectionBacklog = 4096;
-
-constexpr int AcceptedAtOnce = 32;
-constexpr int DescriptorReserve = 16; // for the database and the log
-constexpr auto AcceptPause = 1s;
-
 } // namespace
 
 ApplicationManager::ApplicationManager(Quillmere *owner, quint16 port)
-    : server(owner), tableLimit(MaximumUnsentOfTable)
+    : server(owner), listener(port, [this] { applicationConnected(); }), tableLimit(MaximumUnsentOfTable)
 {
-    connect(&tcpServer, &QTcpServer::newConnection, this, &ApplicationManager::applicationConnected);
-    connect(&acceptTimer, &QTimer::timeout, this, &ApplicationManager::limitAccepting);
-    tcpServer.setListenBacklogSize(ConnectionBacklog);
-    if (tcpServer.listen(QHostAddress::AnyIPv4, port)) {
-        limitAccepting();
-        acceptTimer.start(AcceptPause);
-    } else {
+    if (!listener.isListening()) {
         server->logMessage(u"Failed to listen for application connections"_s, QtServiceBase::Error, EventId);
     }
 }
@@ -65,22 +51,16 @@ ApplicationManager::~ApplicationManager()
     while (!applications.empty()) {
         removeApplication(applications.begin()->first);
     }
-    tcpServer.close();
 }
 
-// Qt goes on accepting in one go for as long as somebody wants to connect and the queue that is emptied here
-// has not reached its limit.
 void ApplicationManager::applicationConnected()
 {
-    Platform::endEventLoopTurn();
-    while (QTcpSocket *socket = tcpServer.nextPendingConnection()) {
+    if (!server->commitIsComing()) {
+        server->commitWrites();
+    }
+    while (QTcpSocket *socket = listener.take()) {
         accept(socket);
-        --acceptable;
     }
-    if (acceptable <= 0) {
-        tcpServer.setMaxPendingConnections(0);
-    }
-    arrangeTurn();
 }
 
 void ApplicationManager::accept(QTcpSocket *socket)
@@ -100,25 +80,10 @@ void ApplicationManager::accept(QTcpSocket *socket)
             [this, application] { waitEnded(application); });
     connect(socket, &QTcpSocket::bytesWritten, this, [this, application] { tableProceeds(application); });
     // The table shows what is stored, and begins at once unless that has to be waited for.
-    if (!server->commitIsComing()) {
-        server->commitWrites();
+    if (!server->holdsBack()) {
         serveTable(application);
     }
     tableProceeds(application);
-}
-
-// The database and the log are to have descriptors when the applications have taken all others. Qt tells only
-// once of an accept that has failed, and never that it could be tried again: so it is looked at, each time
-// that applications have been accepted and every second.
-void ApplicationManager::limitAccepting()
-{
-    acceptable = Platform::freeDescriptors(DescriptorReserve + AcceptedAtOnce) - DescriptorReserve;
-    if (acceptable > 0) {
-        tcpServer.setMaxPendingConnections(acceptable);
-        tcpServer.resumeAccepting();
-    } else {
-        tcpServer.pauseAccepting();
-    }
 }
 
 void ApplicationManager::applicationDisconnected(ApplicationConnection *application)
@@ -222,9 +187,6 @@ void ApplicationManager::takeTurn()
     }
     server->commitWrites();
     const QDeadlineTimer turnEnd(LongestTurn, Qt::PreciseTimer);
-    if (acceptable < AcceptedAtOnce) {
-        limitAccepting();
-    }
     isLimitOfThisTurn = false;
     while (!busy.empty() && !turnEnd.hasExpired()) {
         ApplicationConnection *const application = busy.front();

@@ -3,13 +3,12 @@
 
 #pragma once
 
+#include "apps/applicationlistener.h"
 #include "apps/applicationreader.h"
 
 #include <QAbstractSocket>
 #include <QObject>
 #include <QPointer>
-#include <QTcpServer>
-#include <QTimer>
 
 #include <deque>
 #include <map>
@@ -25,8 +24,8 @@ class ApplicationConnection;
 class Quillmere;
 struct RadioEntry;
 
-// The TCP server to which client applications connect: it keeps the set of connected applications, and gives
-// each its turn of being read and told. Lives on the server's thread, and never blocks it.
+// The server towards the client applications: it keeps the set of those that are connected, and gives each
+// its turn of being read and told. Lives on the server's thread, and never blocks it.
 class ApplicationManager : public QObject
 {
     Q_OBJECT
@@ -63,7 +62,6 @@ private:
     void tableProceeds(ApplicationConnection *application);
 
     void accept(QTcpSocket *socket);
-    void limitAccepting();
     void end(ApplicationConnection *application, const QString &warning);
     void finish(ApplicationConnection *application);
 
@@ -80,10 +78,8 @@ private:
     qint64 unsentTogether() const;
 
     Quillmere *server;
-    QTcpServer tcpServer;
-    QTimer acceptTimer;
-    int acceptable = 0; // before it is looked at again how many there may be
-    std::map<QTcpSocket *, ApplicationConnection *> applications; // the sockets are tcpServer's children
+    ApplicationListener listener;
+    std::map<QTcpSocket *, ApplicationConnection *> applications; // the sockets are the listener's
     std::deque<QPointer<ApplicationConnection>> busy;             // in the order of their turns
     bool turnArranged = false;
     qint64 tableLimit; // bytes of its table that an application may leave unsent

@@ -5,9 +5,7 @@
 
 #include "core/quillmere.h"
 #include "db/writegroup.h"
-#include "service/platform.h"
 
-#include <algorithm>
 #include <utility>
 
 using namespace Qt::StringLiterals;
@@ -17,68 +15,38 @@ namespace QMR {
 namespace {
 
 constexpr auto EventId = static_cast<int>(0xC0000001);
-constexpr int ReceiveBufferSize = 8 * 1024 * 1024;
-
-// An IPv4 sender reaches the dual-stack socket in IPv4-mapped IPv6 form, which equals no plain IPv4 address.
-QHostAddress plainAddress(const QHostAddress &address)
-{
-    bool isIpv4 = false;
-    const quint32 value = address.toIPv4Address(&isIpv4);
-    return isIpv4 ? QHostAddress(value) : address;
-}
 
 } // namespace
 
 RegistrationManager::RegistrationManager(Quillmere *owner, quint16 registrationPort)
-    : server(owner), port(registrationPort)
+    : server(owner), socket(registrationPort, [this] { radioMessageReceived(); }), port(registrationPort)
 {
-    isBound = socket.bind(port, QAbstractSocket::DefaultForPlatform);
-    if (!isBound) {
+    if (!socket.isBound()) {
         server->logMessage(u"Unable to bind registration socket"_s, QtServiceBase::Error, EventId);
     }
-    // All radios may answer at once after an outage. The system may give less; then less it is.
-    socket.setSocketOption(QAbstractSocket::ReceiveBufferSizeSocketOption, ReceiveBufferSize);
-    connect(&socket, &QUdpSocket::readyRead, this, &RegistrationManager::radioMessageReceived);
 }
 
-// Exactly one datagram a call; one that is still pending raises the next notification.
+// Exactly one datagram a call.
 void RegistrationManager::radioMessageReceived()
 {
-    Platform::endEventLoopTurn();
-    if (!isBound) {
-        // A send has bound it to whatever port was free.
-        socket.readDatagram(nullptr, 0);
-        return;
-    }
     WriteTurn turn(server->writeGroup(), WriteTurn::Continue);
-    receive();
-    if (socket.hasPendingDatagrams()) {
+    handle(socket.take());
+    if (socket.hasWaiting()) {
         turn.keepOpen();
     }
 }
 
-void RegistrationManager::receive()
+void RegistrationManager::handle(const RadioSocket::Datagram &datagram)
 {
-    Qmrs::Buffer buffer{};
-    QHostAddress sender;
-    quint16 senderPort = 0;
-    const qint64 received = socket.readDatagram(reinterpret_cast<char *>(buffer.data()), Qmrs::MaximumMessage,
-                                                &sender, &senderPort);
-    // A failed read has no bytes and is rejected as such. A longer datagram fills the buffer, all zeros
-    // before, but where the system calls it an error the count may say none.
-    const bool isCut = received <= 0 && buffer[0] != 0;
-    const qint64 size = isCut ? Qmrs::MaximumMessage : std::max<qint64>(received, 0);
-    const auto decoded = Qmrs::decodeRadioMessage(QByteArrayView(buffer.data(), size));
-    sender = plainAddress(sender);
-
+    const auto decoded = Qmrs::decodeRadioMessage(QByteArrayView(datagram.bytes.data(), datagram.size));
     if (const auto *registration = std::get_if<Qmrs::Registration>(&decoded)) {
-        server->registerRadio(registration->esn, registration->protocolVersion, registration->suid, sender,
-                              senderPort, registration->pending, registration->services);
+        server->registerRadio(registration->esn, registration->protocolVersion, registration->suid,
+                              datagram.sender, datagram.port, registration->pending, registration->services);
     } else if (const auto *deregistration = std::get_if<Qmrs::Deregistration>(&decoded)) {
         if (deregistration->esn.isZero()) {
-            server->deregisterRadioByAddress(sender);
+            server->deregisterRadioByAddress(datagram.sender);
         } else {
-            server->deregisterRadio(deregistration->esn, sender);
+            server->deregisterRadio(deregistration->esn, datagram.sender);
         }
     } else {
         reject(std::get<Qmrs::Rejection>(decoded));
@@ -126,9 +94,7 @@ void RegistrationManager::sendMessage(Qmrs::Opcode opcode, quint16 payloadLength
 void RegistrationManager::transmit(const Qmrs::Buffer &bytes, qint64 size, const QHostAddress &destination,
                                    quint16 destinationPort)
 {
-    const qint64 sent = socket.writeDatagram(reinterpret_cast<const char *>(bytes.data()), size, destination,
-                                             destinationPort);
-    if (sent != size) {
+    if (!socket.send(QByteArrayView(bytes.data(), size), destination, destinationPort)) {
         server->logMessage(u"Network error: write message failed"_s, QtServiceBase::Error, EventId);
     }
 }

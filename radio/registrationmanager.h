@@ -3,10 +3,9 @@
 
 #pragma once
 
-#include "radio/qmrs.h"
+#include "radio/radiosocket.h"
 
 #include <QObject>
-#include <QUdpSocket>
 
 #include <memory>
 #include <vector>
@@ -16,8 +15,8 @@ namespace QMR {
 class Quillmere;
 struct RadioEntry;
 
-// The UDP socket towards the radios: datagrams in, decoded messages to the server; the server's messages out.
-// It keeps nothing about any radio. Lives on the server's thread.
+// The server towards the radios: datagrams in, decoded messages to the server; the server's messages out. It
+// keeps nothing about any radio. Lives on the server's thread.
 class RegistrationManager : public QObject
 {
     Q_OBJECT
@@ -40,7 +39,7 @@ public:
     void sendHeldBack();
 
     // Whether a datagram has arrived that is not handled yet.
-    bool hasWaiting() const { return socket.hasPendingDatagrams(); }
+    bool hasWaiting() const { return socket.hasWaiting(); }
 
 private slots:
     void radioMessageReceived();
@@ -55,15 +54,14 @@ private:
         quint16 port = 0;
     };
 
-    void receive();
+    void handle(const RadioSocket::Datagram &datagram);
     void reject(Qmrs::Rejection reason) const;
     void transmit(const Qmrs::Buffer &bytes, qint64 size, const QHostAddress &destination,
                   quint16 destinationPort);
 
     Quillmere *server;
-    QUdpSocket socket;
+    RadioSocket socket;
     quint16 port;
-    bool isBound;
     std::vector<Outgoing> heldBack;
     std::vector<Outgoing> spare; // empty, kept for its memory
 };

@@ -1,0 +1,79 @@
+// SPDX-FileCopyrightText: 2026 The Quillmere developers
+// SPDX-License-Identifier: MIT
+
+#include "apps/applicationlistener.h"
+
+#include "service/platform.h"
+
+#include <QTcpSocket>
+
+#include <chrono>
+#include <utility>
+
+using namespace std::chrono_literals;
+
+namespace QMR {
+
+namespace {
+
+// All applications come back at once when the server has been restarted. One that the system could not queue
+// may believe for good that it is connected, and is told nothing.
+constexpr int ConnectionBacklog = 4096;
+
+constexpr int AcceptedAtOnce = 32;
+constexpr int DescriptorReserve = 16; // for the database and the log
+constexpr auto AcceptPause = 1s;
+
+} // namespace
+
+ApplicationListener::ApplicationListener(quint16 port, std::function<void()> connected)
+{
+    QObject::connect(&tcpServer, &QTcpServer::newConnection, &tcpServer, [notify = std::move(connected)] {
+        Platform::endEventLoopTurn();
+        notify();
+    });
+    QObject::connect(&acceptTimer, &QTimer::timeout, &tcpServer, [this] { limitAccepting(); });
+    tcpServer.setListenBacklogSize(ConnectionBacklog);
+    if (tcpServer.listen(QHostAddress::AnyIPv4, port)) {
+        limitAccepting();
+        acceptTimer.start(AcceptPause);
+    }
+}
+
+bool ApplicationListener::isListening() const
+{
+    return tcpServer.isListening();
+}
+
+// Qt goes on accepting in one go for as long as somebody wants to connect and the queue that is emptied here
+// has not reached its limit.
+QTcpSocket *ApplicationListener::take()
+{
+    QTcpSocket *const socket = tcpServer.nextPendingConnection();
+    if (socket) {
+        --acceptable;
+    } else if (acceptable < AcceptedAtOnce) {
+        if (acceptable <= 0) {
+            tcpServer.setMaxPendingConnections(0);
+        }
+        QMetaObject::invokeMethod(
+            &tcpServer, [this] { limitAccepting(); }, Qt::QueuedConnection);
+    }
+    return socket;
+}
+
+// The database and the log are to have descriptors when the applications have taken all others. Qt tells only
+// once of an accept that has failed, and never that it could be tried again: so it is looked at, each time
+// that many applications have been accepted and every second.
+void ApplicationListener::limitAccepting()
+{
+    acceptable = Platform::freeDescriptors(DescriptorReserve + AcceptedAtOnce) - DescriptorReserve;
+    if (acceptable > 0) {
+        tcpServer.setMaxPendingConnections(acceptable);
+        tcpServer.resumeAccepting();
+    } else {
+        tcpServer.pauseAccepting();
+    }
+}
+
+} // namespace QMR
