@@ -72,6 +72,7 @@ public:
     using HeartbeatQueue = std::pmr::set<RadioPointer, EarlierDeadline>;
 
     const RadioMap &radios() const { return radiosByEsn; }
+    const AddressIndex &addresses() const { return radiosByAddress; }
     const DiscoveryQueue &dueForDiscovery() const { return discoveryQueue; }
     const HeartbeatQueue &awaitingConfirmation() const { return heartbeatQueue; }
 

@@ -5,10 +5,8 @@
 
 #include "tests/support/registrationmodel.h"
 #include "tests/support/scriptedapplication.h"
+#include "tests/support/statecomparison.h"
 #include "tests/support/testserver.h"
-
-#include <QSqlDatabase>
-#include <QSqlQuery>
 
 #include <functional>
 #include <memory>
@@ -19,7 +17,6 @@ class ModelComparison
 {
 public:
     ModelComparison(TestServer &server, const RegistrationModel &model);
-    ~ModelComparison();
     Q_DISABLE_COPY_MOVE(ModelComparison)
 
     // Compares all that a step has caused. The notices are those that the connected application gets.
@@ -33,18 +30,17 @@ public:
     void waitForDatagramsOf(ScriptedRadio &radio);
 
     // Keeps the server from writing, on the connection that the rows are read through.
-    void lockDatabase();
-    void unlockDatabase();
+    void lockDatabase() { state.lockDatabase(); }
+    void unlockDatabase() { state.unlockDatabase(); }
 
-    void differs(const QString &what, const QString &actual, const QString &expected);
+    void differs(const QString &what, const QString &actual, const QString &expected)
+    {
+        state.differs(what, actual, expected);
+    }
     // Empty while nothing differs.
-    QString difference() const { return firstDifference; }
+    QString difference() const { return state.difference(); }
 
 private:
-    void compareTable();
-    void compareQueues();
-    void compareTimers();
-    void compareRows();
     void compareRecords();
     void compareNotices();
     static bool happens(const std::function<bool()> &condition);
@@ -52,6 +48,5 @@ private:
     TestServer &server;
     const RegistrationModel &model;
     std::unique_ptr<ScriptedApplication> application;
-    std::unique_ptr<QSqlQuery> rows; // on a connection of its own
-    QString firstDifference;
+    StateComparison state;
 };
