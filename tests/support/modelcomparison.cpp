@@ -22,7 +22,7 @@ const LogRecord GarbageArrived =
 } // namespace
 
 ModelComparison::ModelComparison(TestServer &testServer, const RegistrationModel &registrationModel)
-    : server(testServer), model(registrationModel), state(server.folder.databaseFile(), model)
+    : server(testServer), model(registrationModel), state(server.folder.databaseFile())
 {
 }
 
@@ -49,8 +49,8 @@ void ModelComparison::compare()
     if (!difference().isEmpty()) {
         return;
     }
-    state.compareTable(server.object());
-    state.compareRows(server.object());
+    state.compareTable(server.object(), model);
+    state.compareRows(server.object(), model);
     compareNotices();
     compareRecords();
 }
@@ -73,11 +73,11 @@ void ModelComparison::compareNotices()
 
 void ModelComparison::compareRecords()
 {
-    happens([&] { return server.log.count(RequestCameBack.message) >= model.requests; });
+    happens([&] { return server.log.count(RequestCameBack.message) >= model.requests.size(); });
     QList<LogRecord> written = server.log.take();
     written.removeAll(GarbageArrived);
     QList<LogRecord> expected = model.records;
-    expected.append(QList<LogRecord>(model.requests, RequestCameBack));
+    expected.append(QList<LogRecord>(model.requests.size(), RequestCameBack));
     if (written != expected) {
         differs(u"records"_s, linesOf(written), linesOf(expected));
     }

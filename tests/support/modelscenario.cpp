@@ -411,7 +411,7 @@ void ModelScenario::step(const QString &kind, const QString &detail, const std::
     stepTexts.append(kind + u' ' + detail);
     model.records.clear();
     model.notices.clear();
-    model.requests = 0;
+    model.requests.clear();
     model.writes = 0;
     inModel();
     inServer();

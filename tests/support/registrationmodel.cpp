@@ -262,7 +262,7 @@ void RegistrationModel::discoveryExpires()
     if (radio.attempts >= 3 && radio.availability == Unconfirmed && !stale) {
         setAvailability(esn, Unreachable);
     }
-    ++requests;
+    requests.append({esn, radio.protocolVersion, *radio.address});
     radio.lastDiscovery = now;
     ++radio.attempts;
     store(esn);
@@ -289,11 +289,11 @@ void RegistrationModel::deadlineExpires()
     armDeadline();
 }
 
-void RegistrationModel::restarts()
+void RegistrationModel::restarts(bool isSameProcess)
 {
     settlesWhatIsOwed();
     table.clear();
-    lastRequest = 0;
+    lastRequest = isSameProcess ? lastRequest : 0;
     discoveryTimer.reset();
     deadlineTimer.reset();
     const std::map<Esn, Row> stored = rows;

@@ -67,8 +67,16 @@ public:
         QMR::ServiceList services;
     };
 
+    struct Request
+    {
+        QMR::Esn esn;
+        quint32 protocolVersion = 0;
+        quint32 address = 0;
+    };
+
     // minimumDiscoveryPeriod: seconds.
     explicit RegistrationModel(qint64 minimumDiscoveryPeriod) : minimumPeriod(minimumDiscoveryPeriod) {}
+    qint64 minimumDiscoveryPeriod() const { return minimumPeriod; }
 
     qint64 now = 0;
     std::map<QMR::Esn, Radio> table;
@@ -76,8 +84,8 @@ public:
     // What the step has caused so far, in order; the test takes it.
     QList<LogRecord> records;
     QList<Notice> notices;
-    int requests = 0;
-    int writes = 0; // of the database
+    QList<Request> requests; // for discovery
+    int writes = 0;          // of the database
     // To what the timers are armed, in milliseconds; none when they are stopped.
     std::optional<qint64> discoveryTimer;
     std::optional<qint64> deadlineTimer;
@@ -93,8 +101,9 @@ public:
     void discoveryExpires();
     void timeoutCheckExpires();
     void deadlineExpires();
-    // The process ends and starts again: what remains is the rows.
-    void restarts();
+    // The process ends and starts again: what remains is the rows. A service that is only stopped and started
+    // remembers when it last asked a radio.
+    void restarts(bool isSameProcess = false);
     // What an application is sent when it connects.
     QList<Notice> snapshot() const;
 

@@ -97,8 +97,7 @@ void copyBlob(sqlite3_stmt *statement, int column, std::array<quint8, Size> &byt
 
 } // namespace
 
-StateComparison::StateComparison(const QString &databaseFile, const RegistrationModel &registrationModel)
-    : model(registrationModel)
+StateComparison::StateComparison(const QString &databaseFile)
 {
     const char *const statement =
         "SELECT esn, suid, ip_address, availability, num_discovery_attempts, last_contact_time, "
@@ -134,15 +133,15 @@ void StateComparison::unlockDatabase()
     run("ROLLBACK");
 }
 
-void StateComparison::compareTable(const QMR::Quillmere &server)
+void StateComparison::compareTable(const QMR::Quillmere &server, const RegistrationModel &model)
 {
-    compareEntries(server);
-    compareAddresses(server);
-    compareQueues(server);
-    compareTimers(server);
+    compareEntries(server, model);
+    compareAddresses(server, model);
+    compareQueues(server, model);
+    compareTimers(server, model);
 }
 
-void StateComparison::compareEntries(const QMR::Quillmere &server)
+void StateComparison::compareEntries(const QMR::Quillmere &server, const RegistrationModel &model)
 {
     std::map<Esn, RegistrationModel::Radio> live;
     for (const auto &[esn, entry] : server.radios()) {
@@ -154,7 +153,7 @@ void StateComparison::compareEntries(const QMR::Quillmere &server)
 }
 
 // Who holds an address is known without a walk, and must be what a walk would find.
-void StateComparison::compareAddresses(const QMR::Quillmere &server)
+void StateComparison::compareAddresses(const QMR::Quillmere &server, const RegistrationModel &model)
 {
     std::set<std::pair<quint32, Esn>> holders;
     for (const auto &[esn, radio] : model.table) {
@@ -174,7 +173,7 @@ void StateComparison::compareAddresses(const QMR::Quillmere &server)
     }
 }
 
-void StateComparison::compareQueues(const QMR::Quillmere &server)
+void StateComparison::compareQueues(const QMR::Quillmere &server, const RegistrationModel &model)
 {
     const auto searched = esnsOf(server.dueForDiscovery());
     if (searched != model.searchedFor()) {
@@ -186,7 +185,7 @@ void StateComparison::compareQueues(const QMR::Quillmere &server)
     }
 }
 
-void StateComparison::compareTimers(const QMR::Quillmere &server)
+void StateComparison::compareTimers(const QMR::Quillmere &server, const RegistrationModel &model)
 {
     const auto text = [](std::optional<qint64> interval) { return QString::number(interval.value_or(-1)); };
     const auto discovery = armed(server.nextDiscovery());
@@ -226,7 +225,7 @@ std::map<Esn, RegistrationModel::Row> StateComparison::readRows()
     return stored;
 }
 
-void StateComparison::compareRows(const QMR::Quillmere &server)
+void StateComparison::compareRows(const QMR::Quillmere &server, const RegistrationModel &model)
 {
     const auto stored = readRows();
     if (stored != model.rows) {

@@ -19,12 +19,12 @@ struct sqlite3_stmt;
 class StateComparison
 {
 public:
-    StateComparison(const QString &databaseFile, const RegistrationModel &model);
+    explicit StateComparison(const QString &databaseFile);
     ~StateComparison();
     Q_DISABLE_COPY_MOVE(StateComparison)
 
-    void compareTable(const QMR::Quillmere &server);
-    void compareRows(const QMR::Quillmere &server);
+    void compareTable(const QMR::Quillmere &server, const RegistrationModel &model);
+    void compareRows(const QMR::Quillmere &server, const RegistrationModel &model);
 
     // Runs a statement on the connection that the rows are read through.
     void run(const char *statement);
@@ -34,16 +34,16 @@ public:
 
     void differs(const QString &what, const QString &actual, const QString &expected);
     // Empty while nothing differs.
-    QString difference() const { return firstDifference; }
+    const QString &difference() const { return firstDifference; }
+    void forget() { firstDifference.clear(); }
 
 private:
-    void compareEntries(const QMR::Quillmere &server);
-    void compareAddresses(const QMR::Quillmere &server);
-    void compareQueues(const QMR::Quillmere &server);
-    void compareTimers(const QMR::Quillmere &server);
+    void compareEntries(const QMR::Quillmere &server, const RegistrationModel &model);
+    void compareAddresses(const QMR::Quillmere &server, const RegistrationModel &model);
+    void compareQueues(const QMR::Quillmere &server, const RegistrationModel &model);
+    void compareTimers(const QMR::Quillmere &server, const RegistrationModel &model);
     std::map<QMR::Esn, RegistrationModel::Row> readRows();
 
-    const RegistrationModel &model;
     sqlite3 *database = nullptr;
     sqlite3_stmt *rows = nullptr;
     QString firstDifference;
