@@ -222,7 +222,6 @@ private:
     std::optional<QDateTime> lapsingUntil; // while pending registrations lapse
     QTimer owedWritesTimer;
     std::optional<Esn> lastRetried;
-    bool sendingHeldBack = false;
     std::unique_ptr<QSettings> settings;
     std::unique_ptr<ApplicationManager> applicationManager;
     std::unique_ptr<RegistrationManager> registrationManager;

@@ -39,18 +39,12 @@ bool Quillmere::commitIsComing() const
 
 void Quillmere::groupStored()
 {
-    // An application that turns out to be gone in the middle of it commits too, as each of its events does.
-    if (sendingHeldBack) {
-        return;
-    }
-    sendingHeldBack = true;
     if (applicationManager) {
         applicationManager->sendHeldBack();
     }
     if (registrationManager) {
         registrationManager->sendHeldBack();
     }
-    sendingHeldBack = false;
     if (!writes->owed().isEmpty() && !owedWritesTimer.isActive()) {
         owedWritesTimer.start(OwedWritesPause);
     }
