@@ -2,12 +2,15 @@
 // SPDX-License-Identifier: MIT
 
 #include "db/writegroup.h"
+#include "tests/support/failingstatements.h"
 #include "tests/support/otherconnection.h"
 #include "tests/support/scriptedradio.h"
 #include "tests/support/serverdatabase.h"
 #include "tests/support/testserver.h"
 
 #include <QTest>
+
+#include <sqlite3.h>
 
 using namespace Qt::StringLiterals;
 
@@ -141,6 +144,31 @@ private slots:
         QCOMPARE(server.log.takeErrors(), QStringList());
         QCOMPARE(rows(server), QStringList{u"01 state 3 at 7 [2]"_s});
         QCOMPARE(server.query(u"SELECT count(*) FROM supported_services"_s), (QList<QVariantList>{{1LL}}));
+    }
+
+    // Its row could not be told from that of the radio before.
+    void radioIsNotInsertedBesideTheRowThatCannotBeDeleted()
+    {
+        TestServer server;
+        server.startWithoutDiscovery();
+        const FailingStatements deletions(server, SQLITE_FULL);
+        registers(server, First, 1);
+        server.log.take();
+        deletions.begin(u"DELETE"_s);
+        server->deregisterRadio(First, QHostAddress(u"127.0.0.2"_s));
+        QCOMPARE(server.log.takeErrors(), QStringList{u"Database delete error"_s});
+        QMR::RadioEntry again;
+        again.esn = First;
+        server->insertSubscriber(again);
+        QCOMPARE(server.log.takeErrors(), QStringList{u"Database insert error (1)"_s});
+        // What was in the way passes: it was the deletion that failed, not an ESN that is there twice.
+        QCOMPARE(server->writeGroup()->owed().of(First), QMR::OwedWrites::Debt::Unknown);
+        registers(server, First, 2, 7);
+        QCOMPARE(server.log.takeErrors(), QStringList{u"Database insert error (1)"_s});
+        deletions.end();
+        QTRY_VERIFY(server->writeGroup()->owed().isEmpty());
+        QCOMPARE(rows(server), QStringList{u"01 state 3 at 7 [2]"_s});
+        QCOMPARE(server.log.takeErrors(), QStringList());
     }
 
     void radioThatCameAndWentDuringTheLockIsNotStored()

@@ -1,6 +1,7 @@
 // SPDX-FileCopyrightText: 2026 The Quillmere developers
 // SPDX-License-Identifier: MIT
 
+#include "tests/support/scriptedapplication.h"
 #include "tests/support/supervisedradio.h"
 #include "tests/support/testserver.h"
 
@@ -54,6 +55,61 @@ private slots:
         QCOMPARE(server->removeRadio(radioOf(1)), size_t{0});
         QVERIFY(!server->findRadio(esnOf(1)));
         QVERIFY(server->findRadio(esnOf(2)));
+    }
+
+    // Of two stored rows with one ESN only the first is in the table; the other's address is nobody's.
+    void addressOfARecordOutsideTheTableIsNobodys()
+    {
+        TestServer server;
+        server.startWithoutDiscovery();
+        registerAt(server, 1, QHostAddress(u"127.0.0.3"_s));
+        const RadioPointer other = radioOf(1);
+        server->setAddresses(other, Here, {});
+        QCOMPARE(other->address, Here);
+        server.log.take();
+        registerAt(server, 2, Here);
+        QCOMPARE(server.log.take().size(), 1); // nobody has lost the address
+        server->setAddresses(other, QHostAddress(u"127.0.0.4"_s), {});
+        registerAt(server, 3, Here);
+        QVERIFY(!server->findRadio(esnOf(2)));
+        QVERIFY(server->findRadio(esnOf(1)));
+    }
+
+    // The holder is found by the IPv4 value alone, but ends by its very address.
+    void anotherFormOfTheAddressEndsNobodysRegistration()
+    {
+        TestServer server;
+        server.startWithoutDiscovery();
+        registerAt(server, 1, Here);
+        server.log.take();
+        server->deregisterRadioByAddress(QHostAddress(u"::ffff:127.0.0.2"_s));
+        QCOMPARE(server.log.take(), QList<LogRecord>());
+        server->deregisterRadioByAddress(Here);
+        QVERIFY(!server->findRadio(esnOf(1)));
+    }
+
+    // It is stored as it was, and told again, with no attempt counted.
+    void availabilityOfNoNameChangesNothingElse()
+    {
+        TestServer server;
+        server.startWithoutDiscovery();
+        registerAt(server, 1, Here);
+        const RadioPointer radio = server->findRadio(esnOf(1));
+        radio->discoveryAttempts = 2;
+        radio->supportedServices = {3};
+        ScriptedApplication application(server.applicationPort());
+        QCOMPARE(application.receives(1).size(), 1);
+        server->setAvailability(radio, 7);
+        QCOMPARE(radio->availability, quint32{QMR::Registered});
+        QCOMPARE(radio->discoveryAttempts, 0);
+        QVERIFY(server->dueForDiscovery().empty());
+        const QList<Notice> notices = application.receives(1);
+        QCOMPARE(notices.size(), 1);
+        QCOMPARE(notices.first().availability, 3);
+        QCOMPARE(
+            server.query(u"SELECT num_discovery_attempts, service FROM subscribers JOIN supported_services "
+                         "ON id = subscriber_id"_s),
+            (QList<QVariantList>{{0LL, 3LL}}));
     }
 
     void stopForgetsAllRadios()

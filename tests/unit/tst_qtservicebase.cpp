@@ -73,6 +73,7 @@ private slots:
     void backslashesEndTheName();
     void instanceIsTheLatestObject();
     void hasPlainDefaults();
+    void operationsNeedNotBeThere();
 };
 
 void TestQtServiceBase::obeysTheCommandLine_data()
@@ -367,6 +368,31 @@ void TestQtServiceBase::hasPlainDefaults()
     QCOMPARE(service.serviceDescription(), QString());
     QCOMPARE(service.startupType(), QtServiceBase::ManualStartup);
     QCOMPARE(service.serviceFlags(), QtServiceBase::ServiceFlags(QtServiceBase::Default));
+}
+
+// What a service leaves out is no failure of it.
+void TestQtServiceBase::operationsNeedNotBeThere()
+{
+    class PlainService : public QtService<QCoreApplication>
+    {
+    public:
+        using QtService<QCoreApplication>::QtService;
+        using QtServiceBase::pause;
+        using QtServiceBase::processCommand;
+        using QtServiceBase::resume;
+        using QtServiceBase::stop;
+
+    protected:
+        void start() override {}
+    };
+    char program[] = "quillmere";
+    char *arguments[] = {program, nullptr};
+    PlainService service(1, arguments, u"Quill Mere"_s);
+    service.pause();
+    service.resume();
+    service.processCommand(127);
+    service.stop();
+    QCOMPARE(QtServiceBase::instance(), &service);
 }
 
 QTEST_APPLESS_MAIN(TestQtServiceBase)

@@ -62,6 +62,19 @@ private:
     int descriptor;
 };
 
+int listenAt(const QByteArray &path, int backlog)
+{
+    const int descriptor = ::socket(AF_UNIX, SOCK_STREAM, 0);
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    std::memcpy(address.sun_path, path.constData(), static_cast<size_t>(path.size()));
+    if (::bind(descriptor, reinterpret_cast<const sockaddr *>(&address), sizeof(address)) != 0 ||
+        ::listen(descriptor, backlog) != 0) {
+        qFatal("cannot listen");
+    }
+    return descriptor;
+}
+
 } // namespace
 
 class TestControlSocket : public QObject
@@ -88,6 +101,10 @@ private slots:
     void acceptErrorPausesAccepting();
     void clientWithoutAService();
     void clientOfAServiceThatNeverAnswers();
+    void clientOfAServiceThatHangsUp();
+    void clientOfACrowdedService();
+    void clientWithoutRights();
+    void clientWithoutDescriptors();
 
 private:
     // Everything that can be done now.
@@ -344,6 +361,50 @@ void TestControlSocket::clientWithoutAService()
 void TestControlSocket::clientOfAServiceThatNeverAnswers()
 {
     QCOMPARE(sendControl(path, 200, 100).error, Scm::Dword(ErrorRequestTimeout));
+}
+
+void TestControlSocket::clientOfAServiceThatHangsUp()
+{
+    const int listener = listenAt(path + "2", 10);
+    std::thread service([listener] { ::close(::accept(listener, nullptr, nullptr)); });
+    const ControlAnswer answer = sendControl(path + "2", 200, 60000);
+    service.join();
+    ::close(listener);
+    QCOMPARE(answer.error, Scm::Dword(ErrorRequestTimeout)); // long before the time
+}
+
+void TestControlSocket::clientOfACrowdedService()
+{
+    const int listener = listenAt(path + "2", 0);
+    const Client first(path + "2");
+    QVERIFY(first.isConnected);
+    QCOMPARE(sendControl(path + "2", 200, 60000).error, Scm::Dword(ErrorRequestTimeout));
+    ::close(listener);
+}
+
+void TestControlSocket::clientWithoutRights()
+{
+    if (::geteuid() != 0) {
+        return; // only root can become somebody else
+    }
+    QFile::setPermissions(folder->path(), QFileDevice::Permissions(0x7777));
+    QCOMPARE(::seteuid(65534), 0);
+    const ControlAnswer answer = sendControl(path, 200, 1000);
+    QCOMPARE(::seteuid(0), 0);
+    QCOMPARE(answer.error, Scm::Dword(Scm::ErrorAccessDenied));
+}
+
+void TestControlSocket::clientWithoutDescriptors()
+{
+    std::vector<int> taken;
+    for (int descriptor = 0; (descriptor = ::dup(STDIN_FILENO)) >= 0;) {
+        taken.push_back(descriptor);
+    }
+    const ControlAnswer answer = sendControl(path, 200, 1000);
+    for (const int descriptor : taken) {
+        ::close(descriptor);
+    }
+    QCOMPARE(answer.error, Scm::Dword(ErrorRequestTimeout));
 }
 
 QTEST_GUILESS_MAIN(TestControlSocket)

@@ -121,6 +121,7 @@ private slots:
     void stopWaitsForTheStart();
     void handlersNeedADispatcher();
     void reportsEveryState();
+    void processHasOneDispatcher();
 
 private:
     void dispatch()
@@ -306,6 +307,17 @@ void TestDispatcher::reportsEveryState()
         QVERIFY(report(state));
         QCOMPARE(notify->next(), expected[row++]);
     }
+    stop();
+}
+
+void TestDispatcher::processHasOneDispatcher()
+{
+    start();
+    std::u16string name = u"Another";
+    const std::array<Scm::TableEntry, 2> table = {{{name.data(), serviceMain}, {nullptr, nullptr}}};
+    QVERIFY(!startServiceCtrlDispatcher(table.data()));
+    QCOMPARE(Linux::lastError(), Scm::Dword(Scm::ErrorServiceAlreadyRunning));
+    QCOMPARE(send(200).error, 0u); // the first one is as it was
     stop();
 }
 

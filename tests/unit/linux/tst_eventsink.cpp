@@ -36,6 +36,7 @@ private slots:
     void unwritableSinkLosesTheRecord();
     void fileThatIsRenamedIsMadeAnew();
     void pipeMayLoseItsReader();
+    void errorOutputIsASinkToo();
 
 private:
     static EventRecord record(const QString &message)
@@ -216,6 +217,24 @@ void TestEventSink::pipeMayLoseItsReader()
     QVERIFY(writeEvent(record(u"three"_s)));
     ::close(reader);
     qunsetenv("QUILLMERE_EVENTLOG");
+}
+
+void TestEventSink::errorOutputIsASinkToo()
+{
+    const QTemporaryDir folder;
+    const QString path = folder.filePath(u"errors"_s);
+    const int file = ::open(QFile::encodeName(path).constData(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600);
+    const int own = ::dup(STDERR_FILENO);
+    QVERIFY(file >= 0 && own >= 0);
+    qputenv("QUILLMERE_EVENTLOG", "stderr");
+    ::dup2(file, STDERR_FILENO);
+    const bool isWritten = writeEvent(record(u"one"_s));
+    ::dup2(own, STDERR_FILENO);
+    qunsetenv("QUILLMERE_EVENTLOG");
+    ::close(own);
+    ::close(file);
+    QVERIFY(isWritten);
+    QCOMPARE(content(path), jsonLine(record(u"one"_s)));
 }
 
 QTEST_GUILESS_MAIN(TestEventSink)

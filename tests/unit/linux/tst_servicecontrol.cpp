@@ -73,6 +73,7 @@ private slots:
     void statusOfADeletedService();
     void startsAndWaitsForTheReport();
     void startHandsParametersOver();
+    void startNeedsAPlaceForItsParameters();
     void startRefuses_data();
     void startRefuses();
     void startThatSystemdRefusesLeavesNoParameters();
@@ -154,6 +155,16 @@ void TestServiceControl::startHandsParametersOver()
     QCOMPARE(takeStartParameters(folder), expected);
     QCOMPARE(takeStartParameters(folder), QStringList());
     QCOMPARE(takeStartParameters("/nowhere"), QStringList());
+}
+
+void TestServiceControl::startNeedsAPlaceForItsParameters()
+{
+    systemd->shows(Shown::Stopped);
+    systemd->writeFile(systemd->runtimeFolder() + u"/quill-mere", "a file");
+    const std::array<const Scm::Char *, 1> parameters = {u"one"};
+    QVERIFY(!startService(&handle, 1, const_cast<const Scm::Char **>(parameters.data())));
+    QCOMPARE(Linux::lastError(), Scm::Dword(Scm::ErrorAccessDenied));
+    QVERIFY(systemd->calls().isEmpty());
 }
 
 void TestServiceControl::startRefuses_data()

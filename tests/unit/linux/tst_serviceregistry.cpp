@@ -34,6 +34,7 @@ private slots:
     void createRefuses_data();
     void createRefuses();
     void createFindsAUnitOfAPackage();
+    void createNeedsTheFolder();
     void createWaitsForADeletedServiceToStop();
     void createLeavesNothingBehindWhenSystemdFails_data();
     void createLeavesNothingBehindWhenSystemdFails();
@@ -138,7 +139,20 @@ void TestServiceRegistry::createFindsAUnitOfAPackage()
     QVERIFY(!deleteService(service));
     QCOMPARE(Linux::lastError(), Scm::Dword(Scm::ErrorAccessDenied));
     QVERIFY(QFile::exists(systemd->vendorFolder() + u"/quill-mere.service"));
+    std::u16string text = u"Changed";
+    Scm::Description description{text.data()};
+    QVERIFY(!changeServiceConfig2(service, Scm::ConfigDescription, &description));
+    QCOMPARE(Linux::lastError(), Scm::Dword(Scm::ErrorAccessDenied));
+    QCOMPARE(systemd->readFile(systemd->vendorFolder() + u"/quill-mere.service"), QByteArray("[Unit]\n"));
     closeServiceHandle(service);
+}
+
+void TestServiceRegistry::createNeedsTheFolder()
+{
+    QVERIFY(QDir().rmdir(systemd->unitFolder()));
+    QVERIFY(!create());
+    QCOMPARE(Linux::lastError(), Scm::Dword(Scm::ErrorAccessDenied));
+    QVERIFY(systemd->calls().isEmpty());
 }
 
 void TestServiceRegistry::createWaitsForADeletedServiceToStop()

@@ -1,0 +1,97 @@
+// SPDX-FileCopyrightText: 2026 The Quillmere developers
+// SPDX-License-Identifier: MIT
+
+#include "service/linux/errors.h"
+#include "service/platform.h"
+
+#include <QDir>
+#include <QElapsedTimer>
+#include <QTest>
+#include <QThread>
+
+#include <unistd.h>
+
+#include <memory>
+
+using namespace Qt::StringLiterals;
+
+// What of this platform the service host asks for beside the service-control functions.
+class TestPlatform : public QObject
+{
+    Q_OBJECT
+
+private slots:
+    void errorsHaveTexts_data();
+    void errorsHaveTexts();
+    void lastErrorIsTheThreadsOwn();
+    void executableIsThisProgram();
+    void sleepLastsAtLeastAsLong();
+    void dataFolderIsTheSystemsUnlessNamed();
+    void journalNeedsNoMessageFile();
+};
+
+void TestPlatform::errorsHaveTexts_data()
+{
+    QTest::addColumn<Scm::Dword>("code");
+    QTest::addColumn<QString>("text");
+    QTest::newRow("none") << Scm::Dword(0) << u"The operation completed successfully."_s;
+    QTest::newRow("5") << Scm::Dword(Scm::ErrorAccessDenied) << u"Access is denied."_s;
+    QTest::newRow("1060") << Scm::Dword(Scm::ErrorServiceDoesNotExist)
+                          << u"The specified service does not exist as an installed service."_s;
+    QTest::newRow("the last") << Scm::Dword(Linux::ErrorManagerUnavailable)
+                              << u"The service manager is unavailable."_s;
+    QTest::newRow("unknown") << Scm::Dword(4711) << u"Unknown error 4711."_s;
+}
+
+void TestPlatform::errorsHaveTexts()
+{
+    QFETCH(const Scm::Dword, code);
+    QTEST(Platform::errorText(code), "text");
+}
+
+void TestPlatform::lastErrorIsTheThreadsOwn()
+{
+    QCOMPARE(Linux::fail(Scm::ErrorAccessDenied), 0);
+    Scm::Dword elsewhere = 1;
+    const std::unique_ptr<QThread> thread(QThread::create([&] { elsewhere = Platform::lastError(); }));
+    thread->start();
+    QVERIFY(thread->wait(5000));
+    QCOMPARE(elsewhere, Scm::Dword(0));
+    QCOMPARE(Platform::lastError(), Scm::Dword(Scm::ErrorAccessDenied));
+}
+
+void TestPlatform::executableIsThisProgram()
+{
+    QCOMPARE(Platform::executablePath(), QFile::symLinkTarget(u"/proc/self/exe"_s));
+    QVERIFY(Platform::executablePath().endsWith(u"/tst_platform"_s));
+}
+
+void TestPlatform::sleepLastsAtLeastAsLong()
+{
+    QElapsedTimer spent;
+    spent.start();
+    Platform::sleepMilliseconds(20);
+    QVERIFY(spent.nsecsElapsed() >= 20'000'000);
+}
+
+void TestPlatform::dataFolderIsTheSystemsUnlessNamed()
+{
+    qputenv("QUILLMERE_APPDATA", "/some/where");
+    QCOMPARE(Platform::commonDataFolder(), std::optional(u"/some/where"_s));
+    qunsetenv("QUILLMERE_APPDATA");
+    qputenv("XDG_DATA_HOME", "/somebody/data");
+    QCOMPARE(Platform::commonDataFolder(),
+             std::optional(::geteuid() == 0 ? u"/var/lib"_s : u"/somebody/data"_s));
+    qunsetenv("XDG_DATA_HOME");
+}
+
+void TestPlatform::journalNeedsNoMessageFile()
+{
+    const QString file = QDir::tempPath() + u"/quillmere-message-file"_s;
+    Platform::registerMessageFile(u"Quill Mere"_s, file);
+    Platform::removeMessageFile(u"Quill Mere"_s);
+    QVERIFY(!QFile::exists(file));
+}
+
+QTEST_GUILESS_MAIN(TestPlatform)
+#include "tst_platform.moc"

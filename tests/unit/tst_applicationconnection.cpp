@@ -1,0 +1,130 @@
+// SPDX-FileCopyrightText: 2026 The Quillmere developers
+// SPDX-License-Identifier: MIT
+
+#include "apps/applicationconnection.h"
+
+#include <QTcpServer>
+#include <QTcpSocket>
+#include <QTest>
+
+#include <initializer_list>
+#include <limits>
+#include <memory>
+
+namespace {
+
+constexpr qint64 Unlimited = std::numeric_limits<qint64>::max();
+
+QMR::Esn esnOf(quint8 serial)
+{
+    return {{0x00, 0x11, 0xAA, 0xBB, 0x22, 0xCC, 0x33, serial}};
+}
+
+// Registered at 10.0.0.5, no services.
+QByteArray notice(quint8 serial)
+{
+    return QByteArray::fromHex("514d5241 04 01 1600 0011aabb22cc33") + static_cast<char>(serial) +
+           QByteArray::fromHex("123456789abcde 00 0500000a 03 00");
+}
+
+QByteArray notices(std::initializer_list<quint8> serials)
+{
+    QByteArray bytes;
+    for (const quint8 serial : serials) {
+        bytes += notice(serial);
+    }
+    return bytes;
+}
+
+} // namespace
+
+// What an application is told, and what of it is not accepted.
+class TestApplicationConnection : public QObject
+{
+    Q_OBJECT
+
+private slots:
+    void init();
+    void cleanup();
+    void whatIsMoreThanAllowedIsLostNoticeByNotice();
+    void whatIsMoreThanAllowedIsLostBehindTheTableToo();
+    void noticesOfABrokenConnectionAreLost();
+    void nothingIsLostOnceItHasEnded();
+
+private:
+    QByteArray received(qsizetype size);
+
+    std::unique_ptr<QTcpServer> server;
+    std::unique_ptr<QTcpSocket> application;
+    QMR::ApplicationConnection *connection = nullptr;
+};
+
+void TestApplicationConnection::init()
+{
+    server = std::make_unique<QTcpServer>();
+    QVERIFY(server->listen(QHostAddress::LocalHost));
+    application = std::make_unique<QTcpSocket>();
+    application->connectToHost(server->serverAddress(), server->serverPort());
+    QVERIFY(server->waitForNewConnection(5000));
+    QVERIFY(application->waitForConnected(5000));
+    connection = new QMR::ApplicationConnection(server->nextPendingConnection());
+}
+
+void TestApplicationConnection::cleanup()
+{
+    application.reset();
+    server.reset(); // and the connection with it
+}
+
+// All that has been told, which is so many bytes.
+QByteArray TestApplicationConnection::received(qsizetype size)
+{
+    connection->flush();
+    QByteArray bytes;
+    while (bytes.size() < size &&
+           (application->bytesAvailable() > 0 || application->waitForReadyRead(5000))) {
+        bytes += application->readAll();
+    }
+    return bytes;
+}
+
+void TestApplicationConnection::whatIsMoreThanAllowedIsLostNoticeByNotice()
+{
+    connection->completeTable();
+    const qint64 room = notice(1).size() + notice(2).size();
+    QCOMPARE(connection->tell(notices({1, 2, 3, 4}), room), 2);
+    QCOMPARE(connection->tell(notice(5), Unlimited), 0);
+    const QByteArray kept = notices({1, 2, 5});
+    QCOMPARE(received(kept.size()), kept);
+}
+
+void TestApplicationConnection::whatIsMoreThanAllowedIsLostBehindTheTableToo()
+{
+    connection->tellOfTable(esnOf(2), notice(2));
+    // The radio after the last one of the table so far will be in the table.
+    QCOMPARE(connection->tell(notices({1, 2, 3}), notice(1).size()), 1);
+    QCOMPARE(connection->unsent(), notice(2).size() + notice(1).size());
+    connection->completeTable();
+    const QByteArray kept = notices({2, 1});
+    QCOMPARE(received(kept.size()), kept);
+}
+
+void TestApplicationConnection::noticesOfABrokenConnectionAreLost()
+{
+    connection->completeTable();
+    connection->socket().abort();
+    QTest::ignoreMessage(QtWarningMsg, "QIODevice::write (QTcpSocket): device not open");
+    QTest::ignoreMessage(QtWarningMsg, "QIODevice::write (QTcpSocket): device not open");
+    QTest::ignoreMessage(QtWarningMsg, "QIODevice::write (QTcpSocket): device not open");
+    QCOMPARE(connection->tell(notices({1, 2}), Unlimited), 2);
+}
+
+void TestApplicationConnection::nothingIsLostOnceItHasEnded()
+{
+    connection->completeTable();
+    connection->end(QString());
+    QCOMPARE(connection->tell(notices({1, 2}), 0), 0);
+}
+
+QTEST_GUILESS_MAIN(TestApplicationConnection)
+#include "tst_applicationconnection.moc"
