@@ -3,6 +3,7 @@
 
 """The built server, run with a data folder of its own, in the foreground or as a service."""
 
+import contextlib
 import ctypes
 import json
 import os
@@ -55,10 +56,13 @@ class Server:
 
     def start(self):
         """Returns when both ports are open; the records are those of this run."""
+        self.launch()
+        wait_for(self.is_started, "the server to start", pause=0.002)
+
+    def launch(self):
         self.event_log.write_bytes(b"")
         self.process = subprocess.Popen(self.command, env=self.environment, preexec_fn=die_with_this_run,
                                         stderr=self.error_output)
-        wait_for(self.is_started, "the server to start", pause=0.002)
 
     def is_started(self):
         if self.process.poll() is not None:
@@ -89,10 +93,10 @@ class Server:
     def forget_records(self):
         os.truncate(self.event_log, 0)
 
-    def resident(self):
-        """Bytes of its memory that are resident."""
+    def resident(self, which="VmRSS"):
+        """Bytes of its memory that are resident; RssAnon: without what files hold."""
         status = pathlib.Path(f"/proc/{self.process.pid}/status").read_text(encoding="ascii")
-        return int(status.partition("VmRSS:")[2].split()[0]) * 1024
+        return int(status.partition(f"{which}:")[2].split()[0]) * 1024
 
     def has_a_sanitizer(self):
         """Its memory is then not the server's own."""
@@ -116,3 +120,10 @@ class Service(Server):
         self.notified = socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM)
         self.environment["NOTIFY_SOCKET"] = str(folder / "notify")
         self.notified.bind(self.environment["NOTIFY_SOCKET"])
+        self.notified.setblocking(False)
+
+    def launch(self):
+        with contextlib.suppress(BlockingIOError):  # or the service would wait for room there, after some lives
+            while True:
+                self.notified.recv(1 << 16)
+        super().launch()

@@ -48,6 +48,11 @@ def notice(esn, suid, address, availability, services=b""):
     return b"QMRA\x04\x01" + struct.pack("<H", len(payload)) + payload
 
 
+def report(esn, address):
+    """The address as a number."""
+    return b"QMRA\x04\x02" + struct.pack("<H", 12) + esn + struct.pack("<I", address)
+
+
 def take_notices(stream):
     """Takes the whole notices off the front of a bytearray; yields them with the address as a number."""
     while len(stream) >= 8 and len(stream) >= 8 + stream[6] + 256 * stream[7]:

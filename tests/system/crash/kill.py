@@ -14,7 +14,6 @@ import contextlib
 import os
 import pathlib
 import random
-import shutil
 import socket
 import sqlite3
 import sys
@@ -24,7 +23,7 @@ sys.dont_write_bytecode = True
 sys.path.insert(0, str(pathlib.Path(__file__).resolve().parent.parent))
 
 from foreground import Server, memory_folder  # noqa: E402
-from ledger import Ledger, read_rows  # noqa: E402
+from ledger import Ledger, copy_database, read_rows  # noqa: E402
 from load import Fleet, Flight  # noqa: E402
 from wire import free_port  # noqa: E402
 
@@ -74,13 +73,7 @@ class Target:
 
     def stored(self):
         """What a copy of the folder yields: the server recovers the folder itself."""
-        for suffix in ("", "-journal", "-wal"):
-            source, target = (pathlib.Path(f"{path}{suffix}") for path in (self.server.database, self.copy))
-            if source.exists():
-                shutil.copyfile(source, target)
-                self.recoveries += suffix != "" and source.stat().st_size > 0
-            else:
-                target.unlink(missing_ok=True)
+        self.recoveries += copy_database(self.server.database, self.copy)
         rows = read_rows(self.copy)
         with contextlib.closing(sqlite3.connect(self.copy)) as database:
             mode = database.execute("PRAGMA journal_mode").fetchone()[0]

@@ -6,6 +6,8 @@
 import collections
 import contextlib
 import ipaddress
+import pathlib
+import shutil
 import sqlite3
 
 from wire import DEREGISTERED, DEREGISTRATION, EXTENDED_REGISTRATION, REGISTERED, split_datagram
@@ -23,6 +25,19 @@ class State(collections.namedtuple("State", "suid address services version")):
 Step = collections.namedtuple("Step", "state suid is_sent")
 
 NEVER_SEEN = Step(None, None, False)
+
+
+def copy_database(source, target):
+    """Of a server that is gone: it has to recover the database itself. Returns whether there is a journal to do it with."""
+    has_journal = False
+    for suffix in ("", "-journal", "-wal"):
+        name, copied = pathlib.Path(f"{source}{suffix}"), pathlib.Path(f"{target}{suffix}")
+        if name.exists():
+            shutil.copyfile(name, copied)
+            has_journal = has_journal or (suffix != "" and name.stat().st_size > 0)
+        else:
+            copied.unlink(missing_ok=True)
+    return has_journal
 
 
 def read_rows(path):
