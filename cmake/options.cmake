@@ -28,6 +28,12 @@ else()
     target_compile_definitions(quillmere_options INTERFACE $<$<CONFIG:Release,RelWithDebInfo>:_FORTIFY_SOURCE=2>)
 endif()
 
+if(QUILLMERE_COVERAGE)
+    # Counted by the machine's own additions, which are exact where threads run too.
+    target_compile_options(quillmere_options INTERFACE --coverage -fprofile-abs-path -fprofile-update=atomic)
+    target_link_options(quillmere_options INTERFACE --coverage)
+endif()
+
 if(NOT WIN32)
     set(CMAKE_POSITION_INDEPENDENT_CODE ON)
     target_link_options(quillmere_options INTERFACE

@@ -23,6 +23,8 @@ lint_packages=(clang-format clang-tidy shellcheck)
 fuzz_packages=(clang libclang-rt-14-dev)
 # shellcheck disable=SC2034
 mutation_packages=(python3 python3-clang-14)
+# shellcheck disable=SC2034
+coverage_packages=(python3 gcovr)
 
 # One compiler cache for every clone of this tree: what a source is compiled to does not depend on where it lies.
 export CCACHE_BASEDIR=$PWD CCACHE_NOHASHDIR=1
