@@ -196,7 +196,9 @@ private:
     void continueTimeoutCheck();
     void lapsePending();
 
+    bool openDatabase();
     void keepJournal();
+    int readSubscribers(std::list<RadioPointer> &radios) const;
     void writeFailed(WriteStep step) const;
     void groupStored();
     void eventOwedWritesDue();

@@ -10,6 +10,7 @@
 #include "service/platform.h"
 
 #include <QDir>
+#include <QFileInfo>
 #include <QSqlQuery>
 
 #include <limits>
@@ -29,6 +30,8 @@ constexpr int VersionPatch = 3;
 constexpr int VersionBuild = 27;
 
 constexpr int TimeoutCheckPeriod = 300000; // ms
+
+constexpr int LastRounds = 2; // of owed writes at a stop: what fails once may be stored the second time
 
 constexpr quint32 DefaultMinimumDiscoveryPeriod = 30; // seconds
 constexpr quint32 DefaultRadioRegistrationPort = 9361;
@@ -100,10 +103,23 @@ void Quillmere::configure()
     QCoreApplication::setApplicationName(applicationName());
     settings = std::make_unique<QSettings>(configDirectory() + u"/qmr.cfg"_s, QSettings::IniFormat);
     Sqlite::keepNoAccounts();
+    Sqlite::tellFaultsFromDamage();
     database = QSqlDatabase::addDatabase(u"QSQLITE"_s);
     database.setDatabaseName(configDirectory() + u"/qmr.db"_s);
     database.setConnectOptions(u"QSQLITE_BUSY_TIMEOUT=250"_s); // ms
     databaseConfigured = true;
+}
+
+// SQLite opens a file for reading only when it could not be opened for writing, for want of a descriptor say,
+// and would never try again.
+bool Quillmere::openDatabase()
+{
+    bool isOpen = false;
+    Sqlite::whileHindered(QDeadlineTimer(Sqlite::StartPatience), [&] {
+        isOpen = database.open();
+        return isOpen && Sqlite::isReadOnly(database) && QFileInfo(database.databaseName()).isWritable();
+    });
+    return isOpen;
 }
 
 void Quillmere::start()
@@ -111,7 +127,7 @@ void Quillmere::start()
     if (!databaseConfigured) {
         configure();
     }
-    if (!database.open()) {
+    if (!openDatabase()) {
         log(u"Failed to open database ('%1\\qmr.db')"_s.arg(configDirectory()), Error);
         return;
     }
@@ -155,8 +171,10 @@ void Quillmere::stop()
 {
     if (writes) {
         commitWrites();
-        lastRetried.reset();
-        retryOwedWrites(std::numeric_limits<qint64>::max());
+        for (int round = 0; round < LastRounds && !writes->owed().isEmpty(); ++round) {
+            lastRetried.reset();
+            retryOwedWrites(std::numeric_limits<qint64>::max());
+        }
     }
     timeoutCheckTimer.stop();
     discoveryTimer.stop();

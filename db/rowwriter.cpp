@@ -35,6 +35,11 @@ std::optional<WriteStep> RowWriter::write(const RowWrite &write, OwedWrites::Deb
     }
 }
 
+std::optional<qint64> RowWriter::rowOf(const Esn &esn)
+{
+    return statements.selectId.firstValue({toBlob(esn.bytes)});
+}
+
 std::optional<WriteStep> RowWriter::insert(const SubscriberRow &row)
 {
     if (!statements.insertSubscriber.run({toBlob(row.esn.bytes), toBlob(row.suid.bytes), qint64{row.address},
@@ -43,7 +48,7 @@ std::optional<WriteStep> RowWriter::insert(const SubscriberRow &row)
                                           qint64{row.protocolVersion}})) {
         return WriteStep::InsertRow;
     }
-    const std::optional<qint64> id = statements.selectId.firstValue({toBlob(row.esn.bytes)});
+    const std::optional<qint64> id = rowOf(row.esn);
     if (!id) {
         return WriteStep::ReadId;
     }
@@ -52,7 +57,7 @@ std::optional<WriteStep> RowWriter::insert(const SubscriberRow &row)
 
 bool RowWriter::update(const SubscriberRow &row, OwedWrites::Debt debt)
 {
-    const std::optional<qint64> id = statements.selectId.firstValue({toBlob(row.esn.bytes)});
+    const std::optional<qint64> id = rowOf(row.esn);
     if (!id) {
         const bool isExpected = debt == OwedWrites::Debt::Insert || debt == OwedWrites::Debt::Unknown;
         return isExpected && !insert(row);

@@ -18,6 +18,9 @@ public:
     // radio.
     std::optional<WriteStep> write(const RowWrite &write, OwedWrites::Debt debt);
 
+    // The radio's row, by its id; nothing also where that cannot be read.
+    std::optional<qint64> rowOf(const Esn &esn);
+
 private:
     std::optional<WriteStep> insert(const SubscriberRow &row);
     bool update(const SubscriberRow &row, OwedWrites::Debt debt);

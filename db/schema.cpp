@@ -128,7 +128,7 @@ template<typename Attempt>
 Outcome waitForLocks(const QDeadlineTimer &deadline, Attempt attempt)
 {
     Outcome outcome = Outcome::Locked;
-    Sqlite::whileLocked(deadline, [&] {
+    Sqlite::whileHindered(deadline, [&] {
         outcome = attempt();
         return outcome == Outcome::Locked;
     });

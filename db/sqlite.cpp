@@ -9,6 +9,9 @@
 #include <sqlite3.h>
 
 #include <algorithm>
+#include <array>
+#include <cerrno>
+#include <cstddef>
 #include <thread>
 
 using namespace std::chrono_literals;
@@ -26,6 +29,36 @@ int primary(int resultCode)
     return resultCode & 0xFF;
 }
 
+// As SQLite has it, for a file's descriptor, bytes, how many, and from where. Where it has none by these
+// names, faults are told from damage as it is.
+using ReadCall = ptrdiff_t (*)(int, void *, size_t, qint64);
+constexpr std::array ReadCalls = {"pread", "pread64"};
+std::array<ReadCall, ReadCalls.size()> systemsReadCalls{};
+
+template<size_t Index>
+ptrdiff_t readOrFail(int file, void *bytes, size_t count, qint64 offset)
+{
+    const ptrdiff_t read = systemsReadCalls[Index](file, bytes, count, offset);
+    if (read < 0 && (errno == EIO || errno == ENXIO || errno == ERANGE)) {
+        errno = EAGAIN; // one that SQLite does not take for damage
+    }
+    return read;
+}
+
+template<size_t Index>
+void replaceReadCall(sqlite3_vfs &system)
+{
+    if (system.iVersion < 3) {
+        return;
+    }
+    const auto own = reinterpret_cast<sqlite3_syscall_ptr>(readOrFail<Index>);
+    const sqlite3_syscall_ptr present = system.xGetSystemCall(&system, ReadCalls[Index]);
+    if (present && present != own) {
+        systemsReadCalls[Index] = reinterpret_cast<ReadCall>(present);
+        system.xSetSystemCall(&system, ReadCalls[Index], own);
+    }
+}
+
 } // namespace
 
 void keepNoAccounts()
@@ -33,10 +66,22 @@ void keepNoAccounts()
     sqlite3_config(SQLITE_CONFIG_MEMSTATUS, 0);
 }
 
+void tellFaultsFromDamage()
+{
+    sqlite3_vfs *system = sqlite3_vfs_find(nullptr);
+    replaceReadCall<0>(*system);
+    replaceReadCall<1>(*system);
+}
+
 sqlite3 *handle(const QSqlDatabase &database)
 {
     const QVariant handle = database.driver()->handle();
     return handle.isValid() ? *static_cast<sqlite3 *const *>(handle.constData()) : nullptr;
+}
+
+bool isReadOnly(const QSqlDatabase &database)
+{
+    return sqlite3_db_readonly(handle(database), "main") == 1;
 }
 
 bool isLock(int resultCode)
@@ -70,7 +115,7 @@ bool isRefusal(int resultCode)
     return primary(resultCode) == SQLITE_CONSTRAINT;
 }
 
-void whileLocked(const QDeadlineTimer &deadline, const std::function<bool()> &attempt)
+void whileHindered(const QDeadlineTimer &deadline, const std::function<bool()> &attempt)
 {
     auto pause = FirstPause;
     while (attempt() && !deadline.hasExpired()) {

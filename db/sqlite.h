@@ -18,8 +18,14 @@ namespace QMR::Sqlite {
 // takes a lock at each allocation.
 void keepNoAccounts();
 
+// To be called before that too: SQLite takes a file that the system fails to read for a damaged one, and what
+// is damaged is replaced. From then on it is a fault that may pass.
+void tellFaultsFromDamage();
+
 // The connection's own handle; null while it is closed.
 sqlite3 *handle(const QSqlDatabase &database);
+
+bool isReadOnly(const QSqlDatabase &database);
 
 // Somebody else keeps the file locked. resultCode: SQLite's, extended or not, as it stands in a driver's
 // error.
@@ -35,9 +41,9 @@ bool isRefusal(int resultCode);
 // How long a start waits for somebody else's lock: nothing is served yet.
 constexpr std::chrono::seconds StartPatience(60);
 
-// Makes the attempt, and again after a growing pause while it says that somebody else's lock is in its way
-// and time is left. SQLite's own wait is not enough: it is not made where a transaction that reads comes to
-// write.
-void whileLocked(const QDeadlineTimer &deadline, const std::function<bool()> &attempt);
+// Makes the attempt, and again after a growing pause while it says that something is in its way that may
+// pass, a lock say, and time is left. SQLite's own wait for locks is not enough: it is not made where a
+// transaction that reads comes to write.
+void whileHindered(const QDeadlineTimer &deadline, const std::function<bool()> &attempt);
 
 } // namespace QMR::Sqlite

@@ -74,20 +74,23 @@ void Quillmere::writeFailed(WriteStep step) const
 
 void Quillmere::loadSubscribers(std::list<RadioPointer> &radios)
 {
+    // What keeps the rows from being read and may pass is waited for: a server without its radios would not
+    // store them.
+    Sqlite::whileHindered(QDeadlineTimer(Sqlite::StartPatience),
+                          [&] { return Sqlite::isPassing(readSubscribers(radios)); });
+}
+
+int Quillmere::readSubscribers(std::list<RadioPointer> &radios) const
+{
     radios.clear();
     QSqlQuery query(database);
     query.setForwardOnly(true);
-    const QString statement =
-        u"SELECT subscribers.esn, subscribers.suid, subscribers.ip_address,"
-        "        subscribers.availability, subscribers.last_contact_time,"
-        "        subscribers.num_discovery_attempts, subscribers.last_discovery_attempt,"
-        "        subscribers.protocol_version, supported_services.service FROM "
-        "subscribers LEFT OUTER JOIN supported_services                  ON "
-        "subscribers.id = supported_services.subscriber_id "_s;
-    // What only a lock keeps from being read is waited for: a server without its radios would not store them.
-    Sqlite::whileLocked(QDeadlineTimer(Sqlite::StartPatience), [&] {
-        return !query.exec(statement) && Sqlite::isLock(query.lastError().nativeErrorCode().toInt());
-    });
+    query.exec(u"SELECT subscribers.esn, subscribers.suid, subscribers.ip_address,"
+               "        subscribers.availability, subscribers.last_contact_time,"
+               "        subscribers.num_discovery_attempts, subscribers.last_discovery_attempt,"
+               "        subscribers.protocol_version, supported_services.service FROM "
+               "subscribers LEFT OUTER JOIN supported_services                  ON "
+               "subscribers.id = supported_services.subscriber_id "_s);
     const QSqlRecord columns = query.record();
     const auto column = [&columns](const char *columnName) {
         return columns.indexOf(QLatin1String(columnName));
@@ -125,6 +128,7 @@ void Quillmere::loadSubscribers(std::list<RadioPointer> &radios)
             radios.back()->supportedServices.push_back(toUnsigned(service));
         }
     }
+    return query.lastError().nativeErrorCode().toInt();
 }
 
 } // namespace QMR

@@ -50,7 +50,7 @@ void WriteGroup::write(RowWrite write)
     if (isKeptOpen()) {
         commit();
     }
-    writeAlone(write);
+    writeAlone(write, false);
     end();
 }
 
@@ -81,8 +81,9 @@ void WriteGroup::commitTransaction()
         written.clear();
         return;
     }
+    const bool mayBeStored = !Sqlite::isLock(lastResult());
     rollBack();
-    writeAgain();
+    writeAgain(mayBeStored);
 }
 
 void WriteGroup::end()
@@ -98,7 +99,7 @@ void WriteGroup::join(RowWrite write)
     if (!transactionOpen) {
         transactionOpen = begin();
         if (!transactionOpen) {
-            fail(write, firstStep(write.kind), lastResult());
+            fail(write, firstStep(write.kind), lastResult(), false);
             return;
         }
     }
@@ -111,7 +112,7 @@ void WriteGroup::join(RowWrite write)
     const int resultCode = lastResult();
     if (isLost()) {
         written.push_back(std::move(write));
-        writeAgain();
+        writeAgain(false);
         return;
     }
     statements.rollbackToSavepoint.run();
@@ -119,10 +120,10 @@ void WriteGroup::join(RowWrite write)
     if (Sqlite::isPassing(resultCode) && !Sqlite::isLock(resultCode)) {
         // By itself it may need less of what the group has used up: room for the journal, memory.
         commitTransaction();
-        writeAlone(write);
+        writeAlone(write, false);
         return;
     }
-    fail(write, *failedStep, resultCode);
+    fail(write, *failedStep, resultCode, false);
 }
 
 std::optional<WriteStep> WriteGroup::writeInSavepoint(const RowWrite &write)
@@ -136,21 +137,25 @@ std::optional<WriteStep> WriteGroup::writeInSavepoint(const RowWrite &write)
     return statements.release.run() ? std::nullopt : std::optional(lastStep(write.kind));
 }
 
-void WriteGroup::writeAlone(const RowWrite &write)
+void WriteGroup::writeAlone(const RowWrite &write, bool mayBeStored)
 {
+    // An insert can have been stored by a commit that failed behind that.
+    const auto debt = mayBeStored && write.kind == RowWrite::Insert ? OwedWrites::Debt::Unknown
+                                                                    : owedWrites.of(write.row.esn);
     std::optional<WriteStep> failedStep;
     if (!begin()) {
         failedStep = firstStep(write.kind);
     } else {
-        failedStep = writer.write(write, owedWrites.of(write.row.esn));
+        failedStep = writer.write(write, debt);
         if (!failedStep && !statements.commit.run()) {
             failedStep = lastStep(write.kind);
+            mayBeStored = mayBeStored || !Sqlite::isLock(lastResult());
         }
     }
     if (failedStep) {
         const int resultCode = lastResult();
         rollBack();
-        fail(write, *failedStep, resultCode);
+        fail(write, *failedStep, resultCode, mayBeStored);
         return;
     }
     lockOutlasted = false;
@@ -159,15 +164,15 @@ void WriteGroup::writeAlone(const RowWrite &write)
 
 // The transaction is lost with all that went well in it: each write is now tried by itself. A lock that one
 // has met is in the way of all.
-void WriteGroup::writeAgain()
+void WriteGroup::writeAgain(bool mayBeStored)
 {
     transactionOpen = false;
     bool locked = false;
     for (const RowWrite &write : std::exchange(written, {})) {
         if (locked) {
-            fail(write, lastStep(write.kind), SQLITE_BUSY);
+            fail(write, lastStep(write.kind), SQLITE_BUSY, mayBeStored);
         } else {
-            writeAlone(write);
+            writeAlone(write, mayBeStored);
             locked = lockOutlasted;
         }
     }
@@ -180,14 +185,15 @@ void WriteGroup::succeed(const RowWrite &write)
     }
 }
 
-void WriteGroup::fail(const RowWrite &write, WriteStep step, int resultCode)
+void WriteGroup::fail(const RowWrite &write, WriteStep step, int resultCode, bool mayBeStored)
 {
     if (Sqlite::isLock(resultCode)) {
         lockOutlasted = true;
         lockMet = true;
     }
     if (Sqlite::isPassing(resultCode)) {
-        bool isAlone = write.isLatest;
+        bool isAlone =
+            write.isLatest && (!mayBeStored || write.kind != RowWrite::Insert || isAbsent(write.row.esn));
         for (RowWrite &earlier : written) {
             if (earlier.row.esn == write.row.esn) {
                 earlier.isLatest = false;
@@ -202,6 +208,12 @@ void WriteGroup::fail(const RowWrite &write, WriteStep step, int resultCode)
     if (!write.isRetry) {
         reportFailure(step);
     }
+}
+
+// False also where it cannot be read.
+bool WriteGroup::isAbsent(const Esn &esn)
+{
+    return !writer.rowOf(esn) && lastResult() == SQLITE_OK;
 }
 
 // A transaction that could not be ended, for want of memory say, would keep every later one from beginning.

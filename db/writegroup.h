@@ -54,13 +54,15 @@ private:
     friend class WriteTurn;
 
     void join(RowWrite write);
-    void writeAlone(const RowWrite &write);
+    // mayBeStored: a commit that had it in it has failed, but may have stored it all the same.
+    void writeAlone(const RowWrite &write, bool mayBeStored);
     std::optional<WriteStep> writeInSavepoint(const RowWrite &write);
-    void writeAgain();
+    void writeAgain(bool mayBeStored);
     void commitTransaction();
     void end();
     void succeed(const RowWrite &write);
-    void fail(const RowWrite &write, WriteStep step, int resultCode);
+    void fail(const RowWrite &write, WriteStep step, int resultCode, bool mayBeStored);
+    bool isAbsent(const Esn &esn);
     void stayOpen();
     bool isKeptOpen() const { return dueTimer.isActive(); }
 

@@ -1,0 +1,302 @@
+// SPDX-FileCopyrightText: 2026 The Quillmere developers
+// SPDX-License-Identifier: MIT
+
+#include "db/sqlite.h"
+#include "db/writegroup.h"
+#include "tests/support/serverdatabase.h"
+#include "tests/support/testserver.h"
+
+#include <QTest>
+
+#include <fcntl.h>
+#include <sqlite3.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+
+using namespace Qt::StringLiterals;
+using Debt = QMR::OwedWrites::Debt;
+
+namespace {
+
+constexpr quint16 Port = 9; // nobody hears the acknowledgements
+
+const QMR::Esn First{{0, 0, 0, 0, 0, 0, 0, 1}};
+const QHostAddress Address(u"127.0.0.2"_s);
+
+void registers(const TestServer &server, quint32 service)
+{
+    server->registerRadio(First, 3, {}, Address, Port, false, {service});
+}
+
+// The services of each row.
+QStringList rows(const TestServer &server)
+{
+    QStringList texts;
+    for (const QVariantList &row :
+         server.query(u"SELECT group_concat(service) FROM subscribers LEFT OUTER JOIN "
+                      "supported_services ON subscribers.id = subscriber_id GROUP BY id"_s)) {
+        texts.append(row[0].toString());
+    }
+    return texts;
+}
+
+int callsBefore = 0; // that succeed
+bool hasFailed = false;
+bool failsForGood = false;
+
+bool isTheOne()
+{
+    const bool isIt = callsBefore-- == 0;
+    hasFailed = hasFailed || isIt;
+    return isIt;
+}
+
+ssize_t failingRead(int file, void *bytes, size_t count, off_t offset)
+{
+    if (isTheOne()) {
+        errno = EIO;
+        return -1;
+    }
+    return ::pread(file, bytes, count, offset);
+}
+
+ssize_t failingWrite(int file, const void *bytes, size_t count, off_t offset)
+{
+    if (failsForGood) {
+        errno = EIO;
+        return -1;
+    }
+    return ::pwrite(file, bytes, count, offset);
+}
+
+int failingOpen(const char *path, int flags, int mode)
+{
+    if (std::strstr(path, "qmr.db") && isTheOne()) {
+        errno = EMFILE;
+        return -1;
+    }
+    return ::open(path, flags, mode); // NOLINT(cppcoreguidelines-pro-type-vararg)
+}
+
+// While it lives, one system call of SQLite's fails once, after a number that do not.
+class FailingCall
+{
+public:
+    template<typename Function>
+    FailingCall(const char *callName, Function *replacement, int before) : name(callName)
+    {
+        callsBefore = before;
+        hasFailed = false;
+        replace(reinterpret_cast<sqlite3_syscall_ptr>(replacement));
+    }
+    ~FailingCall() { replace(nullptr); }
+    Q_DISABLE_COPY_MOVE(FailingCall)
+
+private:
+    void replace(sqlite3_syscall_ptr call) const
+    {
+        sqlite3_vfs *system = sqlite3_vfs_find(nullptr);
+        system->xSetSystemCall(system, name, call);
+        QMR::Sqlite::tellFaultsFromDamage();
+    }
+
+    const char *name;
+};
+
+// While it lives, commits of the server's own connection fail, a number of times: as they begin, or behind
+// the step that makes them good: the journal is void by then, and only the disk's word for it is missing.
+class FailingCommit
+{
+public:
+    enum Step : bool { AsItBegins, AtItsEnd };
+
+    FailingCommit(Step failingStep, int failures) : isLast(failingStep == AtItsEnd), left(failures)
+    {
+        sqlite3_commit_hook(serverDatabase(), prepare, this);
+        only = this;
+    }
+    ~FailingCommit()
+    {
+        sqlite3_commit_hook(serverDatabase(), nullptr, nullptr);
+        only = nullptr;
+    }
+    Q_DISABLE_COPY_MOVE(FailingCommit)
+
+private:
+    static int prepare(void *self)
+    {
+        auto *failing = static_cast<FailingCommit *>(self);
+        sqlite3_file *journal = nullptr;
+        sqlite3_file_control(serverDatabase(), "main", SQLITE_FCNTL_JOURNAL_POINTER, &journal);
+        if (journal && journal->pMethods && journal->pMethods != &failing->methods) {
+            failing->real = journal->pMethods;
+            failing->methods = *journal->pMethods;
+            failing->methods.xWrite = write;
+            failing->methods.xSync = sync;
+            journal->pMethods = &failing->methods;
+        }
+        failing->isVoid = false;
+        return 0;
+    }
+    static int write(sqlite3_file *file, const void *data, int size, sqlite3_int64 offset)
+    {
+        only->isVoid = offset == 0 && *static_cast<const char *>(data) == 0;
+        return only->real->xWrite(file, data, size, offset);
+    }
+    static int sync(sqlite3_file *file, int flags)
+    {
+        if (only->isVoid == only->isLast && only->left > 0) {
+            --only->left;
+            return SQLITE_IOERR_FSYNC;
+        }
+        return only->real->xSync(file, flags);
+    }
+
+    static inline FailingCommit *only = nullptr;
+    sqlite3_io_methods methods{};
+    const sqlite3_io_methods *real = nullptr;
+    bool isVoid = false;
+    bool isLast;
+    int left;
+};
+
+} // namespace
+
+// Calls of the operating system that fail for a time.
+class TestSystemFaults : public QObject
+{
+    Q_OBJECT
+
+private slots:
+    void startThatCannotReadLosesNoRadio()
+    {
+        // More than a start reads.
+        bool isOver = false;
+        for (int before = 0; !isOver; ++before) {
+            TestServer server;
+            server.startWithoutDiscovery();
+            registers(server, 1);
+            server.stop();
+            {
+                const FailingCall reading("pread64", failingRead, before);
+                server.restart();
+                isOver = !hasFailed;
+            }
+            const bool isServed = server->writeGroup();
+            QCOMPARE(isServed, server->findRadio(First) != nullptr);
+            server.restart();
+            QVERIFY2(server->findRadio(First), qPrintable(u"read %1"_s.arg(before)));
+            QVERIFY2(before < 100, "the start reads on and on");
+        }
+    }
+
+    void writeThatCouldNotReadIsOwed()
+    {
+        TestServer server;
+        server.startWithoutDiscovery();
+        registers(server, 1);
+        server.log.take();
+        {
+            const FailingCall reading("pread64", failingRead, 0);
+            registers(server, 2);
+        }
+        QVERIFY(hasFailed);
+        QCOMPARE(server.log.count(u"Database write error"_s), 1);
+        server.expireRetry();
+        QCOMPARE(rows(server), QStringList{u"2"_s});
+    }
+
+    void fileThatCouldNotBeOpenedForWritingAtFirstIsWritten()
+    {
+        TestServer server;
+        server.startWithoutDiscovery();
+        server.stop();
+        {
+            const FailingCall opening("open", failingOpen, 0);
+            server.restart();
+        }
+        QVERIFY(hasFailed);
+        server.log.take();
+        registers(server, 1);
+        QCOMPARE(server.log.count(u"Database insert error (1)"_s), 0);
+        QCOMPARE(rows(server), QStringList{u"1"_s});
+    }
+
+    void rowOfAFailedCommitIsNotRefused()
+    {
+        TestServer server;
+        server.startWithoutDiscovery();
+        const FailingCommit commits(FailingCommit::AtItsEnd, 1);
+        server.log.take();
+        registers(server, 1);
+        QCOMPARE(server.log.count(u"Database insert error (1)"_s), 0);
+        QCOMPARE(rows(server), QStringList{u"1"_s});
+        QVERIFY(server->writeGroup()->owed().isEmpty());
+    }
+
+    void rowOfAFailedCommitIsDeletedWhenItsRadioHasLeft()
+    {
+        TestServer server;
+        server.startWithoutDiscovery();
+        {
+            // That of the group, that of the insert by itself, and that of the update.
+            const FailingCommit commits(FailingCommit::AtItsEnd, 3);
+            registers(server, 1);
+        }
+        {
+            const FailingCall writing("pwrite64", failingWrite, 0);
+            failsForGood = true;
+            server->deregisterRadio(First, Address);
+            failsForGood = false;
+        }
+        QCOMPARE(server.log.count(u"Database delete error"_s), 1);
+        QCOMPARE(rows(server), QStringList{u"1"_s});
+        server.expireRetry();
+        QCOMPARE(rows(server), QStringList());
+        QVERIFY(server->writeGroup()->owed().isEmpty());
+    }
+
+    void failedInsertKnowsWhetherItsRowIsThere()
+    {
+        TestServer server;
+        server.startWithoutDiscovery();
+        QMR::RadioEntry radio;
+        radio.esn = First;
+        {
+            const FailingCommit commits(FailingCommit::AsItBegins, 1);
+            server->insertSubscriber(radio);
+        }
+        QCOMPARE(server->writeGroup()->owed().of(First), Debt::Insert);
+        {
+            const FailingCommit commits(FailingCommit::AtItsEnd, 1);
+            server->insertSubscriber(radio);
+        }
+        QCOMPARE(server->writeGroup()->owed().of(First), Debt::Unknown);
+    }
+
+    void stopTriesTwice()
+    {
+        TestServer server;
+        server.startWithoutDiscovery();
+        registers(server, 1);
+        {
+            const FailingCall writing("pwrite64", failingWrite, 0);
+            failsForGood = true;
+            registers(server, 2);
+            QVERIFY(!server->writeGroup()->owed().isEmpty());
+            // The first try is a group, and then the write by itself.
+            int begun = 0;
+            const StatementTrace trace([&begun](const QString &statement) {
+                begun += statement.startsWith(u"BEGIN") ? 1 : 0;
+                failsForGood = begun < 3;
+            });
+            server->stop();
+        }
+        QCOMPARE(rows(server), QStringList{u"2"_s});
+    }
+};
+
+QTEST_GUILESS_MAIN(TestSystemFaults)
+#include "tst_systemfaults.moc"
