@@ -62,6 +62,12 @@ QTcpSocket *ApplicationListener::take()
     return socket;
 }
 
+// Qt has closed one that could not be made ready by now.
+bool ApplicationListener::isUsable(const QTcpSocket &socket)
+{
+    return socket.socketDescriptor() >= 0;
+}
+
 // The database and the log are to have descriptors when the applications have taken all others. Qt tells only
 // once of an accept that has failed, and never that it could be tried again: so it is looked at, each time
 // that many applications have been accepted and every second.

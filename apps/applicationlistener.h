@@ -25,6 +25,8 @@ public:
     bool isListening() const;
     // The next who has connected, null when there is none left. The listener owns the socket.
     QTcpSocket *take();
+    // False: the system has given the connection, but has not let it be made ready.
+    static bool isUsable(const QTcpSocket &socket);
 
 private:
     void limitAccepting();

@@ -36,6 +36,12 @@ constexpr qint64 MaximumUnsent = 64LL * 1024 * 1024;
 constexpr qint64 MaximumUnsentTogether = 256LL * 1024 * 1024;
 constexpr qint64 MaximumUnsentOfTable = 1024LL * 1024;
 
+QString errorText(QAbstractSocket::SocketError error, const QString &address, quint16 port)
+{
+    return u"Network error %1 on connection to %2:%3"_s.arg(QString::number(static_cast<int>(error)), address,
+                                                            QString::number(port));
+}
+
 } // namespace
 
 ApplicationManager::ApplicationManager(Quillmere *owner, quint16 port)
@@ -59,8 +65,18 @@ void ApplicationManager::applicationConnected()
         server->commitWrites();
     }
     while (QTcpSocket *socket = listener.take()) {
-        accept(socket);
+        if (ApplicationListener::isUsable(*socket)) {
+            accept(socket);
+        } else {
+            refuse(socket);
+        }
     }
+}
+
+void ApplicationManager::refuse(QTcpSocket *socket)
+{
+    server->logMessage(errorText(socket->error(), QString(), 0), QtServiceBase::Warning, EventId);
+    socket->deleteLater();
 }
 
 void ApplicationManager::accept(QTcpSocket *socket)
@@ -98,9 +114,7 @@ void ApplicationManager::socketError(ApplicationConnection *application, QAbstra
     }
     end(application, error == QAbstractSocket::RemoteHostClosedError
                          ? QString()
-                         : u"Network error %1 on connection to %2:%3"_s.arg(
-                               QString::number(static_cast<int>(error)), application->peerAddress(),
-                               QString::number(application->peerPort())));
+                         : errorText(error, application->peerAddress(), application->peerPort()));
 }
 
 // It is dropped in its turn, when what has arrived before the end has been read.

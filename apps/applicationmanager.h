@@ -62,6 +62,7 @@ private:
     void tableProceeds(ApplicationConnection *application);
 
     void accept(QTcpSocket *socket);
+    void refuse(QTcpSocket *socket);
     void end(ApplicationConnection *application, const QString &warning);
     void finish(ApplicationConnection *application);
 

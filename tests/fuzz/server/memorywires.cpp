@@ -127,6 +127,11 @@ QTcpSocket *ApplicationListener::take()
     return socket;
 }
 
+bool ApplicationListener::isUsable(const QTcpSocket &)
+{
+    return true;
+}
+
 void ApplicationListener::limitAccepting()
 {
 }
