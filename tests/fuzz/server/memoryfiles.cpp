@@ -268,6 +268,8 @@ namespace MemoryFiles {
 
 void install()
 {
+    sqlite3_config(SQLITE_CONFIG_MEMSTATUS, 0); // as the server would, which comes too late for it
+    sqlite3_config(SQLITE_CONFIG_SINGLETHREAD);
     static sqlite3_vfs memory = *sqlite3_vfs_find(nullptr); // its clock and its random numbers
     memory.iVersion = 1;
     memory.pNext = nullptr;
