@@ -192,8 +192,10 @@ void WriteGroup::fail(const RowWrite &write, WriteStep step, int resultCode, boo
         lockMet = true;
     }
     if (Sqlite::isPassing(resultCode)) {
-        bool isAlone =
-            write.isLatest && (!mayBeStored || write.kind != RowWrite::Insert || isAbsent(write.row.esn));
+        // An owed insert is retried as an update.
+        const bool inserts =
+            write.kind == RowWrite::Insert || owedWrites.of(write.row.esn) == OwedWrites::Debt::Insert;
+        bool isAlone = write.isLatest && (!mayBeStored || !inserts || isAbsent(write.row.esn));
         for (RowWrite &earlier : written) {
             if (earlier.row.esn == write.row.esn) {
                 earlier.isLatest = false;

@@ -276,6 +276,25 @@ private slots:
         QCOMPARE(server->writeGroup()->owed().of(First), Debt::Unknown);
     }
 
+    // An owed insert is retried as an update, which inserts.
+    void failedRetryOfAnInsertKnowsWhetherItsRowIsThere()
+    {
+        TestServer server;
+        server.startWithoutDiscovery();
+        QMR::RadioEntry radio;
+        radio.esn = First;
+        for (const auto step : {FailingCommit::AsItBegins, FailingCommit::AtItsEnd}) {
+            const FailingCommit commits(FailingCommit::AsItBegins, 1);
+            server->insertSubscriber(radio);
+            QCOMPARE(server->writeGroup()->owed().of(First), Debt::Insert);
+            const FailingCommit again(step, 1);
+            server->writeGroup()->retry(QMR::RowWrite::Update, QMR::SubscriberRow(radio));
+            const bool isStored = step == FailingCommit::AtItsEnd;
+            QCOMPARE(rows(server).size(), isStored ? 1 : 0);
+            QCOMPARE(server->writeGroup()->owed().of(First), isStored ? Debt::Unknown : Debt::Insert);
+        }
+    }
+
     void stopTriesTwice()
     {
         TestServer server;
