@@ -56,8 +56,11 @@ QTcpSocket *ApplicationListener::take()
         if (acceptable <= 0) {
             tcpServer.setMaxPendingConnections(0);
         }
-        QMetaObject::invokeMethod(
-            &tcpServer, [this] { limitAccepting(); }, Qt::QueuedConnection);
+        // Qt tells of each connection by itself; one look follows the whole lot.
+        if (!std::exchange(lookArranged, true)) {
+            QMetaObject::invokeMethod(
+                &tcpServer, [this] { limitAccepting(); }, Qt::QueuedConnection);
+        }
     }
     return socket;
 }
@@ -73,6 +76,7 @@ bool ApplicationListener::isUsable(const QTcpSocket &socket)
 // that many applications have been accepted and every second.
 void ApplicationListener::limitAccepting()
 {
+    lookArranged = false;
     acceptable = Platform::freeDescriptors(DescriptorReserve + AcceptedAtOnce) - DescriptorReserve;
     if (acceptable > 0) {
         tcpServer.setMaxPendingConnections(acceptable);

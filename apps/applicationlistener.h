@@ -34,6 +34,7 @@ private:
     QTcpServer tcpServer;
     QTimer acceptTimer;
     int acceptable = 0; // before it is looked at again how many there may be
+    bool lookArranged = false;
 };
 
 } // namespace QMR
