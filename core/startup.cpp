@@ -13,9 +13,11 @@
 #include <QFileInfo>
 #include <QSqlQuery>
 
+#include <chrono>
 #include <limits>
 
 using namespace Qt::StringLiterals;
+using namespace std::chrono_literals;
 
 namespace QMR {
 
@@ -30,6 +32,8 @@ constexpr int VersionPatch = 3;
 constexpr int VersionBuild = 27;
 
 constexpr int TimeoutCheckPeriod = 300000; // ms
+
+constexpr auto WritablePatience = 2s; // a file may be denied to us though the system calls it writable
 
 constexpr int LastRounds = 2; // of owed writes at a stop: what fails once may be stored the second time
 
@@ -115,7 +119,7 @@ void Quillmere::configure()
 bool Quillmere::openDatabase()
 {
     bool isOpen = false;
-    Sqlite::whileHindered(QDeadlineTimer(Sqlite::StartPatience), [&] {
+    Sqlite::whileHindered(QDeadlineTimer(WritablePatience), [&] {
         isOpen = database.open();
         return isOpen && Sqlite::isReadOnly(database) && QFileInfo(database.databaseName()).isWritable();
     });

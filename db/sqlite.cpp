@@ -48,11 +48,9 @@ ptrdiff_t readOrFail(int file, void *bytes, size_t count, qint64 offset)
 template<size_t Index>
 void replaceReadCall(sqlite3_vfs &system)
 {
-    if (system.iVersion < 3) {
-        return;
-    }
     const auto own = reinterpret_cast<sqlite3_syscall_ptr>(readOrFail<Index>);
-    const sqlite3_syscall_ptr present = system.xGetSystemCall(&system, ReadCalls[Index]);
+    const sqlite3_syscall_ptr present =
+        system.iVersion >= 3 ? system.xGetSystemCall(&system, ReadCalls[Index]) : nullptr;
     if (present && present != own) {
         systemsReadCalls[Index] = reinterpret_cast<ReadCall>(present);
         system.xSetSystemCall(&system, ReadCalls[Index], own);
@@ -68,9 +66,10 @@ void keepNoAccounts()
 
 void tellFaultsFromDamage()
 {
-    sqlite3_vfs *system = sqlite3_vfs_find(nullptr);
-    replaceReadCall<0>(*system);
-    replaceReadCall<1>(*system);
+    if (sqlite3_vfs *const system = sqlite3_vfs_find(nullptr)) {
+        replaceReadCall<0>(*system);
+        replaceReadCall<1>(*system);
+    }
 }
 
 sqlite3 *handle(const QSqlDatabase &database)

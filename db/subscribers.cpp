@@ -76,8 +76,14 @@ void Quillmere::loadSubscribers(std::list<RadioPointer> &radios)
 {
     // What keeps the rows from being read and may pass is waited for: a server without its radios would not
     // store them.
-    Sqlite::whileHindered(QDeadlineTimer(Sqlite::StartPatience),
-                          [&] { return Sqlite::isPassing(readSubscribers(radios)); });
+    bool isHindered = false;
+    Sqlite::whileHindered(QDeadlineTimer(Sqlite::StartPatience), [&] {
+        isHindered = Sqlite::isPassing(readSubscribers(radios));
+        return isHindered;
+    });
+    if (isHindered) {
+        radios.clear(); // the last one may lack services, and its review would store it so
+    }
 }
 
 int Quillmere::readSubscribers(std::list<RadioPointer> &radios) const
