@@ -18,6 +18,13 @@ WHOLE_LIFE = ("first-start", "start", "stop", "stop-owing")
 SCENES = LIVE + WHOLE_LIFE
 
 Fault = collections.namedtuple("Fault", "call target error first for_good")
+UNHURRIED = 20  # seconds for what needs no end of a fault: a busy machine is no failure of the server
+
+
+def patience(fault):
+    """How long a fault may last, in seconds: one that happens once lasts no time, whatever the machine does meanwhile."""
+    return SETTLING if fault and fault.for_good else UNHURRIED
+
 
 # What came of a fault: how often it happened, the records of the scene and those after it, whether the row was as memory
 # while the fault lasted, whether the server was at rest by then, and more in words.
@@ -80,7 +87,7 @@ class Live:
         self.prepare(scene)
         control.arm(fault)
         turns = self.act(scene)
-        control.settle(turns, SETTLING)
+        control.settle(turns, patience(fault))
         counts, hits = control.counts(), control.hits()
         is_stored, is_settled = self.is_stored(), control.is_idle()
         control.end()
@@ -149,7 +156,7 @@ class Life:
         world, control = self.world, self.world.control
         control.arm(fault)
         world.launch()
-        limit = time.monotonic() + SETTLING
+        limit = time.monotonic() + patience(fault)
         is_told = fault is None or fault.target != "log"  # its own start, by a record
         while not self.start_is_over(is_told) and control.hits() < MANY and time.monotonic() < limit:
             time.sleep(0.002)
@@ -224,7 +231,7 @@ class Life:
         control.arm(fault)
         process = world.server.process
         process.send_signal(signal.SIGTERM)
-        limit = time.monotonic() + SETTLING
+        limit = time.monotonic() + patience(fault)
         while process.poll() is None and control.hits() < MANY and time.monotonic() < limit:
             time.sleep(0.002)
         is_settled = process.poll() is not None
