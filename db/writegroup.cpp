@@ -139,9 +139,10 @@ std::optional<WriteStep> WriteGroup::writeInSavepoint(const RowWrite &write)
 
 void WriteGroup::writeAlone(const RowWrite &write, bool mayBeStored)
 {
-    // An insert can have been stored by a commit that failed behind that.
-    const auto debt = mayBeStored && write.kind == RowWrite::Insert ? OwedWrites::Debt::Unknown
-                                                                    : owedWrites.of(write.row.esn);
+    // A commit that failed behind its storing step can have stored this write, and those that followed it:
+    // its row may be there already, or gone again.
+    const bool isUncertain = mayBeStored && write.kind != RowWrite::Delete;
+    const auto debt = isUncertain ? OwedWrites::Debt::Unknown : owedWrites.of(write.row.esn);
     std::optional<WriteStep> failedStep;
     if (!begin()) {
         failedStep = firstStep(write.kind);

@@ -297,6 +297,24 @@ private slots:
         }
     }
 
+    // Both are stored, but for the disk's word: what is written again then finds its row gone.
+    void changeOfARadioThatLeavesInAFailedCommitIsNoError()
+    {
+        TestServer server;
+        server.startWithoutDiscovery();
+        registers(server, 1);
+        server.log.take();
+        {
+            const FailingCommit commits(FailingCommit::AtItsEnd, 1);
+            const QMR::WriteTurn turn(server->writeGroup());
+            registers(server, 2);
+            server->deregisterRadio(First, Address);
+        }
+        QCOMPARE(server.log.takeErrors(), QStringList());
+        QCOMPARE(rows(server), QStringList());
+        QVERIFY(server->writeGroup()->owed().isEmpty());
+    }
+
     void stopTriesTwice()
     {
         TestServer server;
