@@ -35,7 +35,7 @@ constexpr int TimeoutCheckPeriod = 300000; // ms
 
 constexpr auto WritablePatience = 2s; // a file may be denied to us though the system calls it writable
 
-constexpr int LastRounds = 2; // of owed writes at a stop: what fails once may be stored the second time
+constexpr qint64 SecondTry = 5000; // ms, for what is still owed at a stop
 
 constexpr quint32 DefaultMinimumDiscoveryPeriod = 30; // seconds
 constexpr quint32 DefaultRadioRegistrationPort = 9361;
@@ -175,10 +175,11 @@ void Quillmere::stop()
 {
     if (writes) {
         commitWrites();
-        for (int round = 0; round < LastRounds && !writes->owed().isEmpty(); ++round) {
-            lastRetried.reset();
-            retryOwedWrites(std::numeric_limits<qint64>::max());
-        }
+        lastRetried.reset();
+        retryOwedWrites(std::numeric_limits<qint64>::max());
+        // What fails once may be stored the second time.
+        lastRetried.reset();
+        retryOwedWrites(SecondTry);
     }
     timeoutCheckTimer.stop();
     discoveryTimer.stop();
