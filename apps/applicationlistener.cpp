@@ -52,15 +52,8 @@ QTcpSocket *ApplicationListener::take()
     QTcpSocket *const socket = tcpServer.nextPendingConnection();
     if (socket) {
         --acceptable;
-    } else if (acceptable < AcceptedAtOnce) {
-        if (acceptable <= 0) {
-            tcpServer.setMaxPendingConnections(0);
-        }
-        // Qt tells of each connection by itself; one look follows the whole lot.
-        if (!std::exchange(lookArranged, true)) {
-            QMetaObject::invokeMethod(
-                &tcpServer, [this] { limitAccepting(); }, Qt::QueuedConnection);
-        }
+    } else if (acceptable <= 0) {
+        tcpServer.setMaxPendingConnections(0);
     }
     return socket;
 }
@@ -71,12 +64,18 @@ bool ApplicationListener::isUsable(const QTcpSocket &socket)
     return socket.socketDescriptor() >= 0;
 }
 
+void ApplicationListener::review()
+{
+    if (acceptable < AcceptedAtOnce) {
+        limitAccepting();
+    }
+}
+
 // The database and the log are to have descriptors when the applications have taken all others. Qt tells only
 // once of an accept that has failed, and never that it could be tried again: so it is looked at, each time
 // that many applications have been accepted and every second.
 void ApplicationListener::limitAccepting()
 {
-    lookArranged = false;
     acceptable = Platform::freeDescriptors(DescriptorReserve + AcceptedAtOnce) - DescriptorReserve;
     if (acceptable > 0) {
         tcpServer.setMaxPendingConnections(acceptable);

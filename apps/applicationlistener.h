@@ -27,6 +27,8 @@ public:
     QTcpSocket *take();
     // False: the system has given the connection, but has not let it be made ready.
     static bool isUsable(const QTcpSocket &socket);
+    // To be called some time after connections have been taken: whether there may be more.
+    void review();
 
 private:
     void limitAccepting();
@@ -34,7 +36,6 @@ private:
     QTcpServer tcpServer;
     QTimer acceptTimer;
     int acceptable = 0; // before it is looked at again how many there may be
-    bool lookArranged = false;
 };
 
 } // namespace QMR

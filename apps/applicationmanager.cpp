@@ -71,6 +71,7 @@ void ApplicationManager::applicationConnected()
             refuse(socket);
         }
     }
+    arrangeTurn();
 }
 
 void ApplicationManager::refuse(QTcpSocket *socket)
@@ -201,6 +202,7 @@ void ApplicationManager::takeTurn()
     }
     server->commitWrites();
     const QDeadlineTimer turnEnd(LongestTurn, Qt::PreciseTimer);
+    listener.review();
     isLimitOfThisTurn = false;
     while (!busy.empty() && !turnEnd.hasExpired()) {
         ApplicationConnection *const application = busy.front();

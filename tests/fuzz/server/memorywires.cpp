@@ -132,6 +132,10 @@ bool ApplicationListener::isUsable(const QTcpSocket &)
     return true;
 }
 
+void ApplicationListener::review()
+{
+}
+
 void ApplicationListener::limitAccepting()
 {
 }
