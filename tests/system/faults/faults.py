@@ -66,9 +66,9 @@ Result = collections.namedtuple("Result", "case hits crashed lost outcome")
 class Stage:
     """Plays cases, each with the server that it needs."""
 
-    def __init__(self, program, library, templates):
+    def __init__(self, program, interposer, templates):
         self.program = program
-        self.library = library
+        self.interposer = interposer
         self.templates = templates
         self.live = None
         self.folder = memory_folder()
@@ -83,7 +83,7 @@ class Stage:
 
     def world(self, mode, template):
         self.worlds += 1
-        return World(self.program, self.library, pathlib.Path(self.folder.name) / str(self.worlds), mode, template)
+        return World(self.program, self.interposer, pathlib.Path(self.folder.name) / str(self.worlds), mode, template)
 
     def forget(self):
         if self.live:
@@ -124,8 +124,8 @@ def take_ports(numbers):
 
 
 def play_chunk(arguments):
-    program, library, templates, cases = arguments
-    with Stage(program, library, templates) as stage:
+    program, interposer, templates, cases = arguments
+    with Stage(program, interposer, templates) as stage:
         return [stage.judge(case) for case in cases]
 
 
@@ -141,9 +141,9 @@ def all_cases(counts):
                         yield Case(scene, mode, Fault(call, target, error, first, for_good))
 
 
-def count_calls(program, library, templates, scenes):
+def count_calls(program, interposer, templates, scenes):
     counts = {}
-    with Stage(program, library, templates) as stage:
+    with Stage(program, interposer, templates) as stage:
         for mode in MODES:
             for scene in scenes:
                 if scene == "first-start" and mode != MODES[0]:
@@ -188,27 +188,27 @@ def show(results):
 def main():
     arguments = argparse.ArgumentParser(description=__doc__, formatter_class=argparse.RawDescriptionHelpFormatter)
     arguments.add_argument("program")
-    arguments.add_argument("library")
+    arguments.add_argument("interposer")
     arguments.add_argument("--only", default="*", help="a case, or a pattern of them")
     arguments.add_argument("--every", type=int, default=1, help="plays every so manieth case")
     arguments.add_argument("--jobs", type=int, default=12, help="servers at a time; they wait most of the time")
     arguments.add_argument("--show", action="store_true", help="what came of each")
     options = arguments.parse_args()
     began = time.monotonic()
-    program, library = os.path.abspath(options.program), os.path.abspath(options.library)
+    program, interposer = os.path.abspath(options.program), os.path.abspath(options.interposer)
     # Two runs at a time hardly meet.
     first_port = world.FIRST_PORT + os.getpid() * 331 % (world.LAST_PORT - world.FIRST_PORT - (options.jobs + 1) * PORTS_EACH)
     world.PORTS = itertools.cycle(range(first_port, first_port + PORTS_EACH))
     first_port += PORTS_EACH
     with memory_folder() as folder:
-        templates = {mode: make_template(program, library, pathlib.Path(folder) / mode, mode) for mode in MODES}
+        templates = {mode: make_template(program, interposer, pathlib.Path(folder) / mode, mode) for mode in MODES}
     scenes = [scene for scene in SCENES if fnmatch.fnmatchcase(scene, options.only.split("/", maxsplit=1)[0])]
-    counts = count_calls(program, library, templates, scenes)
+    counts = count_calls(program, interposer, templates, scenes)
     cases = [case for case in all_cases(counts) if fnmatch.fnmatchcase(str(case), options.only)]
     chosen = cases[::options.every]
     print(f"{len(chosen)} of {len(cases)} cases (every {options.every}.)", flush=True)
     results = []
-    work = [(program, library, templates, chunk) for chunk in chunks(chosen)]
+    work = [(program, interposer, templates, chunk) for chunk in chunks(chosen)]
     numbers = multiprocessing.Queue()
     for job in range(options.jobs):
         numbers.put(first_port + job * PORTS_EACH)

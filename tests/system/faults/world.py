@@ -88,7 +88,7 @@ class Client(Application):
 
 
 class World:
-    def __init__(self, program, library, place, mode, template=None):
+    def __init__(self, program, interposer, place, mode, template=None):
         """template: the content of the data folder by file name; nothing: a first start of all."""
         self.mode = mode
         self.place = place
@@ -99,7 +99,7 @@ class World:
         for name, content in (template or {}).items():
             (self.server.folder / name).write_bytes(content)
         self.control = Control(place / "faults")
-        self.server.environment.update(LD_PRELOAD=str(library), QUILLMERE_FAULTS=str(self.control.path))
+        self.server.environment.update(LD_PRELOAD=str(interposer), QUILLMERE_FAULTS=str(self.control.path))
         # A sanitizer's runtime insists on being loaded first, and works as the second too.
         options = [os.environ.get("ASAN_OPTIONS"), "verify_asan_link_order=0"]
         self.server.environment["ASAN_OPTIONS"] = ":".join(filter(None, options))
@@ -270,9 +270,9 @@ class World:
         return {path.name: path.read_bytes() for path in self.server.folder.iterdir() if path.name.startswith("qmr.db")}
 
 
-def make_template(program, library, place, mode):
+def make_template(program, interposer, place, mode):
     """The data folder of a server that has stopped, its database in the journal mode."""
-    world = World(program, library, place, mode)
+    world = World(program, interposer, place, mode)
     try:
         if mode == "wal":
             with contextlib.closing(sqlite3.connect(world.server.database)) as database:
