@@ -5,8 +5,9 @@
 // folder and what it receives and sends. QUILLMERE_TRACE names the file for it, QUILLMERE_TRACE_FOLDER the
 // folder. A record is a Header and its data; disk.py reads them.
 
+#include "tests/system/interposing.h"
+
 #include <arpa/inet.h>
-#include <dlfcn.h>
 #include <fcntl.h>
 #include <sys/socket.h>
 #include <sys/uio.h>
@@ -48,12 +49,6 @@ struct Header
 
 constexpr int MaximumDescriptor = 4096;
 std::array<bool, MaximumDescriptor> tracked; // descriptors of the folder and of its files
-
-template<typename Function>
-Function *next(Function * /*self*/, const char *name)
-{
-    return reinterpret_cast<Function *>(dlsym(RTLD_NEXT, name));
-}
 
 int openTrace()
 {
@@ -166,8 +161,6 @@ void datagram(Operation operation, int descriptor, const msghdr *message, ssize_
 }
 
 } // namespace
-
-#define NEXT(name) next(&(name), #name)
 
 extern "C" {
 

@@ -5,7 +5,8 @@
 // lets the one that it is told fail. It is told through a file that both sides map, named by
 // QUILLMERE_FAULTS; control.py is the other side.
 
-#include <dlfcn.h>
+#include "tests/system/interposing.h"
+
 #include <fcntl.h>
 #include <poll.h>
 #include <sys/mman.h>
@@ -73,12 +74,6 @@ struct Control
 constexpr int MaximumDescriptor = 4096;
 std::array<Target, MaximumDescriptor> targets; // of what was opened by its name
 std::array<bool, MaximumDescriptor> isKnown;
-
-template<typename Function>
-Function *next(Function * /*self*/, const char *name)
-{
-    return reinterpret_cast<Function *>(dlsym(RTLD_NEXT, name));
-}
 
 Control *mapControl()
 {
@@ -230,8 +225,6 @@ int waitFor(bool isBlocking, const Look &look, const Wait &wait)
 }
 
 } // namespace
-
-#define NEXT(name) next(&(name), #name)
 
 extern "C" {
 
