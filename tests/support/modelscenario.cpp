@@ -78,16 +78,7 @@ void ModelScenario::storeRandomRadios()
         row.lastContact = now - std::array<qint64, 4>{0, 43199, 43200, 90000}[below(4)];
         row.lastDiscovery = now - std::array<qint64, 4>{0, 250, 1700, 90000}[below(4)];
         row.protocolVersion = 1 + below(3);
-        server.query(u"INSERT INTO subscribers (esn, suid, ip_address, availability, last_contact_time, "
-                     "num_discovery_attempts, last_discovery_attempt, protocol_version) "
-                     "VALUES (x'%1', x'0000000000000%2', %3, %4, %5, %6, %7, %8)"_s.arg(Esns[i].text())
-                         .arg(row.suid.bytes[6])
-                         .arg(row.address)
-                         .arg(row.availability)
-                         .arg(row.lastContact)
-                         .arg(row.attempts)
-                         .arg(row.lastDiscovery)
-                         .arg(row.protocolVersion));
+        server.query(row.insertion(Esns[i]));
         model.rows[Esns[i]] = row;
         stepTexts.append(u"stored: %1 %2"_s.arg(Esns[i].text(), row.text()));
     }

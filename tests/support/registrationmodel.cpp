@@ -62,6 +62,18 @@ QString RegistrationModel::Row::text() const
         QString::number(lastContact));
 }
 
+QString RegistrationModel::Row::insertion(const Esn &esn) const
+{
+    const QByteArray suidBytes(reinterpret_cast<const char *>(suid.bytes.data()),
+                               static_cast<qsizetype>(suid.bytes.size()));
+    return u"INSERT INTO subscribers (esn, suid, ip_address, availability, last_contact_time, "
+           "num_discovery_attempts, last_discovery_attempt, protocol_version) "
+           "VALUES (x'%1', x'%2', %3, %4, %5, %6, %7, %8)"_s.arg(
+               esn.text(), QString::fromLatin1(suidBytes.toHex()), QString::number(address),
+               QString::number(availability), QString::number(lastContact), QString::number(attempts),
+               QString::number(lastDiscovery), QString::number(protocolVersion));
+}
+
 std::vector<Esn> RegistrationModel::searchedFor() const
 {
     std::vector<Esn> esns;

@@ -55,6 +55,8 @@ public:
 
         bool operator==(const Row &) const = default;
         QString text() const;
+        // The SQL that stores it; its services aside.
+        QString insertion(const QMR::Esn &esn) const;
     };
 
     struct Registration
