@@ -151,7 +151,10 @@ public:
     bool checkDatabase(std::chrono::milliseconds patience = Sqlite::StartPatience);
 
     void insertSubscriber(const RadioEntry &radio);
-    void loadSubscribers(std::list<RadioPointer> &radios);
+    // What keeps the rows from being read and may pass is waited for, as long as the patience lasts; then the
+    // list is empty.
+    void loadSubscribers(std::list<RadioPointer> &radios,
+                         std::chrono::milliseconds patience = Sqlite::StartPatience);
     void deleteSubscriber(const RadioEntry &radio);
     // Fails for a radio that is not stored.
     void updateSubscriber(const RadioEntry &radio);

@@ -72,12 +72,11 @@ void Quillmere::writeFailed(WriteStep step) const
     }
 }
 
-void Quillmere::loadSubscribers(std::list<RadioPointer> &radios)
+// A server without its radios would not store them.
+void Quillmere::loadSubscribers(std::list<RadioPointer> &radios, std::chrono::milliseconds patience)
 {
-    // What keeps the rows from being read and may pass is waited for: a server without its radios would not
-    // store them.
     bool isHindered = false;
-    Sqlite::whileHindered(QDeadlineTimer(Sqlite::StartPatience), [&] {
+    Sqlite::whileHindered(QDeadlineTimer(patience), [&] {
         isHindered = Sqlite::isPassing(readSubscribers(radios));
         return isHindered;
     });

@@ -13,9 +13,12 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <chrono>
 #include <cstring>
+#include <list>
 
 using namespace Qt::StringLiterals;
+using namespace std::chrono_literals;
 using Debt = QMR::OwedWrites::Debt;
 
 namespace {
@@ -192,6 +195,32 @@ private slots:
             QVERIFY2(before < 100, "the start reads on and on");
         }
         QVERIFY2(before > 1, "no read has failed");
+    }
+
+    // However much has been read by then.
+    void loadThatCannotBeFinishedIsEmpty()
+    {
+        constexpr size_t Radios = 2000; // far more than a page
+        TestServer server;
+        server.startWithoutDiscovery();
+        server.query(
+            u"WITH RECURSIVE n(i) AS (SELECT 1 UNION ALL SELECT i + 1 FROM n WHERE i < %1) "
+            "INSERT INTO subscribers (esn, suid, ip_address, availability, last_contact_time, "
+            "num_discovery_attempts, last_discovery_attempt, protocol_version) "
+            "SELECT CAST(printf('%08d', i) AS BLOB), zeroblob(7), i, 3, 0, 0, 0, 3 FROM n"_s.arg(Radios));
+        std::list<QMR::RadioPointer> radios;
+        server->loadSubscribers(radios, 0ms);
+        QCOMPARE(radios.size(), Radios);
+        bool isOver = false;
+        int before = 0;
+        for (; !isOver; ++before) {
+            server.query(u"UPDATE subscribers SET suid = zeroblob(7)"_s); // empties the server's cache
+            const FailingCall reading("pread64", failingRead, before);
+            server->loadSubscribers(radios, 0ms);
+            isOver = !hasFailed;
+            QCOMPARE(radios.size(), isOver ? Radios : 0);
+        }
+        QVERIFY2(before > 10, "few reads have failed");
     }
 
     void writeThatCouldNotReadIsOwed()
