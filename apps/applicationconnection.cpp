@@ -31,24 +31,19 @@ ApplicationConnection::ApplicationConnection(QTcpSocket *socket)
 
 // An arrival is taken in when it comes, but for one that comes while the arrival before is still being read:
 // that one begins a round of its own then.
-void ApplicationConnection::dataArrived()
+bool ApplicationConnection::hasMessage()
 {
     if (!reader.isReady()) {
         takeArrival();
     }
+    return reader.isReady();
 }
 
-bool ApplicationConnection::hasMessage()
-{
-    return reader.isReady() || (takeArrival() && reader.isReady());
-}
-
-// False: nothing has arrived that there is room for.
-bool ApplicationConnection::takeArrival()
+void ApplicationConnection::takeArrival()
 {
     const qint64 count = std::min<qint64>(reader.room(), ended ? rest.size() : stream->bytesAvailable());
     if (count <= 0) {
-        return false;
+        return;
     }
     if (ended) {
         reader.arrived(QByteArrayView(rest).first(count));
@@ -57,7 +52,6 @@ bool ApplicationConnection::takeArrival()
         reader.arrived(stream->read(count));
     }
     superviseWait();
-    return true;
 }
 
 ApplicationReader::Reading ApplicationConnection::readMessage()
@@ -113,7 +107,7 @@ qsizetype ApplicationConnection::tell(QByteArrayView notices, qint64 allowance)
 
 bool ApplicationConnection::tellOne(QByteArrayView notice, qint64 &allowance)
 {
-    if (!tableSent && (!lastOfTable || Qmra::noticeEsn(notice) > *lastOfTable)) {
+    if (!tableSent && Qmra::noticeEsn(notice) > lastOfTable) {
         return true; // the table will show it
     }
     if (notice.size() > allowance) {

@@ -34,9 +34,8 @@ public:
 
     // What it sends.
 
-    // To be called when the socket has something to read.
-    void dataArrived();
-    // Whether there is something to read, of what has arrived by now.
+    // Whether there is something to read, of what has arrived by now. To be asked when the socket has
+    // something, too.
     bool hasMessage();
     // Only where there is something to read.
     ApplicationReader::Reading readMessage();
@@ -79,7 +78,7 @@ signals:
     void waitEnded();
 
 private:
-    bool takeArrival();
+    void takeArrival();
     void superviseWait();
     void endWait();
     bool accept(QByteArrayView notices);

@@ -151,7 +151,6 @@ void ApplicationManager::removeApplication(QTcpSocket *socket)
 void ApplicationManager::applicationDataAvailable(ApplicationConnection *application)
 {
     Platform::endEventLoopTurn();
-    application->dataArrived();
     if (application->hasMessage()) {
         beBusy(application);
     }

@@ -3,9 +3,11 @@
 
 #include "apps/applicationconnection.h"
 
+#include <QSignalSpy>
 #include <QTcpServer>
 #include <QTcpSocket>
 #include <QTest>
+#include <QTimer>
 
 #include <initializer_list>
 #include <limits>
@@ -50,8 +52,12 @@ private slots:
     void whatIsMoreThanAllowedIsLostBehindTheTableToo();
     void noticesOfABrokenConnectionAreLost();
     void nothingIsLostOnceItHasEnded();
+    void theWaitForTheRestIsSupervisedToTheMillisecond();
+    void aTimeoutIsNoErrorOnlyWhileItLooksAgain();
+    void nothingIsAwaitedOnceItHasEnded();
 
 private:
+    void applicationSends(const QByteArray &bytes);
     QByteArray received(qsizetype size);
 
     std::unique_ptr<QTcpServer> server;
@@ -74,6 +80,13 @@ void TestApplicationConnection::cleanup()
 {
     application.reset();
     server.reset(); // and the connection with it
+}
+
+void TestApplicationConnection::applicationSends(const QByteArray &bytes)
+{
+    QCOMPARE(application->write(bytes), bytes.size());
+    QVERIFY(application->waitForBytesWritten(5000));
+    QVERIFY(connection->socket().waitForReadyRead(5000));
 }
 
 // All that has been told, which is so many bytes.
@@ -124,6 +137,40 @@ void TestApplicationConnection::nothingIsLostOnceItHasEnded()
     connection->completeTable();
     connection->end(QString());
     QCOMPARE(connection->tell(notices({1, 2}), 0), 0);
+}
+
+void TestApplicationConnection::theWaitForTheRestIsSupervisedToTheMillisecond()
+{
+    applicationSends("QM");
+    QVERIFY(!connection->hasMessage());
+    const auto *timer = connection->findChild<QTimer *>();
+    QVERIFY(timer->isActive());
+    QCOMPARE(timer->interval(), 500);
+    // Any other kind may be late, or early, by a twentieth.
+    QCOMPARE(timer->timerType(), Qt::PreciseTimer);
+}
+
+void TestApplicationConnection::aTimeoutIsNoErrorOnlyWhileItLooksAgain()
+{
+    bool wasLooking = false;
+    connect(&connection->socket(), &QTcpSocket::errorOccurred, this,
+            [&] { wasLooking = connection->isLookingAgain(); });
+    applicationSends("QM");
+    QVERIFY(!connection->hasMessage());
+    QVERIFY(!connection->isLookingAgain());
+    QSignalSpy waitEnded(connection, &QMR::ApplicationConnection::waitEnded);
+    QVERIFY(waitEnded.wait(5000));
+    QVERIFY(wasLooking);
+    QVERIFY(!connection->isLookingAgain());
+}
+
+void TestApplicationConnection::nothingIsAwaitedOnceItHasEnded()
+{
+    applicationSends("QM");
+    connection->end(QString());
+    QVERIFY(!connection->hasMessage());
+    QVERIFY(connection->isAwaiting());
+    QVERIFY(!connection->findChild<QTimer *>()->isActive());
 }
 
 QTEST_GUILESS_MAIN(TestApplicationConnection)
