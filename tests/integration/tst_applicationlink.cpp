@@ -2,6 +2,7 @@
 // SPDX-License-Identifier: MIT
 
 #include "apps/applicationmanager.h"
+#include "tests/support/deletions.h"
 #include "tests/support/scriptedapplication.h"
 #include "tests/support/scriptedradio.h"
 #include "tests/support/testserver.h"
@@ -57,6 +58,17 @@ private slots:
         peer.close();
         QCOMPARE(server->log.takeMessagesOnce(1),
                  QStringList{QStringLiteral("Application disconnected from 127.0.0.77")});
+    }
+
+    void nothingIsKeptOfOneThatHasGone()
+    {
+        const Deletions<QTcpSocket> deleted;
+        {
+            const ScriptedApplication application(server->applicationPort());
+            QCOMPARE(server->log.takeMessagesOnce(1), QStringList{Connected});
+        }
+        QCOMPARE(server->log.takeMessagesOnce(1), QStringList{Disconnected});
+        QTRY_COMPARE(deleted.count(), 1);
     }
 
     void isNotReachableOverIpv6()

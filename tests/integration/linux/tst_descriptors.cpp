@@ -1,6 +1,7 @@
 // SPDX-FileCopyrightText: 2026 The Quillmere developers
 // SPDX-License-Identifier: MIT
 
+#include "apps/applicationlistener.h"
 #include "tests/support/scriptedapplication.h"
 #include "tests/support/scriptedradio.h"
 #include "tests/support/testserver.h"
@@ -128,6 +129,23 @@ private slots:
             QTRY_COMPARE(server.log.count(Disconnected), Acceptable + Waiting);
             server.log.take();
         }
+    }
+
+    void noneIsAcceptedBeforeTheFirstLookEither()
+    {
+        constexpr int Reserve = 16;
+        const quint16 port = freeTcpPort();
+        const DescriptorShortage shortage(Reserve + 1); // for the listening socket
+        int connected = 0;
+        QMR::ApplicationListener listener(port, [&connected] { ++connected; });
+        QVERIFY(listener.isListening());
+        QTcpSocket client;
+        client.connectToHost(QHostAddress::LocalHost, port);
+        QTRY_COMPARE(client.state(), QAbstractSocket::ConnectedState);
+        for (int i = 0; i < 10; ++i) {
+            QCoreApplication::processEvents();
+        }
+        QCOMPARE(connected, 0);
     }
 
     // Qt stops accepting for good only when the very first accept fails: a later failure looks to it like the

@@ -1,6 +1,7 @@
 // SPDX-FileCopyrightText: 2026 The Quillmere developers
 // SPDX-License-Identifier: MIT
 
+#include "tests/support/deletions.h"
 #include "tests/support/scriptedapplication.h"
 #include "tests/support/scriptedradio.h"
 #include "tests/support/testserver.h"
@@ -60,6 +61,7 @@ private slots:
     {
         TestServer server;
         server.startWithoutDiscovery();
+        const Deletions<QTcpSocket> deleted;
         const int descriptor = connectTo(server.applicationPort());
         refuses = true;
         const QStringList records = server.log.takeMessagesOnce(1);
@@ -68,6 +70,8 @@ private slots:
         QVERIFY2(records.first().startsWith(QStringLiteral("Network error ")) &&
                      records.first().endsWith(QStringLiteral(" on connection to :0")),
                  qPrintable(records.first()));
+
+        QTRY_COMPARE(deleted.count(), 1);
 
         // The next one is told of everything, and nothing is written to the first.
         ScriptedApplication application(server.applicationPort());
