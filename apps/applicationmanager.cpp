@@ -176,7 +176,7 @@ void ApplicationManager::beBusy(ApplicationConnection *application)
 {
     if (!application->isBusy()) {
         application->setBusy(true);
-        busy.emplace_back(application);
+        busy.push_back(application);
         arrangeTurn();
     }
 }
@@ -206,13 +206,11 @@ void ApplicationManager::takeTurn()
     while (!busy.empty() && !turnEnd.hasExpired()) {
         ApplicationConnection *const application = busy.front();
         busy.pop_front();
-        if (application && applications.contains(&application->socket())) {
-            // Busy until then: it may end in the middle of its own turn.
-            const bool goesOn = serve(application, turnEnd);
-            application->setBusy(goesOn);
-            if (goesOn) {
-                busy.emplace_back(application);
-            }
+        // Busy until then: it may end in the middle of its own turn.
+        const bool goesOn = serve(application, turnEnd);
+        application->setBusy(goesOn);
+        if (goesOn) {
+            busy.push_back(application);
         }
     }
     if (!busy.empty()) {
@@ -291,7 +289,7 @@ void ApplicationManager::sendRadioNotice(std::shared_ptr<RadioEntry> entry,
     const Qmra::Message message =
         entry->pendingAddress.isNull()
             ? Qmra::encodeNotice(entry->esn, entry->suid, false, entry->address.toIPv4Address(),
-                                 static_cast<quint8>(entry->availability & 0xFF), entry->supportedServices)
+                                 static_cast<quint8>(entry->availability), entry->supportedServices)
             : Qmra::encodeNotice(entry->esn, entry->pendingSuid, true, entry->pendingAddress.toIPv4Address(),
                                  Registered, entry->pendingServices);
     const QByteArrayView bytes(message.bytes.data(), message.size);
@@ -311,13 +309,8 @@ void ApplicationManager::sendHeldBack()
         return;
     }
     std::vector<char> leaving = std::exchange(heldBack, std::move(spare));
-    // A write can drop an application in the middle of the walk; it is deleted later.
-    std::vector<ApplicationConnection *> connected;
-    connected.reserve(applications.size());
-    std::ranges::transform(applications, std::back_inserter(connected),
-                           [](const auto &entry) { return entry.second; });
     qint64 together = unsentTogether();
-    for (ApplicationConnection *application : connected) {
+    for (const auto &[socket, application] : applications) {
         if (application->hasEnded()) {
             continue;
         }

@@ -8,7 +8,6 @@
 
 #include <QAbstractSocket>
 #include <QObject>
-#include <QPointer>
 
 #include <deque>
 #include <map>
@@ -81,7 +80,7 @@ private:
     Quillmere *server;
     ApplicationListener listener;
     std::map<QTcpSocket *, ApplicationConnection *> applications; // the sockets are the listener's
-    std::deque<QPointer<ApplicationConnection>> busy;             // in the order of their turns
+    std::deque<ApplicationConnection *> busy; // in the order of their turns; only its own turn drops one
     bool turnArranged = false;
     qint64 tableLimit; // bytes of its table that an application may leave unsent
     bool isLimitOfThisTurn = false;
