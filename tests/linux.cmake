@@ -2,6 +2,7 @@
 # SPDX-License-Identifier: MIT
 
 # Tests that only Linux has.
+add_subdirectory(fuzz)
 add_subdirectory(unit/linux)
 add_subdirectory(integration/linux)
 add_subdirectory(system)

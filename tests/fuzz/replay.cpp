@@ -1,8 +1,8 @@
 // SPDX-FileCopyrightText: 2026 The Quillmere developers
 // SPDX-License-Identifier: MIT
 
-// Stands for libFuzzer where a compiler has none, or only what was found before is wanted: each file named, and each
-// file of each folder named, is one input.
+// Stands for libFuzzer where a compiler has none, or only what was found before is wanted: each file named,
+// and each file of each folder named, is one input.
 #include <QDirIterator>
 #include <QFile>
 #include <QFileInfo>

@@ -32,7 +32,13 @@ void MemorySocket::receives(const QByteArray &bytes)
 void MemorySocket::ends(SocketError error)
 {
     emit errorOccurred(error);
+    ended = true;
     emit disconnected();
+}
+
+QByteArray MemorySocket::takeTold()
+{
+    return std::exchange(told, QByteArray());
 }
 
 void MemorySocket::setStalled(bool isStalled)
@@ -43,8 +49,17 @@ void MemorySocket::setStalled(bool isStalled)
     }
 }
 
+void MemorySocket::endsLate()
+{
+    endingLate = true;
+}
+
 bool MemorySocket::waitForReadyRead(int)
 {
+    if (endingLate) {
+        ends(NetworkError);
+        return false;
+    }
     if (late.isEmpty()) {
         emit errorOccurred(SocketTimeoutError); // as a real one does
         return false;
@@ -63,6 +78,9 @@ qint64 MemorySocket::readData(char *data, qint64 size)
 
 qint64 MemorySocket::writeData(const char *data, qint64 size)
 {
+    if (ended) {
+        qFatal("something is written to an application that has ended");
+    }
     told.append(data, size);
     unsent += stalled ? size : 0;
     return size;

@@ -24,11 +24,13 @@ public:
     // The connection ends, in good order or with an error.
     void ends(SocketError error);
     // What the server has told the application since the last call.
-    QByteArray takeTold() { return std::exchange(told, QByteArray()); }
+    QByteArray takeTold();
     // From now on what it is told stays unsent, or leaves at once.
     void setStalled(bool isStalled);
     // What comes while the server looks once more whether something has come.
     void comesLate(const QByteArray &bytes) { late = bytes; }
+    // The connection breaks then.
+    void endsLate();
 
     qint64 bytesAvailable() const override { return QTcpSocket::bytesAvailable() + incoming.size(); }
     qint64 bytesToWrite() const override { return unsent; }
@@ -44,6 +46,8 @@ private:
     QByteArray late;
     qint64 unsent = 0;
     bool stalled = false;
+    bool ended = false;
+    bool endingLate = false;
 };
 
 // Of the one server that is alive.

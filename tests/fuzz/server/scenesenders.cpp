@@ -261,7 +261,9 @@ void ServerScene::applicationEnds()
         (*application)->announce(last);
         (*application)->socket().receives(last);
     }
-    const auto error = way % 2 == 0 ? QAbstractSocket::RemoteHostClosedError : QAbstractSocket::NetworkError;
+    constexpr std::array Errors{QAbstractSocket::RemoteHostClosedError, QAbstractSocket::NetworkError,
+                                QAbstractSocket::RemoteHostClosedError, QAbstractSocket::SocketTimeoutError};
+    const auto error = Errors[way];
     begin("an application ends");
     (*application)->announceEnd(error);
     (*application)->socket().ends(error);
@@ -269,19 +271,25 @@ void ServerScene::applicationEnds()
     applications.erase(application);
 }
 
-// The rest of a message has not come for 500 ms, or comes in the last moment.
+// The rest of a message has not come for 500 ms, or comes in the last moment, or the connection breaks in it.
 void ServerScene::applicationWaits()
 {
     if (applications.empty()) {
         return;
     }
-    MemoryApplication &application = *applications[script.below(applications.size())];
+    const auto found = applications.begin() + script.below(applications.size());
+    MemoryApplication &application = **found;
     if (!application.isAwaited()) {
         return;
     }
-    if (script.below(2) == 0) {
+    const quint32 way = script.below(4);
+    if (way % 2 == 0) {
         begin("an application's rest does not come");
         application.announceTimeout();
+    } else if (way == 3) {
+        begin("an application ends while its rest is looked for");
+        application.announceEnd(QAbstractSocket::NetworkError);
+        application.socket().endsLate();
     } else {
         const QByteArray late = report().sliced(script.below(20));
         begin("an application's rest comes late", late);
@@ -289,6 +297,10 @@ void ServerScene::applicationWaits()
         application.socket().comesLate(late);
     }
     fire(*application.waitTimer());
+    if (way == 3) {
+        drain();
+        applications.erase(found);
+    }
 }
 
 void ServerScene::applicationStalls()
