@@ -274,6 +274,30 @@ private slots:
         QCOMPARE(scene->known(second->esn), QStringLiteral("gone"));
     }
 
+    // Its value is 0, as that of the radio's address.
+    void anotherIpv6SenderIsNotTakenForTheRadio_data()
+    {
+        QTest::addColumn<bool>("isPending");
+        QTest::newRow("confirmed") << false;
+        QTest::newRow("pending") << true;
+    }
+
+    void anotherIpv6SenderIsNotTakenForTheRadio()
+    {
+        QFETCH(bool, isPending);
+        speakIpv6(*first);
+        isPending ? first->registersPending("\1") : first->registers("\1");
+        QVERIFY(first->isAcknowledged());
+        scene->settle();
+        const QString known = scene->known(first->esn);
+        const QString other = QStringLiteral("2001:db8::2");
+        scene->server->deregisterRadioByAddress(QHostAddress(other));
+        QCOMPARE(scene->settle().log, QStringList());
+        scene->server->deregisterRadio(first->esn, QHostAddress(other));
+        QCOMPARE(scene->settle().log, QStringList{unexpected(*first, other)});
+        QCOMPARE(scene->known(first->esn), known);
+    }
+
 private:
     static void speakIpv6(ScriptedRadio &radio)
     {
