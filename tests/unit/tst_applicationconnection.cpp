@@ -166,11 +166,16 @@ void TestApplicationConnection::aTimeoutIsNoErrorOnlyWhileItLooksAgain()
 
 void TestApplicationConnection::nothingIsAwaitedOnceItHasEnded()
 {
+    const auto *timer = connection->findChild<QTimer *>();
     applicationSends("QM");
+    QVERIFY(!connection->hasMessage());
+    QVERIFY(timer->isActive());
+    applicationSends("RA");
     connection->end(QString());
+    QVERIFY(!timer->isActive());
     QVERIFY(!connection->hasMessage());
     QVERIFY(connection->isAwaiting());
-    QVERIFY(!connection->findChild<QTimer *>()->isActive());
+    QVERIFY(!timer->isActive());
 }
 
 QTEST_GUILESS_MAIN(TestApplicationConnection)
