@@ -57,7 +57,8 @@ bool writeUnit(const QString &unit, const QByteArray &content)
     }
     file.setPermissions(QFileDevice::ReadOwner | QFileDevice::WriteOwner | QFileDevice::ReadGroup |
                         QFileDevice::ReadOther);
-    if (file.write(content) != content.size() || !file.commit()) {
+    // What is only in Qt's buffer when the file is committed may fail there unseen.
+    if (file.write(content) != content.size() || !file.flush() || !file.commit()) {
         fail(ErrorWriteFault);
         return false;
     }

@@ -14,13 +14,42 @@
 #include <QTest>
 
 #include <pwd.h>
+#include <sys/resource.h>
 #include <unistd.h>
 
 #include <array>
+#include <csignal>
 #include <memory>
 
 using namespace Qt::StringLiterals;
 using namespace Linux;
+
+namespace {
+
+// While it lives this process writes nothing to any file.
+class FullDisk
+{
+public:
+    FullDisk() : before(::signal(SIGXFSZ, SIG_IGN))
+    {
+        getrlimit(RLIMIT_FSIZE, &saved);
+        rlimit none = saved;
+        none.rlim_cur = 0;
+        setrlimit(RLIMIT_FSIZE, &none);
+    }
+    ~FullDisk()
+    {
+        setrlimit(RLIMIT_FSIZE, &saved);
+        (void)::signal(SIGXFSZ, before);
+    }
+    Q_DISABLE_COPY_MOVE(FullDisk)
+
+private:
+    rlimit saved{};
+    void (*before)(int);
+};
+
+} // namespace
 
 class TestServiceRegistry : public QObject
 {
@@ -36,6 +65,8 @@ private slots:
     void createFindsAUnitOfAPackage();
     void createNeedsTheFolder();
     void createWaitsForADeletedServiceToStop();
+    void aFullDiskLeavesNoUnit();
+    void aFullDiskLeavesTheUnitAsItWas();
     void createLeavesNothingBehindWhenSystemdFails_data();
     void createLeavesNothingBehindWhenSystemdFails();
     void accounts_data();
@@ -160,6 +191,32 @@ void TestServiceRegistry::createWaitsForADeletedServiceToStop()
     systemd->shows("LoadState=not-found\nActiveState=active\n");
     QVERIFY(!create());
     QCOMPARE(Linux::lastError(), Scm::Dword(ErrorMarkedForDelete));
+}
+
+void TestServiceRegistry::aFullDiskLeavesNoUnit()
+{
+    {
+        const FullDisk full;
+        QVERIFY(!create());
+    }
+    QCOMPARE(Linux::lastError(), Scm::Dword(ErrorWriteFault));
+    QVERIFY(QDir(systemd->unitFolder()).isEmpty());
+    QVERIFY(systemd->calls().isEmpty());
+}
+
+void TestServiceRegistry::aFullDiskLeavesTheUnitAsItWas()
+{
+    Scm::Handle service = create();
+    QVERIFY(service);
+    const QByteArray before = systemd->readFile(unitPath());
+    Scm::Description description{const_cast<Scm::Char *>(u"another")};
+    {
+        const FullDisk full;
+        QVERIFY(!changeServiceConfig2(service, Scm::ConfigDescription, &description));
+    }
+    QCOMPARE(Linux::lastError(), Scm::Dword(ErrorWriteFault));
+    QCOMPARE(systemd->readFile(unitPath()), before);
+    closeServiceHandle(service);
 }
 
 void TestServiceRegistry::createLeavesNothingBehindWhenSystemdFails_data()
