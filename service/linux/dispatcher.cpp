@@ -7,6 +7,7 @@
 #include "service/linux/errors.h"
 #include "service/linux/startparameters.h"
 #include "service/linux/text.h"
+#include "service/linux/unitfile.h"
 #include "service/linux/unitstate.h"
 
 #include <QByteArray>
@@ -18,6 +19,8 @@
 #include <sys/eventfd.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <array>
 #include <atomic>
 #include <cerrno>
 #include <csignal>
@@ -49,7 +52,7 @@ Service &service()
     return *only;
 }
 
-std::atomic<int> stopEvent{-1}; // an eventfd: SIGTERM has come
+std::atomic<int> stopEvent{-1}; // an eventfd: SIGTERM or SIGINT has come
 
 void raiseEvent(int descriptor)
 {
@@ -67,6 +70,52 @@ extern "C" void onTerminate(int)
     const int saved = errno;
     raiseEvent(stopEvent.load());
     errno = saved;
+}
+
+// systemd takes the end by any of these for a clean exit, and would not start the service again. Two of them
+// stop it in good order; a terminal's hang-up is no reason to stop.
+class Signals
+{
+public:
+    Signals()
+    {
+        for (Handled &one : handled) {
+            struct sigaction action
+            {
+            };
+            action.sa_handler = one.handler;
+            action.sa_flags = SA_RESTART;
+            ::sigaction(one.number, &action, &one.before);
+        }
+    }
+
+    void restore() const
+    {
+        for (const Handled &one : handled) {
+            ::sigaction(one.number, &one.before, nullptr);
+        }
+    }
+
+private:
+    struct Handled
+    {
+        int number;
+        void (*handler)(int);
+        struct sigaction before;
+    };
+
+    std::array<Handled, 3> handled{
+        {{SIGTERM, onTerminate, {}}, {SIGINT, onTerminate, {}}, {SIGHUP, SIG_IGN, {}}}};
+};
+
+// systemd lists there every directory that the unit and its drop-ins name, in an order of its own.
+QByteArray ownRuntimeDirectory(const QString &serviceName)
+{
+    const QByteArrayList directories = qgetenv("RUNTIME_DIRECTORY").split(':');
+    const QByteArray ending = '/' + unitName(serviceName).toLatin1();
+    const auto own = std::find_if(directories.begin(), directories.end(),
+                                  [&](const QByteArray &directory) { return directory.endsWith(ending); });
+    return own != directories.end() ? *own : directories.first();
 }
 
 // systemd names the process it has started beside the socket; a child of some other service only inherits
@@ -241,17 +290,8 @@ Scm::Bool startServiceCtrlDispatcher(const Scm::TableEntry *table)
         s.handler = nullptr;
         s.status = {};
     }
-    struct sigaction action
-    {
-    };
-    struct sigaction before
-    {
-    };
-    action.sa_handler = onTerminate;
-    action.sa_flags = SA_RESTART;
-    ::sigaction(SIGTERM, &action, &before);
-
-    const QByteArray runtimeDirectory = qgetenv("RUNTIME_DIRECTORY");
+    const Signals handledSignals;
+    const QByteArray runtimeDirectory = ownRuntimeDirectory(toString(table->name));
     ControlSocket socket(runtimeDirectory.isEmpty() ? QByteArray() : runtimeDirectory + ControlSocketName);
     std::thread main = startServiceMain(*table, runtimeDirectory);
     dispatch(socket);
@@ -260,7 +300,7 @@ Scm::Bool startServiceCtrlDispatcher(const Scm::TableEntry *table)
     s.isDispatched = false;
     if (s.mainHasReturned) {
         main.join();
-        ::sigaction(SIGTERM, &before, nullptr);
+        handledSignals.restore();
     } else {
         main.detach();
     }

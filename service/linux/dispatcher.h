@@ -2,10 +2,12 @@
 // SPDX-License-Identifier: MIT
 
 // The functions by which a process is a service: it runs the service main function on a thread of its own,
-// brings it the stop control (SIGTERM) and what arrives on the control socket, and tells systemd its status.
+// brings it the stop control (SIGTERM or SIGINT) and what arrives on the control socket, and tells systemd
+// its status.
 //
 // Controls are handed over one at a time, on the dispatcher's thread. As on Windows none is handed over while
-// the service is starting or stopping; a SIGTERM that comes early waits until the service runs.
+// the service is starting or stopping; a signal that comes early waits until the service runs. SIGHUP is
+// ignored.
 #pragma once
 
 #include "service/scm.h"

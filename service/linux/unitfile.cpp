@@ -190,7 +190,10 @@ QByteArray unitText(const UnitSettings &settings)
     }
     text += "Environment=QUILLMERE_APPDATA=/var/lib LC_ALL=C.UTF-8\n"
             "Restart=on-failure\nRestartSec=2s\nTimeoutStartSec=infinity\nTimeoutStopSec=90s\n"
-            "LimitNOFILE=16384\n";
+            "LimitNOFILE=16384\n"
+            // A flood of bad datagrams is a record each, and none of the others may get lost in it. A burst
+            // of 0 would not lift the limit.
+            "LogRateLimitIntervalSec=30s\nLogRateLimitBurst=1000000\n";
     text +=
         "StateDirectory=" + quotedWord(VendorFolder + settings.displayName) + "\nStateDirectoryMode=0700\n";
     text += "RuntimeDirectory=" + unit + "\nRuntimeDirectoryMode=0700\n";

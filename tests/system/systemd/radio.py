@@ -1,10 +1,11 @@
 # SPDX-FileCopyrightText: 2026 The Quillmere developers
 # SPDX-License-Identifier: MIT
 
-"""A radio and an application in a few lines: radio.py register ESN | garbage | follow ESN
+"""A radio and an application in a few lines: radio.py register ESN | garbage | flood ESN | follow ESN
 
 register: sends a basic registration for the ESN (16 hexadecimal digits) and waits for its acknowledgement.
 garbage:  sends a registration whose length is wrong, which is logged and not answered.
+flood:    60000 such registrations, none of which gets lost: after each hundred the ESN registers.
 follow:   connects as an application and reads until a notice about the ESN arrives.
 Exit code 0: it came. Both wires have the ESN as its eight bytes.
 """
@@ -41,6 +42,16 @@ def garbage(_):
     return 0
 
 
+def flood(esn):
+    with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as radio:
+        for _ in range(600):
+            for _ in range(100):
+                radio.sendto(header(1, bytes(8), 0), SERVER)
+            if register(esn) != 0:
+                return 1
+    return 0
+
+
 def follow(esn):
     with socket.create_connection(SERVER, timeout=20) as application:
         seen = b""
@@ -53,5 +64,5 @@ def follow(esn):
 
 
 if __name__ == "__main__":
-    ACTIONS = {"register": register, "garbage": garbage, "follow": follow}
+    ACTIONS = {"register": register, "garbage": garbage, "flood": flood, "follow": follow}
     sys.exit(ACTIONS[sys.argv[1]](bytes.fromhex((sys.argv + ["", ""])[2])))

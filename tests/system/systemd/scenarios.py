@@ -354,5 +354,47 @@ def foreground(host):
     host.check(stat.S_ISDIR(os.stat(host.container.path(DATA)).st_mode), "its data lies in the same folder")
 
 
+def signals(host):
+    """a hang-up changes nothing; an interrupt is a stop in good order"""
+    host.install()
+    host.start()
+    pid = host.property("MainPID")
+    host.container.run("kill", "-HUP", pid)
+    host.radio("register", ESN)
+    host.check(host.property("MainPID") == pid, "the service runs on")
+    host.container.run("kill", "-INT", pid)
+    host.wait_for_state("inactive")
+    host.check(host.property("Result") == "success", "it has not failed")
+    host.has_record("Service stopped", PRIORITY="6", EVENT_TYPE="success")
+
+
+def full_disk(host):
+    """an installation that cannot be written fails and leaves nothing"""
+    folder = os.path.dirname(UNIT_FILE)
+    host.container.run("mount", "-t", "tmpfs", "-o", "size=4k", "tmpfs", folder)
+    try:
+        host.container.run("sh", "-c", f"cat /dev/zero > {folder}/filler")
+        host.quillmere("-i", err="The service Quill Mere could not be installed\n", code=-1)
+        host.check(not host.exists(UNIT_FILE), "there is no unit")
+    finally:
+        host.container.run("umount", folder)
+    host.status(ABSENT)
+
+
+def flood(host):
+    """a flood of bad datagrams leaves a record of each"""
+    host.install()
+    host.start()
+    host.radio("flood", ESN)
+    text = b"Protocol error: invalid length"
+
+    def recorded():
+        lines = host.container.run("journalctl", "--output=cat", "SYSLOG_IDENTIFIER=Quill Mere",
+                                   f"_PID={host.property('MainPID')}").stdout
+        return lines.splitlines().count(text)
+
+    host.wait(lambda: recorded() == 60000, "60000 records", 30)
+
+
 SCENARIOS = [whole_life, killed, with_account, abused_socket, places, unusable_database, uninstalled_while_running,
-             by_systemctl, foreground]
+             by_systemctl, signals, full_disk, foreground, flood]

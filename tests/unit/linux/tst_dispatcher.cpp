@@ -7,6 +7,7 @@
 #include "service/linux/errors.h"
 #include "service/linux/startparameters.h"
 
+#include <QDir>
 #include <QFile>
 #include <QSemaphore>
 #include <QTemporaryDir>
@@ -113,6 +114,10 @@ private slots:
     void withoutSystemdItFails();
     void aChildOfAServiceIsNoService();
     void runsAServiceToItsEnd();
+    void interruptStopsItInGoodOrder();
+    void hangUpIsIgnored();
+    void signalsAreGivenBack();
+    void findsItsOwnRuntimeDirectory();
     void handsStartParametersOver();
     void carriesOutControls();
     void refusesControls_data();
@@ -139,9 +144,9 @@ private:
         scene->mayRun.release();
         QCOMPARE(notify->next(), QByteArray("STATUS=Running\nREADY=1"));
     }
-    void stop()
+    void stop(int signal = SIGTERM)
     {
-        ::kill(::getpid(), SIGTERM);
+        ::kill(::getpid(), signal);
         QCOMPARE(notify->next(), QByteArray("STATUS=Stopping\nSTOPPING=1"));
         QCOMPARE(notify->next(), QByteArray("STATUS=Stopped\nSTOPPING=1"));
         thread.join();
@@ -204,6 +209,62 @@ void TestDispatcher::runsAServiceToItsEnd()
     QCOMPARE(scene->controls, QList<Scm::Dword>{Scm::ControlStop});
     QVERIFY(!QFile::exists(QFile::decodeName(socket())));
     QVERIFY(!report(Scm::StateRunning)); // nothing more to report
+}
+
+void TestDispatcher::interruptStopsItInGoodOrder()
+{
+    start();
+    stop(SIGINT);
+    QCOMPARE(scene->controls, QList<Scm::Dword>{Scm::ControlStop});
+}
+
+void TestDispatcher::hangUpIsIgnored()
+{
+    start();
+    ::kill(::getpid(), SIGHUP);
+    QCOMPARE(send(200).state, Scm::Dword(Scm::StateRunning));
+    stop();
+    QCOMPARE(scene->controls, (QList<Scm::Dword>{200, Scm::ControlStop}));
+}
+
+void TestDispatcher::signalsAreGivenBack()
+{
+    const auto handlers = [] {
+        QList<void (*)(int)> found;
+        for (const int signal : {SIGTERM, SIGINT, SIGHUP}) {
+            struct sigaction action
+            {
+            };
+            ::sigaction(signal, nullptr, &action);
+            found.append(action.sa_handler);
+        }
+        return found;
+    };
+    const auto before = handlers();
+    start();
+    QVERIFY(handlers() != before);
+    stop();
+    QVERIFY(handlers() == before);
+}
+
+// A drop-in can name others; which comes first is not its own affair.
+void TestDispatcher::findsItsOwnRuntimeDirectory()
+{
+    const QDir parent(folder->path());
+    QVERIFY(parent.mkdir(u"another"_s));
+    QVERIFY(parent.mkdir(u"quill-mere"_s));
+    const QByteArray another = QFile::encodeName(parent.filePath(u"another"_s));
+    const QByteArray own = QFile::encodeName(parent.filePath(u"quill-mere"_s));
+    const QByteArrayList orders = {another + ':' + own, own + ':' + another};
+    for (const QByteArray &both : orders) {
+        qputenv("RUNTIME_DIRECTORY", both);
+        QVERIFY(storeStartParameters(own, {u"parameter"_s}));
+        scene->parameters.clear();
+        start();
+        QCOMPARE(scene->parameters, (QStringList{u"Quill Mere"_s, u"parameter"_s}));
+        QCOMPARE(sendControl(own + ControlSocketName, 200, 60000).error, 0u);
+        stop();
+    }
 }
 
 void TestDispatcher::handsStartParametersOver()

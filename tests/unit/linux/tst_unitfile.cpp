@@ -21,6 +21,7 @@ private slots:
     void writesTheCommandLine();
     void writesTheDescription_data();
     void writesTheDescription();
+    void lendsTheJournalAFlood();
     void letsAHiddenProgramIn();
     void runsUnderTheAccount();
     void keepsTheDataFolderWhereTheServerLooks();
@@ -137,6 +138,13 @@ void TestUnitFile::writesTheDescription()
     UnitSettings settings = settingsFor(u"/usr/bin/quillmere"_s);
     settings.description = description;
     QVERIFY(hasLine(unitText(settings), line));
+}
+
+void TestUnitFile::lendsTheJournalAFlood()
+{
+    const QByteArray text = unitText(settingsFor(u"/opt/quillmere"_s));
+    QVERIFY(hasLine(text, "LogRateLimitIntervalSec=30s"));
+    QVERIFY(hasLine(text, "LogRateLimitBurst=1000000"));
 }
 
 void TestUnitFile::letsAHiddenProgramIn()
