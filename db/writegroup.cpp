@@ -141,8 +141,7 @@ void WriteGroup::writeAlone(const RowWrite &write, bool mayBeStored)
 {
     // A commit that failed behind its storing step can have stored this write, and those that followed it:
     // its row may be there already, or gone again.
-    const bool isUncertain = mayBeStored && write.kind != RowWrite::Delete;
-    const auto debt = isUncertain ? OwedWrites::Debt::Unknown : owedWrites.of(write.row.esn);
+    const auto debt = mayBeStored ? OwedWrites::Debt::Unknown : owedWrites.of(write.row.esn);
     std::optional<WriteStep> failedStep;
     if (!begin()) {
         failedStep = firstStep(write.kind);
