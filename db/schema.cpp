@@ -156,8 +156,7 @@ Outcome runScript(const QString &script, const QDeadlineTimer &deadline)
 
 bool Quillmere::checkDatabase(std::chrono::milliseconds patience)
 {
-    const QSqlDatabase connection =
-        QSqlDatabase::database(QLatin1String(QSqlDatabase::defaultConnection), true);
+    const QSqlDatabase connection = QSqlDatabase::database();
     const QDeadlineTimer deadline(patience);
     Outcome outcome = waitForLocks(deadline, [&connection] { return upgradeInTransaction(connection); });
     if (outcome == Outcome::Done) {
