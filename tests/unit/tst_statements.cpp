@@ -4,21 +4,40 @@
 #include "db/statements.h"
 
 #include <QByteArray>
+#include <QList>
 #include <QTest>
 
 #include <sqlite3.h>
 
 using QMR::PreparedStatement;
 
+namespace {
+
+// Result codes of what SQLite has reported on its own.
+QList<int> logged;
+
+void keepLogged(void *, int resultCode, const char *)
+{
+    logged.append(resultCode);
+}
+
+} // namespace
+
 class TestStatements : public QObject
 {
     Q_OBJECT
 
 private slots:
+    void initTestCase()
+    {
+        // NOLINTNEXTLINE(cppcoreguidelines-pro-type-vararg)
+        QCOMPARE(sqlite3_config(SQLITE_CONFIG_LOG, keepLogged, nullptr), SQLITE_OK);
+    }
     void init() { QCOMPARE(sqlite3_open(":memory:", &connection), SQLITE_OK); }
     void cleanup() { QCOMPARE(sqlite3_close(connection), SQLITE_OK); }
     void valueThatCannotBeBoundIsNotLeftOut();
     void failedPreparationIsTriedAgain();
+    void statementThatCannotBePreparedIsNotExecuted();
 
 private:
     sqlite3 *connection = nullptr;
@@ -48,6 +67,16 @@ void TestStatements::failedPreparationIsTriedAgain()
     QVERIFY(!count.run());
     QVERIFY(PreparedStatement(connection, "CREATE TABLE late (bytes)").run());
     QCOMPARE(count.firstValue({}), std::optional<qint64>(0));
+}
+
+// SQLite reports the use of a statement that is none.
+void TestStatements::statementThatCannotBePreparedIsNotExecuted()
+{
+    logged.clear();
+    PreparedStatement remove(connection, "DELETE FROM missing");
+    QVERIFY(!remove.run());
+    QVERIFY(logged.contains(SQLITE_ERROR));
+    QVERIFY(!logged.contains(SQLITE_MISUSE));
 }
 
 QTEST_APPLESS_MAIN(TestStatements)
