@@ -135,6 +135,16 @@ private slots:
         QCOMPARE(statements.last(), u"COMMIT"_s);
     }
 
+    void fileInWriteAheadModeStaysInIt()
+    {
+        TestServer server;
+        server.start();
+        server.stop();
+        server.query(u"PRAGMA journal_mode = WAL"_s);
+        server->start();
+        QCOMPARE(server.query(u"PRAGMA journal_mode"_s), (QList<QVariantList>{{u"wal"_s}}));
+    }
+
     void radiosAreLoadedBeforeTheSocketsOpen()
     {
         TestServer server;
