@@ -45,6 +45,24 @@ Debt debt(const TestServer &server)
     return server->writeGroup()->owed().of(First);
 }
 
+// Somebody else removes a radio's row once its group is over, before its write is tried by itself.
+class RowRemoval
+{
+public:
+    explicit RowRemoval(const TestServer &server)
+        : trace([this, &server](const QString &statement) {
+              if (statement == u"BEGIN IMMEDIATE" && ++begun == 2) {
+                  server.query(u"DELETE FROM subscribers WHERE esn = x'0000000000000001'"_s);
+              }
+          })
+    {
+    }
+
+private:
+    int begun = 0;
+    StatementTrace trace;
+};
+
 } // namespace
 
 // What a radio's failed writes leave to be done, and when it is done.
@@ -337,6 +355,66 @@ private slots:
         QCOMPARE(rows(server), (QStringList{u"01 [2]"_s, again ? u"02 [2]"_s : u"02 [1]"_s}));
         QCOMPARE(server->writeGroup()->owed().of(Second),
                  resultCode == SQLITE_BUSY ? Debt::Change : Debt::None);
+        statements.end();
+    }
+
+    // Nothing of it can have been stored: a row that is missing is an error, and is not made anew.
+    void writeOfALostGroupIsStillAnUpdate()
+    {
+        TestServer server;
+        server.startWithoutDiscovery();
+        server->registerRadio(First, 3, {}, Address, Port, false, {1});
+        server->registerRadio(Second, 3, {}, QHostAddress(u"127.0.0.3"_s), Port, false, {1});
+        server.query(u"CREATE TRIGGER stop BEFORE UPDATE ON subscribers WHEN NEW.esn = x'0000000000000002' "
+                     "BEGIN SELECT RAISE(ROLLBACK, 'no'); END"_s);
+        server.log.take();
+        {
+            const RowRemoval removal(server);
+            const QMR::WriteTurn turn(server->writeGroup());
+            server->updateSubscriber(*server->findRadio(First));
+            server->updateSubscriber(*server->findRadio(Second));
+        }
+        QCOMPARE(server.log.takeErrors(),
+                 (QStringList{u"Database write error"_s, u"Database write error"_s}));
+        QCOMPARE(rows(server), QStringList{u"02 [1]"_s});
+    }
+
+    void writeThatIsTriedByItselfIsStillAnUpdate()
+    {
+        TestServer server;
+        server.startWithoutDiscovery();
+        registers(server, First, 1);
+        server.log.take();
+        const FailingStatements statements(server, SQLITE_FULL, 1);
+        statements.begin(u"UPDATE"_s);
+        {
+            const RowRemoval removal(server);
+            const QMR::WriteTurn turn(server->writeGroup());
+            server->updateSubscriber(*server->findRadio(First));
+        }
+        QCOMPARE(server.log.takeErrors(), QStringList{u"Database write error"_s});
+        QCOMPARE(rows(server), QStringList());
+        statements.end();
+    }
+
+    // Its savepoint has been rolled back: its row need not be looked for.
+    void insertThatFailsInItsGroupIsKnownToBeAbsent()
+    {
+        TestServer server;
+        server.startWithoutDiscovery();
+        const FailingStatements statements(server, SQLITE_BUSY);
+        registers(server, Second, 1); // reads the schema with the table that fails
+        statements.begin(u"INSERT"_s);
+        StatementTrace trace;
+        {
+            const QMR::WriteTurn turn(server->writeGroup());
+            QMR::RadioEntry radio;
+            radio.esn = First;
+            server->insertSubscriber(radio);
+        }
+        QCOMPARE(trace.take(), (QStringList{u"BEGIN IMMEDIATE"_s, u"SAVEPOINT write"_s,
+                                            u"ROLLBACK TO write"_s, u"RELEASE write"_s, u"COMMIT"_s}));
+        QCOMPARE(debt(server), Debt::Insert);
         statements.end();
     }
 

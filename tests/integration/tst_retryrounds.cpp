@@ -145,6 +145,21 @@ private slots:
         }
     }
 
+    // Nothing else is written in it, and its commit succeeds.
+    void roundThatMeetsALockAtItsWriteIsNotFollowedAtOnce()
+    {
+        ImpatientServer server;
+        registers(server, 0);
+        const FailingStatements statements(server, SQLITE_BUSY);
+        statements.begin(u"UPDATE"_s);
+        registers(server, 0, 2);
+        server.expireRetry();
+        QVERIFY(isOwed(server, 0));
+        QVERIFY(!server->writeGroup()->isLockedOut());
+        QCOMPARE(server->nextRetry().interval(), Pause);
+        statements.end();
+    }
+
     void whatFailsAgainDoesNotKeepTheOthersFromTheirTurn()
     {
         ImpatientServer server;
