@@ -105,6 +105,29 @@ private slots:
         QVERIFY(server->log.count(BadLength) < Many);
     }
 
+    // Radios that wait share a commit; at its end the application has its turn, whoever waits by then.
+    void radiosThatKeepComingDoNotHoldItUp()
+    {
+        constexpr int Many = 5000;
+        ScriptedApplication application(server->applicationPort());
+        QVERIFY(application.sees(*radio, QMR::Registered));
+        server->log.take();
+        int registrations = 0;
+        bool isServed = false;
+        server->log.whenWritten([&](const LogRecord &record) {
+            isServed = isServed || record.message == BadLength;
+            if (!isServed && ++registrations < Many) {
+                radio->registers();
+            }
+        });
+        radio->registers();
+        radio->registers(); // one is always waiting
+        application.sends(ScriptedApplication::message(2, QByteArray()));
+        QVERIFY(runsUntil([&] { return isServed; }));
+        server->log.whenWritten({});
+        QVERIFY(registrations < Many);
+    }
+
 private:
     // A socket of the test's own stands still for longer than a wait, in a turn of the event loop that has
     // timers to serve behind it.
