@@ -3,6 +3,7 @@
 
 #include "db/sqlite.h"
 #include "db/writegroup.h"
+#include "tests/support/databaselock.h"
 #include "tests/support/serverdatabase.h"
 #include "tests/support/testserver.h"
 
@@ -15,7 +16,9 @@
 #include <cerrno>
 #include <chrono>
 #include <cstring>
+#include <limits>
 #include <list>
+#include <optional>
 
 using namespace Qt::StringLiterals;
 using namespace std::chrono_literals;
@@ -26,6 +29,7 @@ namespace {
 constexpr quint16 Port = 9; // nobody hears the acknowledgements
 
 const QMR::Esn First{{0, 0, 0, 0, 0, 0, 0, 1}};
+const QMR::Esn Second{{0, 0, 0, 0, 0, 0, 0, 2}};
 const QHostAddress Address(u"127.0.0.2"_s);
 
 void registers(const TestServer &server, quint32 service)
@@ -48,6 +52,7 @@ QStringList rows(const TestServer &server)
 int callsBefore = 0; // that succeed
 bool hasFailed = false;
 bool failsForGood = false;
+int readError = EIO;
 
 bool isTheOne()
 {
@@ -59,7 +64,7 @@ bool isTheOne()
 ssize_t failingRead(int file, void *bytes, size_t count, off_t offset)
 {
     if (isTheOne()) {
-        errno = EIO;
+        errno = readError;
         return -1;
     }
     return ::pread(file, bytes, count, offset);
@@ -173,8 +178,21 @@ class TestSystemFaults : public QObject
     Q_OBJECT
 
 private slots:
+    void cleanup() { readError = EIO; }
+
+    // What SQLite takes for damage.
+    void startThatCannotReadLosesNoRadio_data()
+    {
+        QTest::addColumn<int>("error");
+        QTest::newRow("input/output error") << EIO;
+        QTest::newRow("no such device") << ENXIO;
+        QTest::newRow("out of range") << ERANGE;
+    }
+
     void startThatCannotReadLosesNoRadio()
     {
+        QFETCH(const int, error);
+        readError = error;
         // More than a start reads.
         bool isOver = false;
         int before = 0;
@@ -195,6 +213,21 @@ private slots:
             QVERIFY2(before < 100, "the start reads on and on");
         }
         QVERIFY2(before > 1, "no read has failed");
+    }
+
+    void interruptedReadIsMadeAgain()
+    {
+        readError = EINTR;
+        TestServer server;
+        server.startWithoutDiscovery();
+        registers(server, 1);
+        server.stop();
+        {
+            const FailingCall reading("pread64", failingRead, 0);
+            server.restart();
+        }
+        QVERIFY(hasFailed);
+        QVERIFY(server->findRadio(First));
     }
 
     // However much has been read by then.
@@ -304,6 +337,75 @@ private slots:
             const FailingCommit commits(FailingCommit::AtItsEnd, 1);
             server->insertSubscriber(radio);
         }
+        QCOMPARE(server->writeGroup()->owed().of(First), Debt::Unknown);
+        radio.esn = Second; // of which nothing is owed before
+        {
+            const FailingCommit commits(FailingCommit::AtItsEnd, 1);
+            server->insertSubscriber(radio);
+        }
+        QCOMPARE(server->writeGroup()->owed().of(Second), Debt::Unknown);
+    }
+
+    void failedUpdateKnowsThatItsRowIsThere()
+    {
+        TestServer server;
+        server.startWithoutDiscovery();
+        registers(server, 1);
+        const FailingCommit commits(FailingCommit::AtItsEnd, 1);
+        server->updateSubscriber(*server->findRadio(First));
+        QCOMPARE(server->writeGroup()->owed().of(First), Debt::Change);
+    }
+
+    // Whichever read fails from the commit on: a row that is there is not taken for absent.
+    void failedInsertThatCannotLookForItsRowKnowsNothing()
+    {
+        bool isOver = false;
+        int before = 0;
+        for (; !isOver; ++before) {
+            TestServer server;
+            server.startWithoutDiscovery();
+            QMR::RadioEntry radio;
+            radio.esn = First;
+            {
+                const FailingCommit commits(FailingCommit::AtItsEnd, 1);
+                const FailingCall reading("pread64", failingRead, std::numeric_limits<int>::max());
+                const StatementTrace trace([before](const QString &statement) {
+                    if (statement == u"COMMIT") {
+                        callsBefore = before;
+                    }
+                });
+                server->insertSubscriber(radio);
+                isOver = !hasFailed;
+            }
+            QVERIFY2(rows(server).isEmpty() || server->writeGroup()->owed().of(First) == Debt::Unknown,
+                     qPrintable(u"read %1"_s.arg(before)));
+            QVERIFY2(before < 100, "a write reads on and on");
+        }
+        QVERIFY2(before > 1, "no read has failed");
+    }
+
+    // The group's own commit has stored the row all the same.
+    void lockThatFollowsAFailedCommitDoesNotHideItsRow()
+    {
+        TestServer server;
+        server.startWithoutDiscovery();
+        setBusyTimeout(0);
+        QMR::RadioEntry radio;
+        radio.esn = First;
+        std::optional<DatabaseLock> lock;
+        {
+            const FailingCommit commits(FailingCommit::AtItsEnd, 1);
+            int begun = 0;
+            const StatementTrace trace([&](const QString &statement) {
+                if (statement == u"BEGIN IMMEDIATE" && ++begun == 2) {
+                    lock.emplace(server.folder.databaseFile(), DatabaseLock::Shared);
+                }
+            });
+            const QMR::WriteTurn turn(server->writeGroup());
+            server->insertSubscriber(radio);
+        }
+        QVERIFY(lock);
+        QCOMPARE(rows(server).size(), 1);
         QCOMPARE(server->writeGroup()->owed().of(First), Debt::Unknown);
     }
 
