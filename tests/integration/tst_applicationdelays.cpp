@@ -87,6 +87,28 @@ private slots:
         QCOMPARE(server->log.count(Timeout), 1);
     }
 
+    // Whatever comes next, what is open is stored first.
+    void theEndOfAWaitIsRecordedBehindTheCommit()
+    {
+        ScriptedApplication application(server->applicationPort());
+        QVERIFY(application.sees(*radio, QMR::Registered));
+        application.sends(ScriptedApplication::message(3, QByteArray(4, 'x')).first(5));
+        ScriptedApplication other(server->applicationPort());
+        QVERIFY(other.sees(*radio, QMR::Registered)); // and so the server has read what came before
+        bool isOpen = false;
+        server->log.whenWritten([&](const LogRecord &record) {
+            isOpen = isOpen || (record.message == Timeout && (*server)->holdsBack());
+        });
+        holdUp([&] {
+            QMR::WriteTurn turn((*server)->writeGroup());
+            (*server)->setAvailability((*server)->findRadio(radio->esn), QMR::Unconfirmed);
+            turn.keepOpen();
+        });
+        QVERIFY(runsUntil([this] { return server->log.count(Timeout) == 1; }));
+        server->log.whenWritten({});
+        QVERIFY(!isOpen);
+    }
+
     // An application has something to be read in each of many turns of the event loop.
     void othersAreServedBetweenTheTurnsOfAnApplication()
     {
