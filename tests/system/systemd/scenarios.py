@@ -381,6 +381,28 @@ def full_disk(host):
     host.status(ABSENT)
 
 
+def new_unit(host):
+    """the guide's own lines bring a new unit"""
+    guide = os.path.join(os.path.dirname(os.path.realpath(__file__)), "../../../docs/operations.md")
+    with open(guide, encoding="utf-8") as file:
+        lines = file.read().split("brings a new unit")[1].split("\n\n")[1]
+    host.place("/usr/local/bin/quillmere")
+    host.install(program="/usr/local/bin/quillmere")
+    host.start(program="/usr/local/bin/quillmere")
+    host.radio("register", ESN)
+    before = host.property("MainPID")
+    host.container.run("sh", "-c", f"echo '# an older one' >> {UNIT_FILE}")
+    result = host.container.run("sh", "-ec", "PATH=$PATH:/usr/local/bin\n" + lines)
+    host.check(result.returncode == 0, "each line succeeds", str(result))
+    host.wait_for_state("active")
+    host.check(host.property("MainPID") != before, "another process runs")
+    unit = host.container.run("cat", UNIT_FILE).stdout
+    host.check(unit and b"an older one" not in unit, "the unit is the new one", unit.decode())
+    enabled = host.container.run("systemctl", "is-enabled", UNIT).stdout.strip()
+    host.check(enabled == b"enabled", "it starts with the machine")
+    host.radio("follow", ESN)
+
+
 def flood(host):
     """a flood of bad datagrams leaves a record of each"""
     host.install()
@@ -397,4 +419,4 @@ def flood(host):
 
 
 SCENARIOS = [whole_life, killed, with_account, abused_socket, places, unusable_database, uninstalled_while_running,
-             by_systemctl, signals, full_disk, foreground, flood]
+             by_systemctl, signals, full_disk, new_unit, foreground, flood]
