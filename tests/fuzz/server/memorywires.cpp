@@ -49,6 +49,12 @@ void MemorySocket::setStalled(bool isStalled)
     }
 }
 
+void MemorySocket::setUnsent(qint64 bytes)
+{
+    stalled = true;
+    unsent = bytes;
+}
+
 void MemorySocket::endsLate()
 {
     endingLate = true;

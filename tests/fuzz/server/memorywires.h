@@ -27,6 +27,8 @@ public:
     QByteArray takeTold();
     // From now on what it is told stays unsent, or leaves at once.
     void setStalled(bool isStalled);
+    // It leaves so much unsent from now on, and takes nothing more.
+    void setUnsent(qint64 bytes);
     // What comes while the server looks once more whether something has come.
     void comesLate(const QByteArray &bytes) { late = bytes; }
     // The connection breaks then.
