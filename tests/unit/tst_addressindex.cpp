@@ -125,10 +125,16 @@ private slots:
         }
     }
 
+    void aRadioWithOneAddressTwiceIsHeldAndReleasedOnce_data()
+    {
+        QTest::addColumn<QHostAddress>("twice");
+        QTest::newRow("IPv4") << address("10.0.0.5");
+        QTest::newRow("no IPv4 form") << address("2001:db8::5");
+    }
     void aRadioWithOneAddressTwiceIsHeldAndReleasedOnce()
     {
+        QFETCH(QHostAddress, twice);
         AddressIndex index;
-        const QHostAddress twice = address("10.0.0.5");
         index.add(esnOf(1), twice, twice);
         QCOMPARE(index.candidates(twice), std::vector<Esn>{esnOf(1)});
         index.remove(esnOf(1), twice, twice);
@@ -143,6 +149,18 @@ private slots:
         index.add(esnOf(3), address("10.0.0.6"), QHostAddress());
         index.add(esnOf(1), address("10.0.0.7"), address("10.0.0.8"));
         QCOMPARE(index.firstHolder(0), std::optional(esnOf(2)));
+    }
+
+    // Nearly all radios have the value 0: a search among them would be a walk through the table.
+    void anAddressWithoutAnIpv4FormHasNoCandidatesButItsHolders()
+    {
+        AddressIndex index;
+        index.add(esnOf(1), address("10.0.0.5"), QHostAddress());
+        index.add(esnOf(2), address("2001:db8::5"), QHostAddress());
+        index.add(esnOf(3), address("2001:db8::6"), QHostAddress());
+        index.add(esnOf(4), address("10.0.0.6"), address("2001:db8::5"));
+        QCOMPARE(index.candidates(address("2001:db8::5")), (std::vector<Esn>{esnOf(2), esnOf(4)}));
+        QVERIFY(index.candidates(address("2001:db8::7")).empty());
     }
 
     // No datagram comes from nowhere.
@@ -165,17 +183,20 @@ private slots:
     }
 
 private:
-    // The candidates may be more than hold the address; those that do are all there, in order.
+    // The candidates may be more than hold the address; those that do are all there, in order. None has left.
     static void compareHolders(const AddressIndex &index, const Table &table, const QHostAddress &sender)
     {
         const std::vector<Esn> candidates = index.candidates(sender);
         QVERIFY(std::is_sorted(candidates.begin(), candidates.end()));
         std::vector<Esn> holders;
+        bool hasLeft = false;
         std::copy_if(candidates.begin(), candidates.end(), std::back_inserter(holders), [&](const Esn &esn) {
             const auto held = table.find(esn);
+            hasLeft = hasLeft || held == table.end();
             return held != table.end() &&
                    (held->second.address == sender || held->second.pendingAddress == sender);
         });
+        QVERIFY(!hasLeft);
         QCOMPARE(holders, walkToHolders(table, sender));
     }
 };
