@@ -157,11 +157,10 @@ void Quillmere::lapsePending()
     }
     const WriteTurn turn(writes.get());
     const QDeadlineTimer end(LongestSlice, Qt::PreciseTimer);
-    int lapsed = 0;
     while (!heartbeatQueue.empty() && (*heartbeatQueue.begin())->pendingDeadline <= *lapsingUntil) {
         const RadioPointer radio = *heartbeatQueue.begin();
         deregisterPending(radio);
-        if (++lapsed % RadiosALook == 0 && end.hasExpired()) {
+        if (end.hasExpired()) {
             QMetaObject::invokeMethod(this, &Quillmere::lapsePending, Qt::QueuedConnection);
             return;
         }

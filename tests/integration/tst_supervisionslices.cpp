@@ -78,6 +78,23 @@ private slots:
         QVERIFY(runsUntil([this] { return unreachable() == RadioCount; }));
     }
 
+    // Though the system's clock is wrong for a while.
+    void checkDoesNotReturnToWhomItHasPassed()
+    {
+        insertRegistered();
+        passTime(SilenceLimit * 1000 + 1);
+        server->expireTimeoutCheck();
+        const RadioPointer passed = (*server)->findRadio(esnOf(0));
+        QCOMPARE(passed->availability, quint32{QMR::Unreachable});
+        QVERIFY(unreachable() < RadioCount);
+        passTime(-2 * SilenceLimit * 1000);
+        (*server)->setAvailability(passed, QMR::Registered);
+        passTime(2 * SilenceLimit * 1000);
+        QVERIFY(runsUntil([this] { return unreachable() == RadioCount - 1; }));
+        haveTurns();
+        QCOMPARE(passed->availability, quint32{QMR::Registered});
+    }
+
     void checkTellsOfEachRadioOnceAndInOrder_data()
     {
         QTest::addColumn<bool>("expiresAgain");
