@@ -41,7 +41,7 @@ void RadioSocket::readyRead()
     if (bound) {
         hasArrived();
     } else {
-        socket.readDatagram(nullptr, 0); // a send has bound it to whatever port was free
+        take(); // a send has bound it to whatever port was free
     }
 }
 
