@@ -177,7 +177,7 @@ void writeHeader(Buffer &buffer, quint8 protocolVersion, const Esn &esn, Opcode 
     buffer[VersionOffset] = protocolVersion;
     std::copy(esn.bytes.begin(), esn.bytes.end(), buffer.begin() + EsnOffset);
     buffer[OpcodeOffset] = static_cast<quint8>(opcode);
-    buffer[LengthOffset] = static_cast<quint8>(payloadLength & 0xFF);
+    buffer[LengthOffset] = static_cast<quint8>(payloadLength);
     buffer[LengthOffset + 1] = static_cast<quint8>(payloadLength >> 8);
 }
 

@@ -79,7 +79,7 @@ void RegistrationManager::sendMessage(Qmrs::Opcode opcode, quint16 payloadLength
                                       bool pending)
 // NOLINTEND(performance-unnecessary-value-param)
 {
-    Qmrs::writeHeader(message, static_cast<quint8>(radio->protocolVersion & 0xFF), radio->esn, opcode,
+    Qmrs::writeHeader(message, static_cast<quint8>(radio->protocolVersion), radio->esn, opcode,
                       payloadLength);
     const QHostAddress destination = pending ? radio->pendingAddress : radio->address;
     const qint64 size = Qmrs::HeaderSize + payloadLength;

@@ -1,6 +1,7 @@
 // SPDX-FileCopyrightText: 2026 The Quillmere developers
 // SPDX-License-Identifier: MIT
 
+#include "db/writegroup.h"
 #include "radio/registrationmanager.h"
 #include "tests/support/eventloop.h"
 #include "tests/support/registrationscene.h"
@@ -197,6 +198,29 @@ private slots:
         otherPort.registersPending();
         QVERIFY(otherPort.isAcknowledged());
         QVERIFY(!radio.hasReceived());
+    }
+
+    // Only what has to be stored first is held back. This manager is not the server's own: what it holds
+    // back, nobody lets go.
+    void onlyAcknowledgementsInATurnAreHeldBack()
+    {
+        TestServer server;
+        server.start();
+        ScriptedRadio radio(server.registrationPort(), 0x01);
+        radio.registers();
+        QVERIFY(radio.isAcknowledged());
+        QMR::RegistrationManager manager(&server.object(), radio.port());
+        const QMR::RadioPointer entry = server->findRadio(radio.esn);
+        QMR::Qmrs::Buffer message{};
+        {
+            const QMR::WriteTurn turn(server->writeGroup());
+            manager.sendMessage(QMR::Qmrs::Opcode::Acknowledgement, 1, message, entry, radio.port(), false);
+            manager.sendMessage(QMR::Qmrs::Opcode::DiscoveryRequest, 0, message, entry, radio.port(), false);
+            QCOMPARE(radio.receives(), radio.message(4, QByteArray()));
+        }
+        QVERIFY(!radio.hasReceived());
+        manager.sendMessage(QMR::Qmrs::Opcode::Acknowledgement, 1, message, entry, radio.port(), false);
+        QVERIFY(radio.isAcknowledged());
     }
 
     // What is posted while the first one is handled comes before the second one is.
