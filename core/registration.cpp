@@ -147,6 +147,7 @@ void Quillmere::deregisterRadioByAddress(const QHostAddress &senderAddress)
 void Quillmere::setAvailability(const RadioPointer &radio, quint32 value)
 {
     const quint32 old = radio->availability;
+    radio->discoveryAttempts = 0;
     switch (value) {
     case Deregistered:
         logDeregistered(radio->esn, radio->suid, radio->address);
@@ -159,7 +160,6 @@ void Quillmere::setAvailability(const RadioPointer &radio, quint32 value)
             removeRadio(radio);
         }
         deleteSubscriber(*radio);
-        radio->discoveryAttempts = 0;
         break;
     case Unreachable:
         if (old == Unconfirmed) {
@@ -167,13 +167,11 @@ void Quillmere::setAvailability(const RadioPointer &radio, quint32 value)
         }
         radio->availability = Unreachable;
         scheduleDiscovery(radio);
-        radio->discoveryAttempts = 0;
         updateSubscriber(*radio);
         break;
     case Unconfirmed:
         radio->availability = Unconfirmed;
         scheduleDiscovery(radio);
-        radio->discoveryAttempts = 0;
         updateSubscriber(*radio);
         break;
     case Registered:
@@ -183,11 +181,9 @@ void Quillmere::setAvailability(const RadioPointer &radio, quint32 value)
         }
         radio->availability = Registered;
         radio->lastContactTime = currentTime();
-        radio->discoveryAttempts = 0;
         updateSubscriber(*radio);
         break;
     default:
-        radio->discoveryAttempts = 0;
         updateSubscriber(*radio);
         break;
     }

@@ -88,6 +88,17 @@ private slots:
         QVERIFY(!server->findRadio(esnOf(1)));
     }
 
+    void whoHasOnlyAPendingRegistrationWasNeverAskedNorHeard()
+    {
+        TestServer server;
+        server.startWithoutDiscovery();
+        server->registerRadio(esnOf(1), 3, {}, Here, 0, true, {});
+        const RadioPointer radio = server->findRadio(esnOf(1));
+        const QDateTime never = QDateTime::fromSecsSinceEpoch(0, Qt::UTC);
+        QCOMPARE(radio->lastDiscoveryAttempt, never);
+        QCOMPARE(radio->lastContactTime, never);
+    }
+
     // It is stored as it was, and told again, with no attempt counted.
     void availabilityOfNoNameChangesNothingElse()
     {
