@@ -188,7 +188,7 @@ void Quillmere::clearRadioTable()
 
 QString Quillmere::esnText(const Esn &esn, bool separated)
 {
-    EsnTexts &texts = esnTexts[separated ? 1 : 0];
+    EsnTexts &texts = esnTexts[static_cast<size_t>(separated)];
     auto text = texts.find(esn);
     if (text == texts.end()) {
         text = texts.insert(esn, esn.text(separated));
