@@ -77,7 +77,6 @@ Quillmere::Quillmere(int argc, char **argv) : QtService<QCoreApplication>(argc, 
 Quillmere::~Quillmere()
 {
     applicationManager.reset();
-    registrationManager.reset();
     writes.reset();
     if (databaseConfigured) {
         database = QSqlDatabase();
@@ -95,7 +94,7 @@ QString Quillmere::configDirectory()
         const QChar separator = Platform::folderSeparator();
         directory += separator + organization + separator + application;
     }
-    if (!directory.isEmpty() && !QDir(directory).exists()) {
+    if (!directory.isEmpty()) {
         QDir().mkpath(directory);
     }
     return directory;
@@ -118,12 +117,11 @@ void Quillmere::configure()
 // and would never try again.
 bool Quillmere::openDatabase()
 {
-    bool isOpen = false;
-    Sqlite::whileHindered(QDeadlineTimer(WritablePatience), [&] {
-        isOpen = database.open();
-        return isOpen && Sqlite::isReadOnly(database) && QFileInfo(database.databaseName()).isWritable();
+    Sqlite::whileHindered(QDeadlineTimer(WritablePatience), [this] {
+        return database.open() && Sqlite::isReadOnly(database) &&
+               QFileInfo(database.databaseName()).isWritable();
     });
-    return isOpen;
+    return database.isOpen();
 }
 
 void Quillmere::start()
@@ -178,7 +176,6 @@ void Quillmere::stop()
         lastRetried.reset();
         retryOwedWrites(std::numeric_limits<qint64>::max());
         // What fails once may be stored the second time.
-        lastRetried.reset();
         retryOwedWrites(SecondTry);
     }
     timeoutCheckTimer.stop();

@@ -15,6 +15,8 @@
 #include <QTest>
 #include <QUdpSocket>
 
+#include <sqlite3.h>
+
 using namespace Qt::StringLiterals;
 
 namespace {
@@ -278,6 +280,7 @@ private slots:
         QVERIFY(server->radios().empty());
         QVERIFY(server->dueForDiscovery().empty());
         QVERIFY(server->awaitingConfirmation().empty());
+        QVERIFY(!server->writeGroup());
         QCOMPARE(fileContent(server), database);
         QVERIFY(!QSqlDatabase::database(QLatin1String(QSqlDatabase::defaultConnection), false).isOpen());
     }
@@ -351,6 +354,47 @@ private slots:
         QVERIFY(portsAreFree(server));
         QCoreApplication::processEvents();
         QVERIFY(server.log.records().isEmpty());
+    }
+
+    // Who closes a write-ahead log last removes it.
+    void databaseIsClosedWhenTheServerHasGone()
+    {
+        char name[] = "quillmere";
+        char *arguments[] = {name, nullptr};
+        const TestServer server; // lends its folder and ports
+        std::make_unique<QMR::Quillmere>(1, arguments)->start();
+        server.query(u"PRAGMA journal_mode = WAL"_s);
+        auto running = std::make_unique<QMR::Quillmere>(1, arguments);
+        running->start();
+        ScriptedRadio radio(server.registrationPort(), 1);
+        radio.registers();
+        QVERIFY(radio.isAcknowledged());
+        const QString log = server.folder.databaseFile() + u"-wal"_s;
+        QVERIFY(QFile::exists(log));
+        running.reset();
+        QVERIFY(!QFile::exists(log));
+        QCOMPARE(server.query(u"SELECT count(*) FROM subscribers"_s), QList<QVariantList>{{1LL}});
+    }
+
+    void connectionWaitsForALockAQuarterOfASecond()
+    {
+        TestServer server;
+        server->start();
+        server.stop();
+        QSqlDatabase database = QSqlDatabase::database(QLatin1String(QSqlDatabase::defaultConnection), false);
+        QVERIFY(database.open());
+        QCOMPARE(runSql(database, u"PRAGMA busy_timeout"_s), QList<QVariantList>{{250LL}});
+        database.close();
+    }
+
+    void noAccountIsKeptOfTheMemoryOfSqlite()
+    {
+        QCOMPARE(sqlite3_shutdown(), SQLITE_OK);
+        QCOMPARE(sqlite3_config(SQLITE_CONFIG_MEMSTATUS, 1), SQLITE_OK);
+        TestServer server;
+        server->start();
+        QVERIFY(server->writeGroup());
+        QCOMPARE(sqlite3_memory_used(), 0);
     }
 
 private:
