@@ -26,6 +26,8 @@ struct ReadFault
 };
 std::optional<ReadFault> readFault;
 
+int bufferAskedFor = 0;
+
 const QHostAddress Loopback(QHostAddress::LocalHost);
 
 QByteArray bufferOf(const RadioSocket::Datagram &datagram)
@@ -35,7 +37,16 @@ QByteArray bufferOf(const RadioSocket::Datagram &datagram)
 
 } // namespace
 
-// Takes the place of the system's for the whole process.
+// These take the place of the system's for the whole process.
+
+extern "C" int setsockopt(int socket, int level, int name, const void *value, socklen_t size) noexcept
+{
+    if (level == SOL_SOCKET && name == SO_RCVBUF) {
+        std::memcpy(&bufferAskedFor, value, sizeof bufferAskedFor);
+    }
+    return static_cast<int>(::syscall(SYS_setsockopt, socket, level, name, value, size));
+}
+
 extern "C" ssize_t recvmsg(int socket, msghdr *message, int flags)
 {
     const ssize_t received = ::syscall(SYS_recvmsg, socket, message, flags);
@@ -109,6 +120,14 @@ private slots:
         readFault.reset();
         QCOMPARE(datagram.size, size);
         QVERIFY(bufferOf(datagram).startsWith(bytes));
+    }
+
+    // All radios may answer at once. What the system gives of it is the system's.
+    void asksForABufferOf8MiB()
+    {
+        const RadioSocket socket(freeUdpPort(), [] {});
+        QVERIFY(socket.isBound());
+        QCOMPARE(bufferAskedFor, 8'388'608);
     }
 
     // Nobody handles it, and it is not kept either.

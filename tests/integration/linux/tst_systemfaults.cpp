@@ -88,6 +88,19 @@ int failingOpen(const char *path, int flags, int mode)
     return ::open(path, flags, mode); // NOLINT(cppcoreguidelines-pro-type-vararg)
 }
 
+bool isWritable = true;
+int refusals = 0; // of opening the database for writing
+
+int openingForReadingOnly(const char *path, int flags, int mode)
+{
+    if (QByteArrayView(path).endsWith("qmr.db") && (flags & O_ACCMODE) != O_RDONLY) {
+        ++refusals;
+        errno = EACCES;
+        return -1;
+    }
+    return ::open(path, flags, mode); // NOLINT(cppcoreguidelines-pro-type-vararg)
+}
+
 // While it lives, one system call of SQLite's fails once, after a number that do not. A server that starts
 // afterwards tells faults of its reads from damage; for one that runs already the test has to see to that.
 class FailingCall
@@ -175,6 +188,16 @@ private:
 };
 
 } // namespace
+
+// Takes the place of the system's for the whole process, which may be one of a user who may write anything.
+extern "C" int access(const char *path, int mode)
+{
+    if (!isWritable && mode == W_OK) {
+        errno = EACCES;
+        return -1;
+    }
+    return ::faccessat(AT_FDCWD, path, mode, 0);
+}
 
 // Calls of the operating system that fail for a time.
 class TestSystemFaults : public QObject
@@ -292,6 +315,23 @@ private slots:
         registers(server, 1);
         QCOMPARE(server.log.count(u"Database insert error (1)"_s), 0);
         QCOMPARE(rows(server), QStringList{u"1"_s});
+    }
+
+    void fileThatIsForReadingOnlyIsOpenedOnce()
+    {
+        TestServer server;
+        server.startWithoutDiscovery();
+        registers(server, 1);
+        server.stop();
+        {
+            const FailingCall opening("open", openingForReadingOnly, 0);
+            refusals = 0;
+            isWritable = false;
+            server.restart();
+            isWritable = true;
+        }
+        QCOMPARE(refusals, 1);
+        QVERIFY(server->findRadio(First));
     }
 
     void rowOfAFailedCommitIsNotRefused()
