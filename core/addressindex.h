@@ -32,8 +32,9 @@ public:
     void remove(const Esn &esn, const QHostAddress &address, const QHostAddress &pendingAddress);
     void clear();
 
-    // How many pairs there are of an IPv4 value and a radio that counts under it.
-    size_t size() const { return byValue.size(); }
+    // How many pairs there are of an IPv4 value and a radio that counts under it, and of an address without
+    // such a value and its holder.
+    size_t size() const { return byValue.size() + valueless.size(); }
 
     // The smallest ESN of those with an address of this IPv4 value.
     std::optional<Esn> firstHolder(quint32 ipv4Value) const;

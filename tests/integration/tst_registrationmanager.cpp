@@ -209,7 +209,7 @@ private slots:
         ScriptedRadio radio(server.registrationPort(), 0x01);
         radio.registers();
         QVERIFY(radio.isAcknowledged());
-        QMR::RegistrationManager manager(&server.object(), radio.port());
+        QMR::RegistrationManager manager(&server.object(), freeUdpPort());
         const QMR::RadioPointer entry = server->findRadio(radio.esn);
         QMR::Qmrs::Buffer message{};
         {

@@ -163,6 +163,19 @@ private slots:
         QVERIFY(index.candidates(address("2001:db8::7")).empty());
     }
 
+    // It is a part of what the server's memory holds for each of a million radios.
+    void anAddressIsKeptOnceMoreOnlyWithoutAnIpv4Value()
+    {
+        AddressIndex index;
+        index.add(esnOf(1), address("10.0.0.5"), QHostAddress());
+        QCOMPARE(index.size(), size_t{2});
+        index.add(esnOf(2), address("2001:db8::5"), QHostAddress());
+        QCOMPARE(index.size(), size_t{4});
+        index.remove(esnOf(2), address("2001:db8::5"), QHostAddress());
+        index.remove(esnOf(1), address("10.0.0.5"), QHostAddress());
+        QCOMPARE(index.size(), size_t{0});
+    }
+
     // No datagram comes from nowhere.
     void nobodyIsFoundAtANullAddress()
     {
