@@ -94,7 +94,8 @@ qint64 MemorySocket::writeData(const char *data, qint64 size)
 
 namespace QMR {
 
-RadioSocket::RadioSocket(quint16, std::function<void()> arrived) : hasArrived(std::move(arrived)), bound(true)
+RadioSocket::RadioSocket(quint16, std::function<void()> arrived)
+    : hasArrived(std::move(arrived)), bound(wires().isPortFree)
 {
     wires().datagramArrived = [this] { readyRead(); };
 }

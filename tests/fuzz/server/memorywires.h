@@ -66,7 +66,8 @@ struct MemoryWires
 
     std::deque<Datagram> incoming;
     QList<Datagram> sent;
-    bool refusing = false; // nothing can be sent
+    bool isPortFree = true; // the radios'
+    bool refusing = false;  // nothing can be sent
     int refused = 0;
     std::function<void()> datagramArrived; // none while there is no server
     std::deque<MemorySocket *> connecting;
