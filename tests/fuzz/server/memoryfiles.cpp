@@ -12,7 +12,7 @@
 #include <string>
 #include <vector>
 
-// Of the C library, which declares neither; no sanitizer stands before them.
+// Of the GNU C library, which declares neither; no sanitizer stands before them.
 extern "C" void *__libc_realloc(void *bytes, std::size_t size);
 extern "C" void __libc_free(void *bytes);
 

@@ -1,6 +1,7 @@
 // SPDX-FileCopyrightText: 2026 The Quillmere developers
 // SPDX-License-Identifier: MIT
 
+#include "apps/applicationmanager.h"
 #include "core/quillmere.h"
 #include "db/writegroup.h"
 #include "tests/fuzz/server/memorywires.h"
@@ -22,6 +23,26 @@ constexpr qint64 MiB = 1024LL * 1024;
 constexpr qint64 Together = 256 * MiB; // what all applications may leave unsent
 constexpr qint64 NoticeSize = 30;      // of a radio without services
 
+// Counts what is queued for the manager of the applications while it lives.
+class PostedCalls : public QObject
+{
+public:
+    PostedCalls() { QCoreApplication::instance()->installEventFilter(this); }
+
+    int count() const { return posted; }
+
+    bool eventFilter(QObject *object, QEvent *event) override
+    {
+        const bool isOne =
+            event->type() == QEvent::MetaCall && qobject_cast<QMR::ApplicationManager *>(object);
+        posted += isOne ? 1 : 0;
+        return false;
+    }
+
+private:
+    int posted = 0;
+};
+
 } // namespace
 
 // How much applications that do not read may leave unsent, and when they are accepted, by sockets that say
@@ -36,12 +57,18 @@ private slots:
     void aTableStopsWhereNothingIsLeft();
     void whatIsLeftIsLookedAtInEachTurn();
     void whatOneIsToldIsNotLeftForTheNext();
+    void aTableIsNoMoreThanAMebibyteAhead_data();
+    void aTableIsNoMoreThanAMebibyteAhead();
+    void sixteenKibibytesAreReadAhead();
+    void nothingIsToldToOneThatHasEnded();
+    void whoeverComesTogetherSharesATurn();
     void aConnectionIsRecordedBehindAnOpenCommit_data();
     void aConnectionIsRecordedBehindAnOpenCommit();
 
 private:
     void radioRegisters(quint8 serial);
     MemorySocket *connects(qint64 unsent);
+    bool keepsGroupOpen();
     static void settle();
 
     std::unique_ptr<DataFolder> folder;
@@ -98,6 +125,16 @@ void TestApplicationBounds::settle()
     }
 }
 
+// A turn in which the machine paused is too old to be kept.
+bool TestApplicationBounds::keepsGroupOpen()
+{
+    for (int tries = 0; tries < 50 && !server->holdsBack(); ++tries) {
+        QMR::WriteTurn turn(server->writeGroup());
+        turn.keepOpen();
+    }
+    return server->holdsBack();
+}
+
 // Each may have one notice at a time all the same, so that who reads gets on.
 void TestApplicationBounds::aTableStopsWhereNothingIsLeft()
 {
@@ -138,6 +175,62 @@ void TestApplicationBounds::whatOneIsToldIsNotLeftForTheNext()
     QCOMPARE(log->count(QStringLiteral("Network error: write message failed")), 2);
 }
 
+void TestApplicationBounds::aTableIsNoMoreThanAMebibyteAhead_data()
+{
+    QTest::addColumn<qint64>("unsent");
+    QTest::addColumn<qint64>("told");
+    QTest::newRow("as much as it may be") << MiB << NoticeSize;
+    QTest::newRow("a byte more") << MiB + 1 << qint64(0);
+}
+
+void TestApplicationBounds::aTableIsNoMoreThanAMebibyteAhead()
+{
+    QFETCH(qint64, unsent);
+    QFETCH(qint64, told);
+    // The table begins in a turn then, instead of at once.
+    QVERIFY(keepsGroupOpen());
+    auto *socket = new MemorySocket(sockets.get());
+    wires().connecting.push_back(socket);
+    wires().incoming.push_back({"?", QHostAddress(QHostAddress::LocalHost), 50000});
+    wires().applicationConnected();
+    socket->setUnsent(unsent);
+    wires().incoming.clear();
+    settle();
+    QCOMPARE(socket->takeTold().size(), told);
+}
+
+// The rest of what it sends stays with the system.
+void TestApplicationBounds::sixteenKibibytesAreReadAhead()
+{
+    QCOMPARE(connects(0)->readBufferSize(), 16 * 1024);
+}
+
+// The socket says so when something is.
+void TestApplicationBounds::nothingIsToldToOneThatHasEnded()
+{
+    connects(Together);
+    MemorySocket *const late = connects(0);
+    QCOMPARE(late->takeTold().size(), NoticeSize);
+    late->ends(QAbstractSocket::RemoteHostClosedError);
+    settle();
+    QCOMPARE(log->count(QStringLiteral("Application disconnected from 127.0.0.1")), 1);
+}
+
+void TestApplicationBounds::whoeverComesTogetherSharesATurn()
+{
+    constexpr int Count = 5;
+    std::array<MemorySocket *, Count> applications{};
+    for (MemorySocket *&application : applications) {
+        application = connects(0);
+    }
+    const PostedCalls turns;
+    for (MemorySocket *application : applications) {
+        application->receives(QByteArray::fromHex("514d524104020000"));
+    }
+    settle();
+    QCOMPARE(turns.count(), 1);
+}
+
 void TestApplicationBounds::aConnectionIsRecordedBehindAnOpenCommit_data()
 {
     QTest::addColumn<bool>("isRadioWaiting");
@@ -148,15 +241,10 @@ void TestApplicationBounds::aConnectionIsRecordedBehindAnOpenCommit_data()
 void TestApplicationBounds::aConnectionIsRecordedBehindAnOpenCommit()
 {
     QFETCH(bool, isRadioWaiting);
-    {
-        QMR::WriteTurn turn(server->writeGroup());
-        server->setAvailability(server->radios().begin()->second, QMR::Unconfirmed);
-        turn.keepOpen();
-    }
+    QVERIFY(keepsGroupOpen());
     if (isRadioWaiting) {
         wires().incoming.push_back({"?", QHostAddress(QHostAddress::LocalHost), 50000});
     }
-    QVERIFY(server->holdsBack());
     bool isOpen = !isRadioWaiting;
     log->whenWritten([&](const LogRecord &) { isOpen = server->holdsBack(); });
     wires().connecting.push_back(new MemorySocket(sockets.get()));
