@@ -47,7 +47,7 @@ public:
     // What has been held back leaves, in its order.
     void sendHeldBack();
 
-    // Drops one application; its socket is deleted from the event loop.
+    // Drops one application, in its own turn or with all others; its socket is deleted from the event loop.
     void removeApplication(QTcpSocket *socket);
 
 private slots:
