@@ -10,8 +10,11 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
+#include <array>
 #include <cerrno>
 #include <cstring>
+#include <memory>
+#include <new>
 #include <optional>
 
 using QMR::RadioSocket;
@@ -21,7 +24,7 @@ namespace {
 // What a read yields where the system does not simply cut a datagram that is too long.
 struct ReadFault
 {
-    QByteArray bytes; // are in the buffer all the same
+    QByteArray bytes; // are in the buffer all the same, then zeros; none: it is left alone
     ssize_t result = -1;
 };
 std::optional<ReadFault> readFault;
@@ -49,13 +52,16 @@ extern "C" int setsockopt(int socket, int level, int name, const void *value, so
 
 extern "C" ssize_t recvmsg(int socket, msghdr *message, int flags)
 {
+    const iovec &buffer = *message->msg_iov;
+    const QByteArray before(static_cast<const char *>(buffer.iov_base),
+                            static_cast<qsizetype>(buffer.iov_len));
     const ssize_t received = ::syscall(SYS_recvmsg, socket, message, flags);
     if (!readFault || (flags & MSG_PEEK) != 0) {
         return received;
     }
-    std::memset(message->msg_iov->iov_base, 0, message->msg_iov->iov_len);
-    std::memcpy(message->msg_iov->iov_base, readFault->bytes.constData(),
-                static_cast<size_t>(readFault->bytes.size()));
+    const QByteArray after =
+        readFault->bytes.isEmpty() ? before : readFault->bytes.leftJustified(before.size(), '\0');
+    std::memcpy(buffer.iov_base, after.constData(), buffer.iov_len);
     errno = EIO;
     return readFault->result;
 }
@@ -120,6 +126,23 @@ private slots:
         readFault.reset();
         QCOMPARE(datagram.size, size);
         QVERIFY(bufferOf(datagram).startsWith(bytes));
+    }
+
+    // The datagram is made in place, where another one lay.
+    void failedReadDoesNotBringBackWhatLayThere()
+    {
+        const quint16 port = freeUdpPort();
+        RadioSocket socket(port, [] {});
+        QUdpSocket radio;
+        QCOMPARE(radio.writeDatagram("x", Loopback, port), 1);
+        alignas(RadioSocket::Datagram) std::array<char, sizeof(RadioSocket::Datagram)> place{};
+        place.fill('Q');
+        readFault = ReadFault{};
+        auto *datagram = new (place.data()) RadioSocket::Datagram(socket.take());
+        readFault.reset();
+        QCOMPARE(datagram->size, 0);
+        QCOMPARE(bufferOf(*datagram), QByteArray(280, '\0'));
+        std::destroy_at(datagram);
     }
 
     // All radios may answer at once. What the system gives of it is the system's.
