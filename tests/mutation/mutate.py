@@ -89,7 +89,8 @@ class Laboratory:
             result = output("ninja", "-C", self.build, "-k", "0", *self.targets)
             if result.returncode == 0:
                 return left_out
-            place = rf"^{re.escape(str(self.tree))}/(\S+?):(\d+):.*(?:error|required from|was not initialized)"
+            # The compiler cache may give the compiler a relative path.
+            place = rf"^(?:\S*/)?{self.tree.name}/(\S+?):(\d+):.*(?:error|required from|was not initialized)"
             wrong = set(re.findall(place, result.stdout, re.MULTILINE))
             found = {mutant.number for source in sources for mutant in source.mutants
                      if (mutant.file, str(mutant.line)) in wrong}
