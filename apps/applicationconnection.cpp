@@ -107,6 +107,7 @@ qsizetype ApplicationConnection::tell(QByteArrayView notices, qint64 allowance)
 
 bool ApplicationConnection::tellOne(QByteArrayView notice, qint64 &allowance)
 {
+    // Where none of the table has been sent yet, every ESN is behind the last one.
     if (!tableSent && Qmra::noticeEsn(notice) > lastOfTable) {
         return true; // the table will show it
     }

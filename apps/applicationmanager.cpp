@@ -309,8 +309,11 @@ void ApplicationManager::sendHeldBack()
         return;
     }
     std::vector<char> leaving = std::exchange(heldBack, std::move(spare));
+    // A copy: a write can end a connection in the middle of the walk.
+    const std::vector<std::pair<QTcpSocket *, ApplicationConnection *>> connected(applications.begin(),
+                                                                                  applications.end());
     qint64 together = unsentTogether();
-    for (const auto &[socket, application] : applications) {
+    for (const auto &[socket, application] : connected) {
         if (application->hasEnded()) {
             continue;
         }
