@@ -267,7 +267,7 @@ int fullPathname(sqlite3_vfs *, const char *name, int size, char *path)
 }
 
 // SQLite's memory comes from the C library itself: AddressSanitizer would write accounts of each of its many
-// allocations, for code that is not built with it, and that took a third of the time.
+// allocations, for code that is not built with it, and that took nearly half of the time.
 struct Block
 {
     std::int64_t size;
