@@ -1,7 +1,7 @@
 // SPDX-FileCopyrightText: 2026 The Quillmere developers
 // SPDX-License-Identifier: MIT
 
-// For libraries that stand between the server and the system's calls.
+// For what stands between the server and the system's calls: a library, or the test that the server is in.
 #pragma once
 
 #include <dlfcn.h>
@@ -9,7 +9,7 @@
 
 #include <cstdarg>
 
-// What a function of this name would have been without the library: NEXT(open).
+// What a function of this name would have been without that: NEXT(open).
 #define NEXT(name) interposing::next(&(name), #name)
 
 namespace interposing {

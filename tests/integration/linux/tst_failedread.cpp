@@ -2,10 +2,10 @@
 // SPDX-License-Identifier: MIT
 
 #include "tests/support/registrationscene.h"
+#include "tests/system/interposing.h"
 
 #include <QTest>
 
-#include <dlfcn.h>
 #include <sys/socket.h>
 
 #include <cerrno>
@@ -19,7 +19,7 @@ int readsToFail = 0;
 // Stands in for the C library's, in Qt too.
 extern "C" ssize_t recvmsg(int descriptor, msghdr *message, int flags)
 {
-    static const auto real = reinterpret_cast<decltype(&recvmsg)>(dlsym(RTLD_NEXT, "recvmsg"));
+    static const auto real = NEXT(recvmsg);
     // A look without taking is no read.
     if (readsToFail > 0 && (flags & MSG_PEEK) == 0) {
         --readsToFail;

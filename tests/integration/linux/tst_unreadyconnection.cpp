@@ -5,11 +5,11 @@
 #include "tests/support/scriptedapplication.h"
 #include "tests/support/scriptedradio.h"
 #include "tests/support/testserver.h"
+#include "tests/system/interposing.h"
 
 #include <QTest>
 
 #include <arpa/inet.h>
-#include <dlfcn.h>
 #include <fcntl.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -43,7 +43,7 @@ extern "C" int fcntl(int descriptor, int command, ...)
     va_start(rest, command);
     void *argument = va_arg(rest, void *);
     va_end(rest);
-    static const auto real = reinterpret_cast<int (*)(int, int, ...)>(dlsym(RTLD_NEXT, "fcntl"));
+    static const auto real = NEXT(fcntl);
     if (refuses) {
         errno = ENOMEM;
         return -1;
