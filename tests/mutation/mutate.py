@@ -95,7 +95,7 @@ class Laboratory:
             found = {mutant.number for source in sources for mutant in source.mutants
                      if (mutant.file, str(mutant.line)) in wrong}
             if found <= left_out:
-                raise SystemExit(result.stdout[-5000:])
+                raise SystemExit("\n".join(line for line in result.stdout.splitlines() if "error" in line)[:5000])
             left_out |= found
         raise SystemExit("the mutated sources cannot be built")
 
