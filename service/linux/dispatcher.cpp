@@ -6,9 +6,9 @@
 #include "service/linux/controlsocket.h"
 #include "service/linux/errors.h"
 #include "service/linux/startparameters.h"
+#include "service/linux/systemd.h"
 #include "service/linux/text.h"
 #include "service/linux/unitfile.h"
-#include "service/linux/unitstate.h"
 
 #include <QByteArray>
 #include <QStringList>

@@ -6,9 +6,7 @@
 #include "service/linux/dispatcher.h"
 #include "service/linux/errors.h"
 #include "service/linux/eventlog.h"
-#include "service/linux/servicecontrol.h"
-#include "service/linux/servicehandle.h"
-#include "service/linux/serviceregistry.h"
+#include "service/linux/services.h"
 
 #include <QFile>
 #include <QStandardPaths>
@@ -41,8 +39,8 @@ void provide(Scm::Functions &functions)
                  Linux::deregisterEventSource,
                  Linux::reportEvent,
                  Linux::registerEventSource,
-                 Linux::queryServiceConfig,
-                 Linux::queryServiceConfig2};
+                 nullptr, // the two queries of the configuration: nobody asks
+                 nullptr};
 }
 
 Scm::Dword lastError()

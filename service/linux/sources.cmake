@@ -2,7 +2,7 @@
 # SPDX-License-Identifier: MIT
 
 find_package(PkgConfig REQUIRED)
-pkg_check_modules(SYSTEMD REQUIRED IMPORTED_TARGET libsystemd)
+pkg_check_modules(SYSTEMD REQUIRED IMPORTED_TARGET GLOBAL libsystemd)
 
 target_sources(quillmere_service PRIVATE
     linux/account.cpp
@@ -14,13 +14,10 @@ target_sources(quillmere_service PRIVATE
     linux/eventlog.cpp
     linux/eventsink.cpp
     linux/platform.cpp
-    linux/servicecontrol.cpp
-    linux/servicehandle.cpp
-    linux/serviceregistry.cpp
+    linux/services.cpp
     linux/startparameters.cpp
-    linux/systemctl.cpp
-    linux/unitfile.cpp
-    linux/unitstate.cpp)
+    linux/systemd.cpp
+    linux/unitfile.cpp)
 find_package(Threads REQUIRED)
 target_link_libraries(quillmere_service PRIVATE Threads::Threads)
 target_link_libraries(quillmere_service PRIVATE PkgConfig::SYSTEMD)

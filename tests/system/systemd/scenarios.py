@@ -218,6 +218,7 @@ def with_account(host):
     host.check(b"PermissionError" in ask(STRANGER, "200\n").stderr, "nobody else can open the control socket")
     host.container.run(PROGRAM, "-t", user=STRANGER)
     host.check(host.property("ActiveState") == "active", "nobody else can stop the service")
+    host.status(RUNNING, user=STRANGER)
     host.quillmere("-i", user=STRANGER, err="The service Quill Mere is already installed\n")
     host.quillmere("-u", user=STRANGER, err="The service Quill Mere could not be uninstalled\n", code=-1)
     host.stop()
@@ -403,6 +404,29 @@ def new_unit(host):
     host.radio("follow", ESN)
 
 
+def no_bus(host):
+    """without a bus daemon root does everything, and anybody sees whether it runs"""
+    host.install()
+    host.status(NOT_RUNNING, user=STRANGER)
+    host.container.run("systemctl", "stop", "dbus.socket", "dbus.service")
+    try:
+        host.check(not host.exists("/run/dbus/system_bus_socket") or
+                   host.container.run("systemctl", "show", UNIT, user=STRANGER).returncode != 0,
+                   "others cannot ask systemd")
+        host.status(NOT_RUNNING, user=STRANGER)
+        host.start("parameter")
+        host.status(RUNNING, user=STRANGER)
+        host.quillmere(user=STRANGER, err="The service Quill Mere could not start\n", code=-4)
+        host.container.run(PROGRAM, "-t", user=STRANGER)
+        host.status(RUNNING)
+        host.quillmere("-t")
+        host.status(NOT_RUNNING)
+        host.quillmere("-u", out="The service Quill Mere has been uninstalled.\n")
+        host.status(ABSENT)
+    finally:
+        host.container.run("systemctl", "start", "dbus.socket", "dbus.service")
+
+
 def flood(host):
     """a flood of bad datagrams leaves a record of each"""
     host.install()
@@ -419,4 +443,4 @@ def flood(host):
 
 
 SCENARIOS = [whole_life, killed, with_account, abused_socket, places, unusable_database, uninstalled_while_running,
-             by_systemctl, signals, full_disk, new_unit, foreground, flood]
+             by_systemctl, signals, full_disk, new_unit, foreground, no_bus, flood]

@@ -5,9 +5,17 @@
 
 #include <QByteArray>
 #include <QByteArrayList>
+#include <QMap>
 #include <QTemporaryDir>
 
-// Stands in for systemd while it lives: folders of its own, and a systemctl that writes down how it was
+#include <atomic>
+#include <mutex>
+#include <thread>
+
+struct sd_bus;
+struct sd_bus_message;
+
+// Stands in for systemd while it lives: folders of its own, and a bus on which it writes down how it was
 // called and answers as it was told.
 class FakeSystemd
 {
@@ -16,13 +24,19 @@ public:
     ~FakeSystemd();
     Q_DISABLE_COPY_MOVE(FakeSystemd)
 
-    // What "show" prints from now on, and what after it has printed that once.
+    // A unit's properties from now on ("Name=value" lines), and those after it has been asked for them once.
     void shows(const QByteArray &properties);
     void thenShows(const QByteArray &properties);
-    void setExitCode(const QByteArray &verb, int code);
+    // The method is answered with this D-Bus error.
+    void fails(const QByteArray &method, const QByteArray &error);
+    // It takes calls from here on and answers none, as long as it lives.
+    void fallsSilent() { isSilent = true; }
+    // Nobody listens at the manager's socket, and at the bus a bus daemon stands between.
+    void listensAtTheBusOnly();
 
-    // The calls so far, each one its arguments joined by a blank; those of "show" left out.
+    // The calls so far, each the method and its arguments; those for properties left out.
     QByteArrayList calls() const;
+    int connections() const { return accepted; }
 
     QString unitFolder() const { return folder.path() + QStringLiteral("/units"); }
     QString vendorFolder() const { return folder.path() + QStringLiteral("/vendor"); }
@@ -31,7 +45,22 @@ public:
     QByteArray readFile(const QString &path) const;
 
 private:
+    void serve();
+    void serveConnection(int descriptor);
+    int answer(sd_bus_message *call);
+    int answerProperties(sd_bus_message *call);
+
     QTemporaryDir folder;
+    int listener = -1;
+    int ending = -1; // an eventfd
+    std::atomic<bool> isSilent{false};
+    std::atomic<int> accepted{0};
+    mutable std::mutex mutex;
+    QByteArray shown;
+    QByteArray shownNext;
+    QMap<QByteArray, QByteArray> failures;
+    QByteArrayList received;
+    std::thread thread;
 };
 
 namespace Shown {

@@ -1,18 +1,19 @@
 // SPDX-FileCopyrightText: 2026 The Quillmere developers
 // SPDX-License-Identifier: MIT
 
-#include "service/linux/servicecontrol.h"
+#include "service/linux/services.h"
 
 #include "service/linux/controlprotocol.h"
 #include "service/linux/controlsocket.h"
 #include "service/linux/errors.h"
-#include "service/linux/servicehandle.h"
 #include "service/linux/startparameters.h"
-#include "service/linux/systemctl.h"
+#include "service/linux/systemd.h"
 #include "tests/unit/linux/fakesystemd.h"
 
 #include <QDir>
 #include <QTest>
+
+#include <systemd/sd-bus-protocol.h>
 
 #include <atomic>
 #include <memory>
@@ -87,8 +88,7 @@ private slots:
     void refusedControlTellsWhy();
     void controlOfAServiceThatDoesNotRun();
     void controlOfAServiceThatDoesNotListen();
-    void stopsThroughSystemd();
-    void stopAsksTheServiceFirst();
+    void stopIsSystemdsAlone();
     void stopWithoutRights();
 
 private:
@@ -119,7 +119,7 @@ void TestServiceControl::tellsTheStatus()
     QCOMPARE(queryServiceStatus(&handle, &status), 1);
     QCOMPARE(status.currentState, Scm::Dword(Scm::StateStopped));
     QCOMPARE(status.win32ExitCode, 252u);
-    systemd->setExitCode("show", 1);
+    systemd->fails("GetAll", SD_BUS_ERROR_FAILED);
     QVERIFY(!queryServiceStatus(&handle, &status));
     QCOMPARE(Linux::lastError(), Scm::Dword(ErrorManagerUnavailable));
 }
@@ -138,7 +138,7 @@ void TestServiceControl::startsAndWaitsForTheReport()
     systemd->shows(Shown::Stopped);
     systemd->thenShows(Shown::Starting);
     QCOMPARE(startService(&handle, 0, nullptr), 1);
-    QCOMPARE(systemd->calls(), QByteArrayList{"start --no-block --no-ask-password -- quill-mere.service"});
+    QCOMPARE(systemd->calls(), QByteArrayList{"StartUnit quill-mere.service replace"});
     QVERIFY(QDir(systemd->runtimeFolder()).isEmpty());
 }
 
@@ -193,10 +193,10 @@ void TestServiceControl::startRefuses()
 void TestServiceControl::startThatSystemdRefusesLeavesNoParameters()
 {
     systemd->shows(Shown::Stopped);
-    systemd->setExitCode("start", 1);
+    systemd->fails("StartUnit", SD_BUS_ERROR_INTERACTIVE_AUTHORIZATION_REQUIRED);
     const Scm::Char *parameter = u"x";
     QVERIFY(!startService(&handle, 1, &parameter));
-    QVERIFY(Linux::lastError() == ErrorManagerUnavailable || Linux::lastError() == Scm::ErrorAccessDenied);
+    QCOMPARE(Linux::lastError(), Scm::Dword(Scm::ErrorAccessDenied));
     QVERIFY(QDir(systemd->runtimeFolder()).isEmpty());
 }
 
@@ -206,7 +206,7 @@ void TestServiceControl::startThatFailsAtOnceIsStopped()
     systemd->thenShows("LoadState=loaded\nActiveState=activating\nSubState=auto-restart\nInvocationID=2\n");
     QVERIFY(!startService(&handle, 0, nullptr));
     QCOMPARE(Linux::lastError(), Scm::Dword(ErrorProcessAborted));
-    QCOMPARE(systemd->calls().last(), QByteArray("stop --no-block --no-ask-password -- quill-mere.service"));
+    QCOMPARE(systemd->calls().last(), QByteArray("StopUnit quill-mere.service replace"));
 }
 
 void TestServiceControl::startThatEndedAlreadyHasBegun()
@@ -292,37 +292,29 @@ void TestServiceControl::controlOfAServiceThatDoesNotListen()
     QVERIFY(!controlService(&handle, 200, &status));
     QCOMPARE(Linux::lastError(), Scm::Dword(Scm::ErrorServiceNotActive));
     QCOMPARE(controlService(&handle, Scm::ControlStop, &status), 1); // it can be stopped nevertheless
-    QCOMPARE(systemd->calls(), QByteArrayList{"stop --no-block --no-ask-password -- quill-mere.service"});
+    QCOMPARE(systemd->calls(), QByteArrayList{"StopUnit quill-mere.service replace"});
 }
 
-void TestServiceControl::stopsThroughSystemd()
+void TestServiceControl::stopIsSystemdsAlone()
 {
     systemd->shows(Shown::Running);
-    ListeningService service(systemd->runtimeFolder(), {0, Scm::StateRunning, 1, 0});
+    // Not even a service that would refuse is asked.
+    ListeningService service(systemd->runtimeFolder(), {Scm::ErrorServiceNotAcceptingControl, 4, 0, 0});
     QCOMPARE(controlService(&handle, Scm::ControlStop, &status), 1);
-    QCOMPARE(service.received.load(), 1u);
+    QCOMPARE(service.received.load(), 0u);
     QCOMPARE(status.currentState, Scm::Dword(Scm::StateStopPending)); // though systemd still shows it running
-    QCOMPARE(systemd->calls(), QByteArrayList{"stop --no-block --no-ask-password -- quill-mere.service"});
+    QCOMPARE(systemd->calls(), QByteArrayList{"StopUnit quill-mere.service replace"});
     systemd->thenShows(Shown::Stopped);
     QCOMPARE(controlService(&handle, Scm::ControlStop, &status), 1);
     QCOMPARE(status.currentState, Scm::Dword(Scm::StateStopped));
 }
 
-void TestServiceControl::stopAsksTheServiceFirst()
-{
-    systemd->shows(Shown::Running);
-    ListeningService service(systemd->runtimeFolder(), {Scm::ErrorServiceNotAcceptingControl, 4, 0, 0});
-    QVERIFY(!controlService(&handle, Scm::ControlStop, &status));
-    QCOMPARE(Linux::lastError(), Scm::Dword(Scm::ErrorServiceNotAcceptingControl));
-    QVERIFY(systemd->calls().isEmpty());
-}
-
 void TestServiceControl::stopWithoutRights()
 {
     systemd->shows(Shown::Running);
-    systemd->setExitCode("stop", 1);
+    systemd->fails("StopUnit", SD_BUS_ERROR_ACCESS_DENIED);
     QVERIFY(!controlService(&handle, Scm::ControlStop, &status));
-    QVERIFY(Linux::lastError() == ErrorManagerUnavailable || Linux::lastError() == Scm::ErrorAccessDenied);
+    QCOMPARE(Linux::lastError(), Scm::Dword(Scm::ErrorAccessDenied));
 }
 
 QTEST_GUILESS_MAIN(TestServiceControl)

@@ -1,11 +1,10 @@
 // SPDX-FileCopyrightText: 2026 The Quillmere developers
 // SPDX-License-Identifier: MIT
 
-#include "service/linux/serviceregistry.h"
+#include "service/linux/services.h"
 
 #include "service/linux/account.h"
 #include "service/linux/errors.h"
-#include "service/linux/servicehandle.h"
 #include "service/linux/unitfile.h"
 #include "tests/unit/linux/fakesystemd.h"
 
@@ -15,6 +14,7 @@
 
 #include <pwd.h>
 #include <sys/resource.h>
+#include <systemd/sd-bus-protocol.h>
 #include <unistd.h>
 
 #include <array>
@@ -51,7 +51,7 @@ private:
 
 } // namespace
 
-class TestServiceRegistry : public QObject
+class TestServices : public QObject
 {
     Q_OBJECT
 
@@ -76,7 +76,7 @@ private slots:
     void deleteDisablesAndRemoves();
     void deleteFailures();
     void changesTheDescription();
-    void tellsTheConfiguration();
+    void leavesAnAdministratorsLinkAlone();
     void wrongHandlesAreRefused();
 
 private:
@@ -96,20 +96,20 @@ private:
     Scm::Handle manager = nullptr;
 };
 
-void TestServiceRegistry::init()
+void TestServices::init()
 {
     systemd = std::make_unique<FakeSystemd>();
     manager = openScManager(nullptr, nullptr, Scm::ManagerConnect);
     QVERIFY(manager);
 }
 
-void TestServiceRegistry::cleanup()
+void TestServices::cleanup()
 {
     QCOMPARE(closeServiceHandle(manager), 1);
     systemd.reset();
 }
 
-void TestServiceRegistry::createWritesTheUnit()
+void TestServices::createWritesTheUnit()
 {
     Scm::Handle service = create();
     QVERIFY(service);
@@ -120,21 +120,21 @@ void TestServiceRegistry::createWritesTheUnit()
     QCOMPARE(settings.serviceType, Scm::Dword(Scm::OwnProcess));
     QCOMPARE(QFile::permissions(unitPath()) & 0x0777, QFileDevice::ReadUser | QFileDevice::WriteUser |
                                                           QFileDevice::ReadGroup | QFileDevice::ReadOther);
-    QCOMPARE(systemd->calls(), QByteArrayList{"daemon-reload"});
+    QCOMPARE(systemd->calls(), QByteArrayList{"Reload"});
     QVERIFY(!systemd->readFile(unitPath()).contains("password"));
     QCOMPARE(closeServiceHandle(service), 1);
 }
 
-void TestServiceRegistry::createEnablesAnAutomaticService()
+void TestServices::createEnablesAnAutomaticService()
 {
     Scm::Handle service = create(u"Quill Mere"_s, u"/opt/quillmere"_s, Scm::AutoStart);
     QVERIFY(service);
-    const QByteArrayList expected = {"daemon-reload", "enable -- quill-mere.service"};
+    const QByteArrayList expected = {"Reload", "EnableUnitFiles [quill-mere.service] false false", "Reload"};
     QCOMPARE(systemd->calls(), expected);
     closeServiceHandle(service);
 }
 
-void TestServiceRegistry::createRefuses_data()
+void TestServices::createRefuses_data()
 {
     QTest::addColumn<QString>("name");
     QTest::addColumn<QString>("path");
@@ -147,7 +147,7 @@ void TestServiceRegistry::createRefuses_data()
     QTest::newRow("parent folder") << u"x"_s << u"/x"_s << u".."_s << uint(ErrorInvalidName);
 }
 
-void TestServiceRegistry::createRefuses()
+void TestServices::createRefuses()
 {
     QFETCH(QString, name);
     QFETCH(QString, path);
@@ -160,7 +160,7 @@ void TestServiceRegistry::createRefuses()
     QVERIFY(systemd->calls().isEmpty());
 }
 
-void TestServiceRegistry::createFindsAUnitOfAPackage()
+void TestServices::createFindsAUnitOfAPackage()
 {
     systemd->writeFile(systemd->vendorFolder() + u"/quill-mere.service", "[Unit]\n");
     QVERIFY(!create());
@@ -178,7 +178,7 @@ void TestServiceRegistry::createFindsAUnitOfAPackage()
     closeServiceHandle(service);
 }
 
-void TestServiceRegistry::createNeedsTheFolder()
+void TestServices::createNeedsTheFolder()
 {
     QVERIFY(QDir().rmdir(systemd->unitFolder()));
     QVERIFY(!create());
@@ -186,14 +186,14 @@ void TestServiceRegistry::createNeedsTheFolder()
     QVERIFY(systemd->calls().isEmpty());
 }
 
-void TestServiceRegistry::createWaitsForADeletedServiceToStop()
+void TestServices::createWaitsForADeletedServiceToStop()
 {
     systemd->shows("LoadState=not-found\nActiveState=active\n");
     QVERIFY(!create());
     QCOMPARE(Linux::lastError(), Scm::Dword(ErrorMarkedForDelete));
 }
 
-void TestServiceRegistry::aFullDiskLeavesNoUnit()
+void TestServices::aFullDiskLeavesNoUnit()
 {
     {
         const FullDisk full;
@@ -204,7 +204,7 @@ void TestServiceRegistry::aFullDiskLeavesNoUnit()
     QVERIFY(systemd->calls().isEmpty());
 }
 
-void TestServiceRegistry::aFullDiskLeavesTheUnitAsItWas()
+void TestServices::aFullDiskLeavesTheUnitAsItWas()
 {
     Scm::Handle service = create();
     QVERIFY(service);
@@ -219,22 +219,22 @@ void TestServiceRegistry::aFullDiskLeavesTheUnitAsItWas()
     closeServiceHandle(service);
 }
 
-void TestServiceRegistry::createLeavesNothingBehindWhenSystemdFails_data()
+void TestServices::createLeavesNothingBehindWhenSystemdFails_data()
 {
     QTest::addColumn<QByteArray>("verb");
-    QTest::newRow("reload") << QByteArray("daemon-reload");
-    QTest::newRow("enable") << QByteArray("enable");
+    QTest::newRow("reload") << QByteArray("Reload");
+    QTest::newRow("enable") << QByteArray("EnableUnitFiles");
 }
 
-void TestServiceRegistry::createLeavesNothingBehindWhenSystemdFails()
+void TestServices::createLeavesNothingBehindWhenSystemdFails()
 {
     QFETCH(QByteArray, verb);
-    systemd->setExitCode(verb, 1);
+    systemd->fails(verb, SD_BUS_ERROR_FAILED);
     QVERIFY(!create(u"Quill Mere"_s, u"/opt/quillmere"_s, Scm::AutoStart));
     QVERIFY(QDir(systemd->unitFolder()).isEmpty());
 }
 
-void TestServiceRegistry::accounts_data()
+void TestServices::accounts_data()
 {
     QTest::addColumn<QString>("account");
     QTest::addColumn<QString>("user");
@@ -249,7 +249,7 @@ void TestServiceRegistry::accounts_data()
     QTest::newRow("number") << u".\\0"_s << QString();
 }
 
-void TestServiceRegistry::accounts()
+void TestServices::accounts()
 {
     QFETCH(QString, account);
     QFETCH(QString, user);
@@ -267,7 +267,7 @@ void TestServiceRegistry::accounts()
     }
 }
 
-void TestServiceRegistry::openNeedsAUnit()
+void TestServices::openNeedsAUnit()
 {
     QVERIFY(!open());
     QCOMPARE(Linux::lastError(), Scm::Dword(Scm::ErrorServiceDoesNotExist));
@@ -281,7 +281,7 @@ void TestServiceRegistry::openNeedsAUnit()
     QCOMPARE(Linux::lastError(), Scm::Dword(Scm::ErrorServiceExists));
 }
 
-void TestServiceRegistry::deletedServiceCanBeOpenedUntilItStops()
+void TestServices::deletedServiceCanBeOpenedUntilItStops()
 {
     systemd->shows("LoadState=not-found\nActiveState=active\n");
     Scm::Handle service = open();
@@ -294,27 +294,27 @@ void TestServiceRegistry::deletedServiceCanBeOpenedUntilItStops()
     QCOMPARE(Linux::lastError(), Scm::Dword(Scm::ErrorServiceDoesNotExist));
 }
 
-void TestServiceRegistry::deleteDisablesAndRemoves()
+void TestServices::deleteDisablesAndRemoves()
 {
     Scm::Handle service = create();
     QCOMPARE(deleteService(service), 1);
     QVERIFY(QDir(systemd->unitFolder()).isEmpty());
-    const QByteArrayList expected = {"daemon-reload", "disable -- quill-mere.service", "daemon-reload",
-                                     "reset-failed -- quill-mere.service"};
+    const QByteArrayList expected = {"Reload", "DisableUnitFiles [quill-mere.service] false", "Reload",
+                                     "ResetFailedUnit quill-mere.service"};
     QCOMPARE(systemd->calls(), expected);
     closeServiceHandle(service);
 }
 
-void TestServiceRegistry::deleteFailures()
+void TestServices::deleteFailures()
 {
     Scm::Handle service = create();
-    systemd->setExitCode("disable", 1);
+    systemd->fails("DisableUnitFiles", SD_BUS_ERROR_FAILED);
     QVERIFY(!deleteService(service));
     QVERIFY(QFile::exists(unitPath()));
     closeServiceHandle(service);
 }
 
-void TestServiceRegistry::changesTheDescription()
+void TestServices::changesTheDescription()
 {
     Scm::Handle service = create();
     std::u16string text = u"Größe 100 %";
@@ -327,54 +327,38 @@ void TestServiceRegistry::changesTheDescription()
     QCOMPARE(Linux::lastError(), Scm::Dword(ErrorInvalidLevel));
     QVERIFY(!changeServiceConfig2(service, Scm::ConfigDescription, nullptr));
     QCOMPARE(Linux::lastError(), Scm::Dword(ErrorInvalidParameter));
-
-    Scm::Dword needed = 0;
-    QVERIFY(!queryServiceConfig2(service, Scm::ConfigDescription, nullptr, 0, &needed));
-    QCOMPARE(Linux::lastError(), Scm::Dword(ErrorInsufficientBuffer));
-    alignas(Scm::Description) std::array<quint8, 256> buffer{};
-    QVERIFY(!queryServiceConfig2(service, Scm::ConfigDescription, buffer.data(), needed - 1, &needed));
-    QCOMPARE(queryServiceConfig2(service, Scm::ConfigDescription, buffer.data(), needed, &needed), 1);
-    QCOMPARE(QString::fromUtf16(reinterpret_cast<Scm::Description *>(buffer.data())->text), u"Größe 100 %"_s);
-    QVERIFY(!queryServiceConfig2(service, 2, buffer.data(), 256, &needed));
-    QCOMPARE(Linux::lastError(), Scm::Dword(ErrorInvalidLevel));
     closeServiceHandle(service);
 }
 
-void TestServiceRegistry::tellsTheConfiguration()
+// A mask, say.
+void TestServices::leavesAnAdministratorsLinkAlone()
 {
-    Scm::Handle service = create();
-    Scm::Dword needed = 0;
-    QVERIFY(!queryServiceConfig(service, nullptr, 0, &needed));
-    QCOMPARE(Linux::lastError(), Scm::Dword(ErrorInsufficientBuffer));
-    alignas(ServiceConfig) std::array<quint8, 1024> buffer{};
-    QVERIFY(!queryServiceConfig(service, buffer.data(), needed - 1, &needed));
-    QCOMPARE(queryServiceConfig(service, buffer.data(), needed, &needed), 1);
-    const auto *config = reinterpret_cast<const ServiceConfig *>(buffer.data());
-    QCOMPARE(config->serviceType, Scm::Dword(Scm::OwnProcess));
-    QCOMPARE(config->startType, Scm::Dword(Scm::AutoStart)); // is-enabled answered yes
-    QCOMPARE(QString::fromUtf16(config->binaryPath), u"/opt/q m/quillmere"_s);
-    QCOMPARE(QString::fromUtf16(config->account), u"LocalSystem"_s);
-    QCOMPARE(QString::fromUtf16(config->displayName), u"Quill Mere"_s);
-    QCOMPARE(QString::fromUtf16(config->dependencies), QString());
-    systemd->setExitCode("is-enabled", 1);
-    QCOMPARE(queryServiceConfig(service, buffer.data(), 1024, &needed), 1);
-    QCOMPARE(config->startType, Scm::Dword(Scm::DemandStart));
+    QVERIFY(QFile::link(u"/dev/null"_s, unitPath()));
+    QVERIFY(!create());
+    QCOMPARE(Linux::lastError(), Scm::Dword(Scm::ErrorServiceExists));
+    Scm::Handle service = open();
+    QVERIFY(service);
+    QVERIFY(!deleteService(service));
+    QCOMPARE(Linux::lastError(), Scm::Dword(Scm::ErrorAccessDenied));
+    std::u16string text = u"Changed";
+    Scm::Description description{text.data()};
+    QVERIFY(!changeServiceConfig2(service, Scm::ConfigDescription, &description));
+    QCOMPARE(Linux::lastError(), Scm::Dword(Scm::ErrorAccessDenied));
+    QCOMPARE(QFile::symLinkTarget(unitPath()), u"/dev/null"_s);
+    QVERIFY(systemd->calls().isEmpty());
     closeServiceHandle(service);
 }
 
-void TestServiceRegistry::wrongHandlesAreRefused()
+void TestServices::wrongHandlesAreRefused()
 {
-    Scm::Dword needed = 0;
     for (Scm::Handle handle : {Scm::Handle(nullptr), manager}) {
         QVERIFY(!deleteService(handle));
         QCOMPARE(Linux::lastError(), Scm::Dword(ErrorInvalidHandle));
         QVERIFY(!changeServiceConfig2(handle, 1, nullptr));
-        QVERIFY(!queryServiceConfig(handle, nullptr, 0, &needed));
-        QVERIFY(!queryServiceConfig2(handle, 1, nullptr, 0, &needed));
     }
     QVERIFY(!closeServiceHandle(nullptr));
     QCOMPARE(Linux::lastError(), Scm::Dword(ErrorInvalidHandle));
 }
 
-QTEST_GUILESS_MAIN(TestServiceRegistry)
-#include "tst_serviceregistry.moc"
+QTEST_GUILESS_MAIN(TestServices)
+#include "tst_services.moc"
