@@ -29,7 +29,7 @@ constexpr auto AcceptPause = 1s;
 ApplicationListener::ApplicationListener(quint16 port, std::function<void()> connected)
 {
     QObject::connect(&tcpServer, &QTcpServer::newConnection, &tcpServer, [notify = std::move(connected)] {
-        Platform::endEventLoopTurn();
+        platform.endEventLoopTurn();
         notify();
     });
     QObject::connect(&acceptTimer, &QTimer::timeout, &tcpServer, [this] { limitAccepting(); });
@@ -76,7 +76,7 @@ void ApplicationListener::review()
 // that many applications have been accepted and every second.
 void ApplicationListener::limitAccepting()
 {
-    acceptable = Platform::freeDescriptors(DescriptorReserve + AcceptedAtOnce) - DescriptorReserve;
+    acceptable = platform.freeDescriptors(DescriptorReserve + AcceptedAtOnce) - DescriptorReserve;
     if (acceptable > 0) {
         tcpServer.setMaxPendingConnections(acceptable);
         tcpServer.resumeAccepting();

@@ -150,7 +150,7 @@ void ApplicationManager::removeApplication(QTcpSocket *socket)
 
 void ApplicationManager::applicationDataAvailable(ApplicationConnection *application)
 {
-    Platform::endEventLoopTurn();
+    platform.endEventLoopTurn();
     if (application->hasMessage()) {
         beBusy(application);
     }

@@ -88,10 +88,10 @@ QString Quillmere::configDirectory()
 {
     const QString organization = QCoreApplication::organizationName();
     const QString application = QCoreApplication::applicationName();
-    const std::optional<QString> folder = Platform::commonDataFolder();
+    const std::optional<QString> folder = platform.commonDataFolder();
     QString directory = folder.value_or(QString());
     if (folder && !organization.isEmpty() && !application.isEmpty()) {
-        const QChar separator = Platform::folderSeparator();
+        const QChar separator = platform.folderSeparator;
         directory += separator + organization + separator + application;
     }
     if (!directory.isEmpty()) {

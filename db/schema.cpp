@@ -192,7 +192,7 @@ void Quillmere::keepJournal()
         return query.exec(u"PRAGMA journal_mode"_s) && query.first() ? query.value(0).toString() : QString();
     };
     execute(u"PRAGMA synchronous = EXTRA"_s); // once more: a lock may have kept it from being set before
-    if (Platform::canDeleteOpenFiles() && mode() != u"wal") {
+    if (platform.canDeleteOpenFiles && mode() != u"wal") {
         execute(u"PRAGMA journal_mode = PERSIST"_s);
         // One large transaction does not leave its size on the disk for good.
         execute(u"PRAGMA journal_size_limit = 4194304"_s);

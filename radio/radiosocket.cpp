@@ -37,7 +37,7 @@ RadioSocket::RadioSocket(quint16 port, std::function<void()> arrived)
 // Exactly one datagram a call; one that is still waiting raises the next notification.
 void RadioSocket::readyRead()
 {
-    Platform::endEventLoopTurn();
+    platform.endEventLoopTurn();
     if (bound) {
         hasArrived();
     } else {

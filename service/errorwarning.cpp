@@ -3,13 +3,13 @@
 
 #include "service/errorwarning.h"
 
-#include "service/scm.h"
+#include "service/platform.h"
 
 #include <QtGlobal>
 
 void warnWithLastError(const char *message)
 {
     // Not qErrnoWarning() itself: it knows the codes of the operating system, not those of the table.
-    const QString error = Scm::source.errorText(Scm::source.lastError());
+    const QString error = platform.errorText(platform.lastError());
     qCritical("%s (%s)", message, qUtf8Printable(error));
 }

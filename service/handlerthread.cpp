@@ -3,6 +3,7 @@
 
 #include "service/handlerthread.h"
 
+#include "service/platform.h"
 #include "service/serviceruntime.h"
 
 #include <utility>
@@ -16,10 +17,10 @@ void HandlerThread::run()
 {
     std::u16string tableName = name.toStdU16String();
     const Scm::TableEntry table[] = {{tableName.data(), ServiceRuntime::serviceMain}, {nullptr, nullptr}};
-    if (Scm::functions.startServiceCtrlDispatcher(table)) {
+    if (platform.scm.startServiceCtrlDispatcher(table)) {
         return;
     }
-    const Scm::Dword error = Scm::source.lastError();
+    const Scm::Dword error = platform.lastError();
     if (error == Scm::ErrorFailedControllerConnect) {
         console = true;
     } else {

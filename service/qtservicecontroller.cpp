@@ -6,8 +6,6 @@
 #include "service/errorwarning.h"
 #include "service/platform.h"
 #include "service/qtservicebase.h"
-#include "service/scm.h"
-#include "service/waits.h"
 
 #include <utility>
 #include <vector>
@@ -28,7 +26,7 @@ public:
     ~OpenHandle()
     {
         if (handle) {
-            Scm::functions.closeServiceHandle(handle);
+            platform.scm.closeServiceHandle(handle);
         }
     }
     Q_DISABLE_COPY_MOVE(OpenHandle)
@@ -42,7 +40,7 @@ private:
 
 Scm::Handle openManager(Scm::Dword access)
 {
-    return Scm::available() ? Scm::functions.openScManager(nullptr, nullptr, access) : nullptr;
+    return platform.scmAvailable() ? platform.scm.openScManager(nullptr, nullptr, access) : nullptr;
 }
 
 // The service of a name, opened through the manager; both are closed with the object, the service first.
@@ -51,7 +49,7 @@ class OpenService
 public:
     OpenService(const QString &name, Scm::Dword managerAccess, Scm::Dword access)
         : manager(openManager(managerAccess)),
-          service(manager ? Scm::functions.openService(manager.get(), Scm::text(name), access) : nullptr)
+          service(manager ? platform.scm.openService(manager.get(), Scm::text(name), access) : nullptr)
     {
     }
 
@@ -61,7 +59,7 @@ public:
     bool control(Scm::Dword code) const
     {
         Scm::Status status{};
-        return Scm::functions.controlService(get(), code, &status) != 0;
+        return platform.scm.controlService(get(), code, &status) != 0;
     }
 
 private:
@@ -94,7 +92,7 @@ void describe(Scm::Handle service)
     }
     std::u16string text = object->serviceDescription().toStdU16String();
     Scm::Description description{text.data()};
-    Scm::functions.changeServiceConfig2(service, Scm::ConfigDescription, &description);
+    platform.scm.changeServiceConfig2(service, Scm::ConfigDescription, &description);
 }
 
 } // namespace
@@ -115,7 +113,7 @@ bool QtServiceController::isRunning() const
 {
     const OpenService service(name, NoAccess, Scm::ServiceQueryStatus);
     Scm::Status status{};
-    return service && Scm::functions.queryServiceStatus(service.get(), &status) &&
+    return service && platform.scm.queryServiceStatus(service.get(), &status) &&
            status.currentState != Scm::StateStopped;
 }
 
@@ -132,7 +130,7 @@ bool QtServiceController::install(const QString &account, const QString &passwor
         withAccount ? Scm::Dword(Scm::OwnProcess) : Scm::Dword(Scm::OwnProcess) | Scm::InteractiveProcess;
     // Deliberately not quoted: the path is registered as the system gives it.
     const QString path = serviceFilePath();
-    const OpenHandle service(Scm::functions.createService(
+    const OpenHandle service(platform.scm.createService(
         manager.get(), Scm::text(name), Scm::text(name), Scm::ServiceAllAccess, type, startType(),
         Scm::ErrorControlNormal, Scm::text(path), nullptr, nullptr, nullptr,
         withAccount ? Scm::text(runAs) : nullptr, withPassword ? Scm::text(password) : nullptr));
@@ -140,17 +138,17 @@ bool QtServiceController::install(const QString &account, const QString &passwor
         return false;
     }
     describe(service.get());
-    Scm::source.registerMessageFile(name, path);
+    platform.registerMessageFile(name, path);
     return true;
 }
 
 bool QtServiceController::uninstall() const
 {
     const OpenService service(name, Scm::ManagerAllAccess, Scm::Delete);
-    if (!service || !Scm::functions.deleteService(service.get())) {
+    if (!service || !platform.scm.deleteService(service.get())) {
         return false;
     }
-    Scm::source.removeMessageFile(name);
+    platform.removeMessageFile(name);
     return true;
 }
 
@@ -165,7 +163,7 @@ bool QtServiceController::start(const QStringList &arguments) const
     for (const QString &argument : arguments) {
         texts.push_back(Scm::text(argument));
     }
-    return Scm::functions.startService(service.get(), static_cast<Scm::Dword>(texts.size()), texts.data());
+    return platform.scm.startService(service.get(), static_cast<Scm::Dword>(texts.size()), texts.data());
 }
 
 bool QtServiceController::stop() const
@@ -176,14 +174,14 @@ bool QtServiceController::stop() const
         return false;
     }
     Scm::Status status{};
-    if (!Scm::functions.controlService(service.get(), Scm::ControlStop, &status)) {
+    if (!platform.scm.controlService(service.get(), Scm::ControlStop, &status)) {
         warnWithLastError("stopping");
         return false;
     }
     for (int poll = 0; status.currentState != Scm::StateStopped && poll < PollLimit; ++poll) {
-        waits.sleep(PollPeriod);
+        platform.sleep(PollPeriod);
         Scm::Status latest{};
-        if (!Scm::functions.queryServiceStatus(service.get(), &latest)) {
+        if (!platform.scm.queryServiceStatus(service.get(), &latest)) {
             break;
         }
         status = latest;
@@ -214,5 +212,5 @@ bool QtServiceController::sendCommand(int code) const
 
 QString QtServiceController::serviceFilePath()
 {
-    return Platform::executablePath();
+    return platform.executablePath();
 }

@@ -3,8 +3,8 @@
 
 // The service-control and event-log functions of the operating system: the only door through which the
 // service host speaks to a service manager. The signatures, types and constants are those of Windows; on
-// another platform the same functions are provided over what that platform has. A test replaces entries of
-// the table.
+// another platform the same functions are provided over what that platform has. The table of the process is
+// in platform.h.
 #pragma once
 
 #include <QString>
@@ -69,22 +69,6 @@ struct Functions
     Bool (*queryServiceConfig2)(Handle service, Dword infoLevel, quint8 *buffer, Dword size, Dword *needed);
 };
 
-// The process-wide table. Empty until available() has been called once.
-extern Functions functions;
-
-// Where the table comes from and what the platform says of a failed call. A test sets its own.
-struct Source
-{
-    void (*provide)(Functions &functions);
-    Dword (*lastError)(); // of the calling thread
-    QString (*errorText)(Dword code);
-    // How viewers of the event log show this source's records; what fails there is not reported.
-    void (*registerMessageFile)(const QString &source, const QString &file);
-    void (*removeMessageFile)(const QString &source);
-};
-
-extern Source source;
-
 // Text for a function that takes zero-terminated characters: it ends at the first U+0000. Valid until the
 // string is changed or destroyed.
 inline const Char *text(const QString &string)
@@ -92,10 +76,11 @@ inline const Char *text(const QString &string)
     return reinterpret_cast<const Char *>(string.utf16());
 }
 
-// Fills the table from the platform on first use. The functions count as available exactly when openScManager
-// is there; the other sixteen are deliberately not checked. Takes no lock: threads that come here at once
-// write the same values.
-bool available();
+// The text that a function was given or gives; a null pointer is an empty one.
+inline QString toString(const Char *text)
+{
+    return text ? QString::fromUtf16(text) : QString();
+}
 
 // Error codes of the functions, as lastError() gives them.
 enum Error : Dword {

@@ -1,6 +1,7 @@
 // SPDX-FileCopyrightText: 2026 The Quillmere developers
 // SPDX-License-Identifier: MIT
 
+#include "service/platform.h"
 #include "service/qtservicebase.h"
 
 namespace {
@@ -24,17 +25,17 @@ Scm::Word eventType(QtServiceBase::MessageType type)
 void QtServiceBase::logMessage(const QString &message, MessageType type, int id, uint category,
                                const QByteArray &data) const
 {
-    if (!Scm::available()) {
+    if (!platform.scmAvailable()) {
         return;
     }
-    Scm::Handle log = Scm::functions.registerEventSource(nullptr, Scm::text(name));
+    Scm::Handle log = platform.scm.registerEventSource(nullptr, Scm::text(name));
     if (!log) {
         return;
     }
     const Scm::Char *strings[] = {Scm::text(message)};
     QByteArray bytes = data;
-    Scm::functions.reportEvent(log, eventType(type), static_cast<Scm::Word>(category & 0xFFFF),
-                               static_cast<Scm::Dword>(id), nullptr, 1, static_cast<Scm::Dword>(bytes.size()),
-                               strings, bytes.isEmpty() ? nullptr : bytes.data());
-    Scm::functions.deregisterEventSource(log);
+    platform.scm.reportEvent(log, eventType(type), static_cast<Scm::Word>(category & 0xFFFF),
+                             static_cast<Scm::Dword>(id), nullptr, 1, static_cast<Scm::Dword>(bytes.size()),
+                             strings, bytes.isEmpty() ? nullptr : bytes.data());
+    platform.scm.deregisterEventSource(log);
 }

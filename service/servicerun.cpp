@@ -4,12 +4,12 @@
 // The two ways to run the server: under the service manager, and in the foreground.
 #include "service/commandline.h"
 #include "service/handlerthread.h"
+#include "service/platform.h"
 #include "service/qtserviceappeventfilter.h"
 #include "service/qtservicebase.h"
 #include "service/qtservicecontrollerhandler.h"
 #include "service/qtservicestarter.h"
 #include "service/serviceruntime.h"
-#include "service/waits.h"
 
 #include <QAbstractEventDispatcher>
 #include <QCoreApplication>
@@ -61,18 +61,18 @@ int QtServiceBase::runAsService(const QStringList &runArguments)
     constexpr int Failed = -1;
     const std::shared_ptr<ServiceRuntime> runtime = ServiceRuntime::create(*this);
     const auto atEnd = qScopeGuard([&runtime] { runtime->end(); });
-    if (!Scm::available()) {
+    if (!platform.scmAvailable()) {
         return Failed;
     }
     auto thread = std::make_unique<HandlerThread>(name, runtime);
     const auto dismissal = qScopeGuard([&thread] { dismiss(thread); });
     thread->start();
-    if (!waits.forStart(runtime->started, StartTimeout)) {
+    if (!platform.waitForStart(runtime->started, StartTimeout)) {
         return Failed;
     }
     if (!thread->succeeded()) {
         const bool fromConsole = thread->startedFromConsole();
-        waits.forEnd(*thread, EndTimeout);
+        platform.waitForEnd(*thread, EndTimeout);
         return fromConsole && controller.start(runArguments.mid(1)) ? 0 : Failed;
     }
 
@@ -91,7 +91,7 @@ int QtServiceBase::runAsService(const QStringList &runArguments)
     runtime->waitForControls();
     runtime->reportStopped(static_cast<Scm::Dword>(exitCode));
     if (!thread->isFinished()) {
-        waits.forEnd(*thread, EndTimeout);
+        platform.waitForEnd(*thread, EndTimeout);
     }
     receiver.reset();
     dismiss(thread);

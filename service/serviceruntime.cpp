@@ -3,6 +3,7 @@
 
 #include "service/serviceruntime.h"
 
+#include "service/platform.h"
 #include "service/qtservicebase.h"
 
 #include <QCoreApplication>
@@ -83,7 +84,7 @@ void ServiceRuntime::runServiceMain(Scm::Dword argc, Scm::Char **argv)
     {
         const std::lock_guard lock(mutex);
         for (Scm::Dword i = 0; i < argc; ++i) {
-            arguments.append(QString::fromUtf16(argv[i]));
+            arguments.append(Scm::toString(argv[i]));
         }
     }
     started.release();
@@ -95,7 +96,7 @@ void ServiceRuntime::runServiceMain(Scm::Dword argc, Scm::Char **argv)
             return;
         }
         const Scm::Handle registered =
-            Scm::functions.registerServiceCtrlHandler(Scm::text(name), controlHandler);
+            platform.scm.registerServiceCtrlHandler(Scm::text(name), controlHandler);
         if (!registered) {
             return;
         }
@@ -160,7 +161,7 @@ void ServiceRuntime::post(Scm::Dword control, std::unique_lock<std::mutex> &lock
 
 void ServiceRuntime::report(Scm::State state)
 {
-    if (!Scm::available()) {
+    if (!platform.scmAvailable()) {
         return;
     }
     const std::lock_guard lock(statusMutex);
@@ -168,23 +169,23 @@ void ServiceRuntime::report(Scm::State state)
         return; // the main thread has had the last word, in the middle of a control
     }
     status.currentState = state;
-    Scm::functions.setServiceStatus(statusHandle, &status);
+    platform.scm.setServiceStatus(statusHandle, &status);
 }
 
 void ServiceRuntime::repeatStatus()
 {
-    if (!Scm::available()) {
+    if (!platform.scmAvailable()) {
         return;
     }
     const std::lock_guard lock(statusMutex);
     if (status.currentState != Scm::StateStopped) {
-        Scm::functions.setServiceStatus(statusHandle, &status);
+        platform.scm.setServiceStatus(statusHandle, &status);
     }
 }
 
 void ServiceRuntime::logStartFailure(Scm::Dword error)
 {
-    const QString message = u"The Service failed to start [%1]"_s.arg(Scm::source.errorText(error));
+    const QString message = u"The Service failed to start [%1]"_s.arg(platform.errorText(error));
     // The service object lives at least until the run has ended.
     const std::lock_guard lock(mutex);
     const QtServiceBase *service = QtServiceBase::instance();
@@ -230,7 +231,7 @@ void ServiceRuntime::reportStopped(Scm::Dword exitCode)
     status.win32ExitCode = exitCode;
     status.currentState = Scm::StateStopped;
     stopReported = true;
-    Scm::functions.setServiceStatus(statusHandle, &status);
+    platform.scm.setServiceStatus(statusHandle, &status);
 }
 
 void ServiceRuntime::end()

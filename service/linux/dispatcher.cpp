@@ -7,7 +7,6 @@
 #include "service/linux/errors.h"
 #include "service/linux/startparameters.h"
 #include "service/linux/systemd.h"
-#include "service/linux/text.h"
 #include "service/linux/unitfile.h"
 
 #include <QByteArray>
@@ -291,7 +290,7 @@ Scm::Bool startServiceCtrlDispatcher(const Scm::TableEntry *table)
         s.status = {};
     }
     const Signals handledSignals;
-    const QByteArray runtimeDirectory = ownRuntimeDirectory(toString(table->name));
+    const QByteArray runtimeDirectory = ownRuntimeDirectory(Scm::toString(table->name));
     ControlSocket socket(runtimeDirectory.isEmpty() ? QByteArray() : runtimeDirectory + ControlSocketName);
     std::thread main = startServiceMain(*table, runtimeDirectory);
     dispatch(socket);

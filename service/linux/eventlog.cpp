@@ -5,7 +5,6 @@
 
 #include "service/linux/errors.h"
 #include "service/linux/eventsink.h"
-#include "service/linux/text.h"
 
 #include <QDateTime>
 #include <QString>
@@ -23,7 +22,7 @@ struct EventSource
 
 Scm::Handle registerEventSource(const Scm::Char *, const Scm::Char *source)
 {
-    return new EventSource{toString(source)};
+    return new EventSource{Scm::toString(source)};
 }
 
 Scm::Bool reportEvent(Scm::Handle log, Scm::Word type, Scm::Word category, Scm::Dword id, void *,
@@ -38,7 +37,7 @@ Scm::Bool reportEvent(Scm::Handle log, Scm::Word type, Scm::Word category, Scm::
     record.type = type;
     record.id = id;
     record.category = category;
-    record.message = stringCount > 0 ? toString(strings[0]) : QString();
+    record.message = stringCount > 0 ? Scm::toString(strings[0]) : QString();
     record.data = QByteArray(static_cast<const char *>(data), static_cast<qsizetype>(dataSize));
     return writeEvent(record) ? 1 : 0;
 }

@@ -10,7 +10,6 @@
 
 #include <QFile>
 #include <QStandardPaths>
-#include <QThread>
 
 #include <sys/eventfd.h>
 #include <unistd.h>
@@ -20,7 +19,7 @@
 
 using namespace Qt::StringLiterals;
 
-namespace Platform {
+namespace {
 
 void provide(Scm::Functions &functions)
 {
@@ -43,24 +42,9 @@ void provide(Scm::Functions &functions)
                  nullptr};
 }
 
-Scm::Dword lastError()
-{
-    return Linux::lastError();
-}
-
-QString errorText(Scm::Dword code)
-{
-    return Linux::errorText(code);
-}
-
 QString executablePath()
 {
     return QFile::symLinkTarget(u"/proc/self/exe"_s);
-}
-
-void sleepMilliseconds(unsigned milliseconds)
-{
-    QThread::msleep(milliseconds);
 }
 
 // Qt's turn of the loop serves each socket once here.
@@ -94,16 +78,6 @@ std::optional<QString> commonDataFolder()
     return QStandardPaths::writableLocation(QStandardPaths::GenericDataLocation);
 }
 
-bool canDeleteOpenFiles()
-{
-    return true;
-}
-
-QChar folderSeparator()
-{
-    return u'/';
-}
-
 // The journal keeps whole texts.
 void registerMessageFile(const QString &, const QString &)
 {
@@ -112,4 +86,18 @@ void removeMessageFile(const QString &)
 {
 }
 
-} // namespace Platform
+} // namespace
+
+constinit Platform platform{
+    .provide = provide,
+    .lastError = Linux::lastError,
+    .errorText = Linux::errorText,
+    .registerMessageFile = registerMessageFile,
+    .removeMessageFile = removeMessageFile,
+    .executablePath = executablePath,
+    .commonDataFolder = commonDataFolder,
+    .folderSeparator = u'/',
+    .canDeleteOpenFiles = true,
+    .freeDescriptors = freeDescriptors,
+    .endEventLoopTurn = endEventLoopTurn,
+};

@@ -8,7 +8,6 @@
 #include "service/linux/errors.h"
 #include "service/linux/startparameters.h"
 #include "service/linux/systemd.h"
-#include "service/linux/text.h"
 #include "service/linux/unitfile.h"
 
 #include <QDeadlineTimer>
@@ -213,10 +212,10 @@ Scm::Handle createService(Scm::Handle, const Scm::Char *name, const Scm::Char *d
                           const Scm::Char *)
 {
     UnitSettings settings;
-    settings.name = toString(name);
-    settings.displayName = displayName ? toString(displayName) : settings.name;
+    settings.name = Scm::toString(name);
+    settings.displayName = displayName ? Scm::toString(displayName) : settings.name;
     settings.description = settings.displayName;
-    settings.binaryPath = toString(binaryPath);
+    settings.binaryPath = Scm::toString(binaryPath);
     settings.serviceType = type;
     const QString unit = unitName(settings.name);
     if (unit.isEmpty() || !isFolderName(settings.displayName) || !settings.binaryPath.startsWith(u'/')) {
@@ -229,7 +228,7 @@ Scm::Handle createService(Scm::Handle, const Scm::Char *name, const Scm::Char *d
         return noHandle(ErrorMarkedForDelete);
     }
     if (account) {
-        const std::optional<QString> user = unitUser(toString(account));
+        const std::optional<QString> user = unitUser(Scm::toString(account));
         if (!user) {
             return noHandle(ErrorInvalidServiceAccount);
         }
@@ -248,7 +247,7 @@ Scm::Handle createService(Scm::Handle, const Scm::Char *name, const Scm::Char *d
 
 Scm::Handle openService(Scm::Handle, const Scm::Char *name, Scm::Dword)
 {
-    const QString unit = unitName(toString(name));
+    const QString unit = unitName(Scm::toString(name));
     if (unit.isEmpty() || (unitFile(unit).isEmpty() && !isMarkedForDelete(unit))) {
         return noHandle(Scm::ErrorServiceDoesNotExist);
     }
@@ -294,7 +293,7 @@ Scm::Bool changeServiceConfig2(Scm::Handle handle, Scm::Dword infoLevel, void *i
     if (!isOurs(file.fileName(), service->unit) || !file.open(QIODevice::ReadOnly)) {
         return fail(Scm::ErrorAccessDenied);
     }
-    const QString description = toString(static_cast<Scm::Description *>(info)->text);
+    const QString description = Scm::toString(static_cast<Scm::Description *>(info)->text);
     return writeUnit(service->unit, withDescription(file.readAll(), description)) &&
                    Systemd(service->unit).reload()
                ? 1
@@ -335,7 +334,7 @@ Scm::Bool startService(Scm::Handle handle, Scm::Dword argc, const Scm::Char **ar
     }
     QStringList parameters;
     for (Scm::Dword i = 0; i < argc; ++i) {
-        parameters.append(toString(argv[i]));
+        parameters.append(Scm::toString(argv[i]));
     }
     const QByteArray directory = runtimeDirectory(*service);
     if (!parameters.isEmpty() && !storeStartParameters(directory, parameters)) {

@@ -1,7 +1,7 @@
 // SPDX-FileCopyrightText: 2026 The Quillmere developers
 // SPDX-License-Identifier: MIT
 
-#include "service/platform.h"
+#include "service/windows/eventsource.h"
 
 #include <string>
 
@@ -9,7 +9,7 @@
 
 using namespace Qt::StringLiterals;
 
-namespace Platform {
+namespace Windows {
 
 namespace {
 
@@ -51,4 +51,4 @@ void removeMessageFile(const QString &source)
     }
 }
 
-} // namespace Platform
+} // namespace Windows

@@ -12,7 +12,7 @@
 #include <functional>
 #include <optional>
 
-namespace Platform {
+namespace Windows {
 
 // A library's function of that name; null when it has none.
 using Resolver = std::function<QFunctionPointer(const char *name)>;
@@ -24,4 +24,4 @@ void provide(Scm::Functions &functions, const Resolver &advapi32);
 // function.
 std::optional<QString> commonDataFolder(const Resolver &shell32);
 
-} // namespace Platform
+} // namespace Windows

@@ -3,6 +3,7 @@
 
 #include "service/platform.h"
 
+#include "service/windows/eventsource.h"
 #include "service/windows/lookup.h"
 
 #include <QAbstractEventDispatcher>
@@ -17,31 +18,71 @@
 
 using namespace Qt::StringLiterals;
 
-namespace Platform {
-
 namespace {
 
 // The longest path that Windows knows, with its null.
 constexpr size_t LongestPath = 32768;
 
 template<typename Function>
-void resolve(const Resolver &resolver, const char *name, Function &function)
+void resolve(const Windows::Resolver &resolver, const char *name, Function &function)
 {
     function = reinterpret_cast<Function>(resolver(name));
 }
 
 // The library stays loaded when its object is gone.
-Resolver resolverOf(const QString &library)
+Windows::Resolver resolverOf(const QString &library)
 {
     return [library](const char *name) { return QLibrary(library).resolve(name); };
 }
 
-} // namespace
-
 void provide(Scm::Functions &functions)
 {
-    provide(functions, resolverOf(u"advapi32"_s));
+    Windows::provide(functions, resolverOf(u"advapi32"_s));
 }
+
+Scm::Dword lastError()
+{
+    return GetLastError();
+}
+
+QString errorText(Scm::Dword code)
+{
+    return qt_error_string(static_cast<int>(code));
+}
+
+QString executablePath()
+{
+    std::vector<wchar_t> buffer(MAX_PATH);
+    for (;;) {
+        const DWORD size = GetModuleFileNameW(nullptr, buffer.data(), static_cast<DWORD>(buffer.size()));
+        // A path that does not fit is cut to the whole buffer.
+        if (size < buffer.size() || buffer.size() >= LongestPath) {
+            return QString::fromWCharArray(buffer.data(), static_cast<qsizetype>(size));
+        }
+        buffer.resize(LongestPath);
+    }
+}
+
+// Qt's turn of the loop lasts here until no message of any socket is left.
+void endEventLoopTurn()
+{
+    QAbstractEventDispatcher::instance()->interrupt();
+}
+
+std::optional<QString> commonDataFolder()
+{
+    return Windows::commonDataFolder(resolverOf(u"shell32"_s));
+}
+
+// The system sets no limit that a service meets.
+int freeDescriptors(int most)
+{
+    return most;
+}
+
+} // namespace
+
+namespace Windows {
 
 void provide(Scm::Functions &functions, const Resolver &advapi32)
 {
@@ -68,45 +109,6 @@ void provide(Scm::Functions &functions, const Resolver &advapi32)
     resolve(advapi32, "QueryServiceConfig2W", functions.queryServiceConfig2);
 }
 
-Scm::Dword lastError()
-{
-    return GetLastError();
-}
-
-QString errorText(Scm::Dword code)
-{
-    return qt_error_string(static_cast<int>(code));
-}
-
-QString executablePath()
-{
-    std::vector<wchar_t> buffer(MAX_PATH);
-    for (;;) {
-        const DWORD size = GetModuleFileNameW(nullptr, buffer.data(), static_cast<DWORD>(buffer.size()));
-        // A path that does not fit is cut to the whole buffer.
-        if (size < buffer.size() || buffer.size() >= LongestPath) {
-            return QString::fromWCharArray(buffer.data(), static_cast<qsizetype>(size));
-        }
-        buffer.resize(LongestPath);
-    }
-}
-
-void sleepMilliseconds(unsigned milliseconds)
-{
-    Sleep(milliseconds);
-}
-
-// Qt's turn of the loop lasts here until no message of any socket is left.
-void endEventLoopTurn()
-{
-    QAbstractEventDispatcher::instance()->interrupt();
-}
-
-std::optional<QString> commonDataFolder()
-{
-    return commonDataFolder(resolverOf(u"shell32"_s));
-}
-
 std::optional<QString> commonDataFolder(const Resolver &shell32)
 {
     using GetSpecialFolderPath = BOOL(WINAPI *)(HWND owner, wchar_t * path, int folder, BOOL create);
@@ -120,20 +122,18 @@ std::optional<QString> commonDataFolder(const Resolver &shell32)
     return QString::fromWCharArray(path.data());
 }
 
-// The system sets no limit that a service meets.
-int freeDescriptors(int most)
-{
-    return most;
-}
+} // namespace Windows
 
-bool canDeleteOpenFiles()
-{
-    return false;
-}
-
-QChar folderSeparator()
-{
-    return u'\\';
-}
-
-} // namespace Platform
+constinit Platform platform{
+    .provide = provide,
+    .lastError = lastError,
+    .errorText = errorText,
+    .registerMessageFile = Windows::registerMessageFile,
+    .removeMessageFile = Windows::removeMessageFile,
+    .executablePath = executablePath,
+    .commonDataFolder = commonDataFolder,
+    .folderSeparator = u'\\',
+    .canDeleteOpenFiles = false,
+    .freeDescriptors = freeDescriptors,
+    .endEventLoopTurn = endEventLoopTurn,
+};

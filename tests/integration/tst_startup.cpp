@@ -126,7 +126,7 @@ private slots:
                              u"SELECT database_version FROM config"_s,
                              u"COMMIT"_s,
                              u"PRAGMA synchronous = EXTRA"_s};
-        if (Platform::canDeleteOpenFiles()) {
+        if (platform.canDeleteOpenFiles) {
             expected << u"PRAGMA journal_mode"_s << u"PRAGMA journal_mode = PERSIST"_s
                      << u"PRAGMA journal_size_limit = 4194304"_s;
         }

@@ -18,7 +18,7 @@ int registration = 0; // its address is the status handle
 
 QString string(const Scm::Char *text)
 {
-    return text ? QString::fromUtf16(text) : u"-"_s;
+    return text ? Scm::toString(text) : u"-"_s;
 }
 
 QString hex(Scm::Dword value)
@@ -28,7 +28,7 @@ QString hex(Scm::Dword value)
 
 std::optional<QString> optional(const Scm::Char *text)
 {
-    return text ? std::optional(QString::fromUtf16(text)) : std::nullopt;
+    return text ? std::optional(Scm::toString(text)) : std::nullopt;
 }
 
 void noFunctions(Scm::Functions &)
@@ -250,7 +250,7 @@ struct FakeFunctions
     {
         note(u"start"_s, milliseconds);
         if (!fake->startExpires) {
-            return fake->savedWaits.forStart(start, milliseconds);
+            return fake->saved.waitForStart(start, milliseconds);
         }
         // Long before the wait is over the dispatcher is in its call.
         std::unique_lock lock(fake->mutex);
@@ -284,11 +284,11 @@ struct FakeFunctions
     }
 };
 
-FakeScm::FakeScm() : savedFunctions(Scm::functions), savedSource(Scm::source), savedWaits(waits)
+FakeScm::FakeScm() : saved(platform)
 {
     fake = this;
     lastErrorOfThread = 0;
-    Scm::functions = {
+    platform.scm = {
         FakeFunctions::registerServiceCtrlHandler,
         FakeFunctions::setServiceStatus,
         FakeFunctions::changeServiceConfig2,
@@ -307,9 +307,14 @@ FakeScm::FakeScm() : savedFunctions(Scm::functions), savedSource(Scm::source), s
         nullptr, // the service configuration is never asked for
         nullptr,
     };
-    Scm::source = {noFunctions, lastError, errorText, FakeFunctions::registerMessageFile,
-                   FakeFunctions::removeMessageFile};
-    waits = {FakeFunctions::sleep, FakeFunctions::waitForStart, FakeFunctions::waitForEnd};
+    platform.provide = noFunctions;
+    platform.lastError = lastError;
+    platform.errorText = errorText;
+    platform.registerMessageFile = FakeFunctions::registerMessageFile;
+    platform.removeMessageFile = FakeFunctions::removeMessageFile;
+    platform.sleep = FakeFunctions::sleep;
+    platform.waitForStart = FakeFunctions::waitForStart;
+    platform.waitForEnd = FakeFunctions::waitForEnd;
 }
 
 FakeScm::~FakeScm()
@@ -322,9 +327,7 @@ FakeScm::~FakeScm()
         waitUntil(lock, [this] { return dispatchersRunning == 0; });
     }
     qDeleteAll(handles);
-    Scm::functions = savedFunctions;
-    Scm::source = savedSource;
-    waits = savedWaits;
+    platform = saved;
     fake = nullptr;
 }
 
@@ -468,7 +471,7 @@ QStringList FakeScm::sleeps() const
 
 void FakeScm::makeUnavailable()
 {
-    Scm::functions = {};
+    platform.scm = {};
 }
 
 void FakeScm::launch(const QStringList &startParameters)

@@ -3,8 +3,7 @@
 
 #pragma once
 
-#include "service/scm.h"
-#include "service/waits.h"
+#include "service/platform.h"
 #include "tests/support/recordinglog.h"
 
 #include <QMap>
@@ -116,9 +115,7 @@ private:
     template<typename Condition>
     void waitUntil(std::unique_lock<std::mutex> &lock, Condition condition);
 
-    Scm::Functions savedFunctions;
-    Scm::Source savedSource;
-    Waits savedWaits;
+    Platform saved;
 
     mutable std::mutex mutex;
     std::condition_variable changed;

@@ -3,6 +3,8 @@
 
 #include "tests/support/recordinglog.h"
 
+#include "service/platform.h"
+
 #include <QTest>
 
 #include <utility>
@@ -28,7 +30,7 @@ Scm::Handle openScManager(const Scm::Char *, const Scm::Char *, Scm::Dword)
 
 Scm::Handle registerEventSource(const Scm::Char *, const Scm::Char *source)
 {
-    return new QString(QString::fromUtf16(source));
+    return new QString(Scm::toString(source));
 }
 
 Scm::Bool reportEvent(Scm::Handle log, Scm::Word type, Scm::Word category, Scm::Dword id, void *,
@@ -39,7 +41,7 @@ Scm::Bool reportEvent(Scm::Handle log, Scm::Word type, Scm::Word category, Scm::
                            type,
                            category,
                            id,
-                           QString::fromUtf16(strings[0]),
+                           Scm::toString(strings[0]),
                            QByteArray(static_cast<const char *>(data), static_cast<qsizetype>(dataSize))};
     written().append(record);
     if (observed()) {
@@ -67,18 +69,18 @@ char *toString(const LogRecord &record)
     return qstrdup(text.toUtf8().constData());
 }
 
-RecordingLog::RecordingLog() : saved(Scm::functions)
+RecordingLog::RecordingLog() : saved(platform.scm)
 {
     written().clear();
-    Scm::functions.openScManager = openScManager;
-    Scm::functions.registerEventSource = registerEventSource;
-    Scm::functions.reportEvent = reportEvent;
-    Scm::functions.deregisterEventSource = deregisterEventSource;
+    platform.scm.openScManager = openScManager;
+    platform.scm.registerEventSource = registerEventSource;
+    platform.scm.reportEvent = reportEvent;
+    platform.scm.deregisterEventSource = deregisterEventSource;
 }
 
 RecordingLog::~RecordingLog()
 {
-    Scm::functions = saved;
+    platform.scm = saved;
     observed() = {};
 }
 

@@ -153,7 +153,7 @@ void TestQtServiceBase::installsUnderItsPath()
     const Outcome outcome = execute({u"-install"_s});
     QCOMPARE(outcome.exitCode, 0);
     QCOMPARE(outcome.out, "The service Quill Mere has been installed under: " +
-                              Platform::executablePath().toLatin1() + '\n');
+                              platform.executablePath().toLatin1() + '\n');
     QCOMPARE(outcome.err, QByteArray());
     QVERIFY(scm.services.contains(Name));
 }

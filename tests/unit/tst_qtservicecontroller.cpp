@@ -210,7 +210,7 @@ void TestQtServiceController::installsForTheAccount()
     const FakeScm::Service service = scm.services.value(Name);
     QCOMPARE(service.displayName, Name);
     QCOMPARE(service.description, u"Keeps radios"_s);
-    QCOMPARE(service.binaryPath, Platform::executablePath());
+    QCOMPARE(service.binaryPath, platform.executablePath());
     QVERIFY(service.binaryPath.contains(u"tst_qtservicecontroller"_s));
     QVERIFY(!service.binaryPath.contains(u'"'));
     QCOMPARE(scm.messageFiles.value(Name), service.binaryPath);
@@ -327,7 +327,7 @@ void TestQtServiceController::stopNeedsNoPollForAServiceThatStopsAtOnce()
 {
     FakeScm scm;
     addInstalled(scm);
-    Scm::functions.controlService = [](Scm::Handle, Scm::Dword, Scm::Status *status) -> Scm::Bool {
+    platform.scm.controlService = [](Scm::Handle, Scm::Dword, Scm::Status *status) -> Scm::Bool {
         *status = {};
         status->currentState = Scm::StateStopped;
         return 1;

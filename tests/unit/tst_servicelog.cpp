@@ -136,11 +136,11 @@ void TestServiceLog::writesNothingWithoutTheFunctions()
 {
     FakeScm scm;
     const TestService service({});
-    const Scm::Functions functions = Scm::functions;
+    const Scm::Functions functions = platform.scm;
     scm.makeUnavailable();
-    Scm::functions.registerEventSource = functions.registerEventSource;
-    Scm::functions.reportEvent = functions.reportEvent;
-    Scm::functions.deregisterEventSource = functions.deregisterEventSource;
+    platform.scm.registerEventSource = functions.registerEventSource;
+    platform.scm.reportEvent = functions.reportEvent;
+    platform.scm.deregisterEventSource = functions.deregisterEventSource;
     service.logMessage(u"text"_s);
     QVERIFY(scm.takeCalls().isEmpty());
 }
@@ -148,31 +148,31 @@ void TestServiceLog::writesNothingWithoutTheFunctions()
 void TestServiceLog::onlyTheServiceManagerFunctionCounts()
 {
     FakeScm scm;
-    const Scm::Functions functions = Scm::functions;
+    const Scm::Functions functions = platform.scm;
     scm.makeUnavailable();
-    QVERIFY(!Scm::available());
-    Scm::functions = functions;
-    Scm::functions.openScManager = nullptr;
-    QVERIFY(!Scm::available());
-    Scm::functions = {};
-    Scm::functions.openScManager = functions.openScManager;
-    QVERIFY(Scm::available());
+    QVERIFY(!platform.scmAvailable());
+    platform.scm = functions;
+    platform.scm.openScManager = nullptr;
+    QVERIFY(!platform.scmAvailable());
+    platform.scm = {};
+    platform.scm.openScManager = functions.openScManager;
+    QVERIFY(platform.scmAvailable());
 }
 
 void TestServiceLog::fillsTheTableOnce()
 {
     static int filled = 0;
-    static Scm::Functions platform;
+    static Scm::Functions provided;
     FakeScm scm;
     filled = 0;
-    platform = Scm::functions;
+    provided = platform.scm;
     scm.makeUnavailable();
-    Scm::source.provide = [](Scm::Functions &functions) {
+    platform.provide = [](Scm::Functions &functions) {
         ++filled;
-        functions = platform;
+        functions = provided;
     };
-    QVERIFY(Scm::available());
-    QVERIFY(Scm::available());
+    QVERIFY(platform.scmAvailable());
+    QVERIFY(platform.scmAvailable());
     QCOMPARE(filled, 1);
 }
 

@@ -31,7 +31,7 @@ public:
     ~Private() { clear(); }
     Q_DISABLE_COPY_MOVE(Private)
 
-    QDir folder{Platform::commonDataFolder().value_or(QString()) + u"\\Brackwater"_s};
+    QDir folder{platform.commonDataFolder().value_or(QString()) + u"\\Brackwater"_s};
 
 private:
     // A file that the server still has open stays, and goes before the next test; so does the marker then.
@@ -53,7 +53,7 @@ DataFolder::~DataFolder() = default;
 
 QString DataFolder::path() const
 {
-    return Platform::commonDataFolder().value_or(QString()) + u"\\Brackwater\\Quill Mere"_s;
+    return platform.commonDataFolder().value_or(QString()) + u"\\Brackwater\\Quill Mere"_s;
 }
 
 void DataFolder::writeConfiguration(const QByteArray &content) const

@@ -15,7 +15,7 @@
 
 using namespace Qt::StringLiterals;
 
-// What of this platform the service host asks for beside the service-control functions.
+// What this platform provides beside the service-control functions.
 class TestPlatform : public QObject
 {
     Q_OBJECT
@@ -46,41 +46,41 @@ void TestPlatform::errorsHaveTexts_data()
 void TestPlatform::errorsHaveTexts()
 {
     QFETCH(const Scm::Dword, code);
-    QTEST(Platform::errorText(code), "text");
+    QTEST(platform.errorText(code), "text");
 }
 
 void TestPlatform::lastErrorIsTheThreadsOwn()
 {
     QCOMPARE(Linux::fail(Scm::ErrorAccessDenied), 0);
     Scm::Dword elsewhere = 1;
-    const std::unique_ptr<QThread> thread(QThread::create([&] { elsewhere = Platform::lastError(); }));
+    const std::unique_ptr<QThread> thread(QThread::create([&] { elsewhere = platform.lastError(); }));
     thread->start();
     QVERIFY(thread->wait(5000));
     QCOMPARE(elsewhere, Scm::Dword(0));
-    QCOMPARE(Platform::lastError(), Scm::Dword(Scm::ErrorAccessDenied));
+    QCOMPARE(platform.lastError(), Scm::Dword(Scm::ErrorAccessDenied));
 }
 
 void TestPlatform::executableIsThisProgram()
 {
-    QCOMPARE(Platform::executablePath(), QFile::symLinkTarget(u"/proc/self/exe"_s));
-    QVERIFY(Platform::executablePath().endsWith(u"/tst_platform"_s));
+    QCOMPARE(platform.executablePath(), QFile::symLinkTarget(u"/proc/self/exe"_s));
+    QVERIFY(platform.executablePath().endsWith(u"/tst_platform"_s));
 }
 
 void TestPlatform::sleepLastsAtLeastAsLong()
 {
     QElapsedTimer spent;
     spent.start();
-    Platform::sleepMilliseconds(20);
+    platform.sleep(20);
     QVERIFY(spent.nsecsElapsed() >= 20'000'000);
 }
 
 void TestPlatform::dataFolderIsTheSystemsUnlessNamed()
 {
     qputenv("QUILLMERE_APPDATA", "/some/where");
-    QCOMPARE(Platform::commonDataFolder(), std::optional(u"/some/where"_s));
+    QCOMPARE(platform.commonDataFolder(), std::optional(u"/some/where"_s));
     qunsetenv("QUILLMERE_APPDATA");
     qputenv("XDG_DATA_HOME", "/somebody/data");
-    QCOMPARE(Platform::commonDataFolder(),
+    QCOMPARE(platform.commonDataFolder(),
              std::optional(::geteuid() == 0 ? u"/var/lib"_s : u"/somebody/data"_s));
     qunsetenv("XDG_DATA_HOME");
 }
@@ -88,8 +88,8 @@ void TestPlatform::dataFolderIsTheSystemsUnlessNamed()
 void TestPlatform::journalNeedsNoMessageFile()
 {
     const QString file = QDir::tempPath() + u"/quillmere-message-file"_s;
-    Platform::registerMessageFile(u"Quill Mere"_s, file);
-    Platform::removeMessageFile(u"Quill Mere"_s);
+    platform.registerMessageFile(u"Quill Mere"_s, file);
+    platform.removeMessageFile(u"Quill Mere"_s);
     QVERIFY(!QFile::exists(file));
 }
 

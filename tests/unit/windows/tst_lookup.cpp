@@ -43,7 +43,7 @@ BOOL WINAPI recording(HWND owner, wchar_t *path, int folder, BOOL create)
 }
 
 template<typename Function>
-Platform::Resolver giving(Function function)
+Windows::Resolver giving(Function function)
 {
     return [function](const char *name) {
         return qstrcmp(name, "SHGetSpecialFolderPathW") == 0 ? reinterpret_cast<QFunctionPointer>(function)
@@ -64,7 +64,7 @@ private slots:
         QList<QByteArray> missing;
         QLibrary advapi32(u"advapi32"_s);
         Scm::Functions functions{};
-        Platform::provide(functions, [&](const char *name) {
+        Windows::provide(functions, [&](const char *name) {
             const QFunctionPointer function = advapi32.resolve(name);
             names.append(name);
             if (!function) {
@@ -104,16 +104,16 @@ private slots:
     void functionsThatTheSystemLacksAreNull()
     {
         Scm::Functions functions{};
-        Platform::provide(functions);
+        platform.provide(functions);
         QVERIFY(functions.openScManager);
-        Platform::provide(functions, nothing);
+        Windows::provide(functions, nothing);
         QVERIFY(!functions.openScManager);
         QVERIFY(!functions.queryServiceConfig2);
     }
 
     void folderIsThatOfAllUsersAndIsNotMade()
     {
-        const std::optional<QString> folder = Platform::commonDataFolder(giving(recording));
+        const std::optional<QString> folder = Windows::commonDataFolder(giving(recording));
         QVERIFY(folder.has_value());
         QCOMPARE(folder.value(), u"D:\\Data"_s);
         QCOMPARE(seen.owner, HWND(nullptr));
@@ -123,19 +123,19 @@ private slots:
 
     void folderOfThisSystemIsThere()
     {
-        const std::optional<QString> folder = Platform::commonDataFolder();
+        const std::optional<QString> folder = platform.commonDataFolder();
         QVERIFY(folder.has_value());
         QVERIFY(QDir(folder.value()).exists());
     }
 
     void thereIsNoFolderWhereTheFunctionIsMissing()
     {
-        QVERIFY(!Platform::commonDataFolder(nothing).has_value());
+        QVERIFY(!Windows::commonDataFolder(nothing).has_value());
     }
 
     void folderIsEmptyWhereTheFunctionFails()
     {
-        const std::optional<QString> folder = Platform::commonDataFolder(giving(failing));
+        const std::optional<QString> folder = Windows::commonDataFolder(giving(failing));
         QVERIFY(folder.has_value());
         QVERIFY(folder->isEmpty());
     }
