@@ -3,6 +3,7 @@
 
 #include "service/linux/errors.h"
 #include "service/platform.h"
+#include "service/semaphore.h"
 
 #include <QDir>
 #include <QElapsedTimer>
@@ -26,6 +27,9 @@ private slots:
     void lastErrorIsTheThreadsOwn();
     void executableIsThisProgram();
     void sleepLastsAtLeastAsLong();
+    void waitForStartEndsWithTheReleaseOrTheTime();
+    void waitForEndEndsWithTheThreadOrTheTime();
+    void functionsAreThereFromTheFirstUseOn();
     void dataFolderIsTheSystemsUnlessNamed();
     void journalNeedsNoMessageFile();
 };
@@ -72,6 +76,33 @@ void TestPlatform::sleepLastsAtLeastAsLong()
     spent.start();
     platform.sleep(20);
     QVERIFY(spent.nsecsElapsed() >= 20'000'000);
+}
+
+void TestPlatform::waitForStartEndsWithTheReleaseOrTheTime()
+{
+    Semaphore start;
+    QVERIFY(!platform.waitForStart(start, 1));
+    start.release();
+    QVERIFY(platform.waitForStart(start, 60'000));
+}
+
+void TestPlatform::waitForEndEndsWithTheThreadOrTheTime()
+{
+    Semaphore end;
+    const std::unique_ptr<QThread> thread(QThread::create([&] { end.acquire(); }));
+    thread->start();
+    const bool endedBefore = platform.waitForEnd(*thread, 1);
+    end.release();
+    QVERIFY(platform.waitForEnd(*thread, 60'000));
+    QVERIFY(!endedBefore);
+}
+
+void TestPlatform::functionsAreThereFromTheFirstUseOn()
+{
+    QVERIFY(!platform.scm.openScManager);
+    QVERIFY(platform.scmAvailable());
+    QVERIFY(platform.scm.openScManager);
+    QVERIFY(platform.scm.registerEventSource);
 }
 
 void TestPlatform::dataFolderIsTheSystemsUnlessNamed()
