@@ -3,15 +3,16 @@
 
 #include "service/linux/controlsocket.h"
 
+#include "service/linux/errors.h"
+
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
 #include <unistd.h>
 
-#include <algorithm>
-#include <array>
 #include <cerrno>
 #include <cstring>
+#include <optional>
 
 namespace Linux {
 
@@ -19,21 +20,94 @@ namespace {
 
 constexpr int AcceptPauseMilliseconds = 1000;
 
-int listenAt(const QByteArray &path)
+static_assert(sizeof(ControlAnswer) == 4 * sizeof(Scm::Dword)); // no padding
+
+// Nothing when the path is too long for one.
+std::optional<sockaddr_un> addressOf(const QByteArray &path)
 {
     sockaddr_un address{};
     address.sun_family = AF_UNIX;
     if (static_cast<size_t>(path.size()) >= sizeof(address.sun_path)) {
-        return -1;
+        return std::nullopt;
     }
     std::memcpy(address.sun_path, path.constData(), static_cast<size_t>(path.size()));
-    const int descriptor = ::socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
+    return address;
+}
+
+int makeSocket()
+{
+    return ::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
+}
+
+enum class Received { Nothing, Packet, Other };
+
+// Other: a packet of another size, or the end of the connection. MSG_TRUNC makes recv() tell a longer one's
+// whole size.
+template<typename Packet>
+Received receive(int descriptor, Packet &packet)
+{
+    const ssize_t size = ::recv(descriptor, &packet, sizeof(packet), MSG_TRUNC);
+    if (size < 0 && (errno == EAGAIN || errno == EINTR)) {
+        return Received::Nothing;
+    }
+    return size == sizeof(packet) ? Received::Packet : Received::Other;
+}
+
+// The first packet on a connection always fits into its buffer.
+template<typename Packet>
+bool send(int descriptor, const Packet &packet)
+{
+    return ::send(descriptor, &packet, sizeof(packet), MSG_NOSIGNAL) == sizeof(packet);
+}
+
+ControlAnswer failed(Scm::Dword error)
+{
+    return {error, 0, 0, 0};
+}
+
+// The error of connecting, 0 when connected.
+Scm::Dword connectTo(int descriptor, const QByteArray &path)
+{
+    const auto address = addressOf(path);
+    if (!address) {
+        return Scm::ErrorServiceNotActive; // the service could not listen there either
+    }
+    if (::connect(descriptor, reinterpret_cast<const sockaddr *>(&*address), sizeof(*address)) == 0) {
+        return 0;
+    }
+    switch (errno) {
+    case EACCES:
+    case EPERM:
+        return Scm::ErrorAccessDenied;
+    case EAGAIN: // its backlog is full
+        return ErrorRequestTimeout;
+    default:
+        return Scm::ErrorServiceNotActive;
+    }
+}
+
+ControlAnswer exchange(int descriptor, Scm::Dword control, const QDeadlineTimer &deadline)
+{
+    ControlAnswer answer;
+    Received received = send(descriptor, control) ? Received::Nothing : Received::Other;
+    while (received == Received::Nothing && !deadline.hasExpired()) {
+        pollfd wait = {descriptor, POLLIN, 0};
+        (void)::poll(&wait, 1, static_cast<int>(deadline.remainingTime()));
+        received = receive(descriptor, answer);
+    }
+    return received == Received::Packet ? answer : failed(ErrorRequestTimeout);
+}
+
+int listenAt(const QByteArray &path)
+{
+    const auto address = addressOf(path);
+    const int descriptor = address ? makeSocket() : -1;
     if (descriptor < 0) {
         return -1;
     }
     ::unlink(path.constData());
     // Nobody can connect before listen(), so the mode is right from the first connection on.
-    if (::bind(descriptor, reinterpret_cast<const sockaddr *>(&address), sizeof(address)) != 0 ||
+    if (::bind(descriptor, reinterpret_cast<const sockaddr *>(&*address), sizeof(*address)) != 0 ||
         ::chmod(path.constData(), S_IRUSR | S_IWUSR) != 0 || ::listen(descriptor, SOMAXCONN) != 0) {
         ::close(descriptor);
         return -1;
@@ -41,7 +115,40 @@ int listenAt(const QByteArray &path)
     return descriptor;
 }
 
+// The file's mode says the same; this holds even where somebody has widened it.
+bool admits(int descriptor)
+{
+    ucred peer{};
+    socklen_t size = sizeof(peer);
+    return ::getsockopt(descriptor, SOL_SOCKET, SO_PEERCRED, &peer, &size) == 0 &&
+           (peer.uid == 0 || peer.uid == ::geteuid());
+}
+
+// False: the client has sent nothing yet.
+bool isFinished(int descriptor, const ControlSocket::Handler &handler)
+{
+    Scm::Dword control = 0;
+    const Received received = receive(descriptor, control);
+    if (received == Received::Packet) {
+        (void)send(descriptor, handler(control)); // a client that is gone misses it
+    }
+    return received != Received::Nothing;
+}
+
 } // namespace
+
+ControlAnswer sendControl(const QByteArray &socketPath, Scm::Dword control, int milliseconds)
+{
+    const int descriptor = makeSocket();
+    if (descriptor < 0) {
+        return failed(ErrorRequestTimeout);
+    }
+    const Scm::Dword error = connectTo(descriptor, socketPath);
+    const ControlAnswer answer =
+        error ? failed(error) : exchange(descriptor, control, QDeadlineTimer(milliseconds));
+    ::close(descriptor);
+    return answer;
+}
 
 ControlSocket::ControlSocket(const QByteArray &path) : file(path), listener(listenAt(path))
 {
@@ -87,7 +194,7 @@ void ControlSocket::serve(const Handler &handler)
     }
     acceptAll(handler);
     for (auto connection = connections.begin(); connection != connections.end();) {
-        if (isFinished(*connection, handler) || connection->deadline.hasExpired()) {
+        if (isFinished(connection->descriptor, handler) || connection->deadline.hasExpired()) {
             ::close(connection->descriptor);
             connection = connections.erase(connection);
         } else {
@@ -111,8 +218,7 @@ void ControlSocket::acceptAll(const Handler &handler)
             continue;
         }
         // What has already sent its request is answered at once, so that no crowd can drop it.
-        Connection connection{descriptor, {}, QDeadlineTimer(PatienceMilliseconds)};
-        if (!admits(descriptor) || isFinished(connection, handler)) {
+        if (!admits(descriptor) || isFinished(descriptor, handler)) {
             ::close(descriptor);
             continue;
         }
@@ -120,39 +226,8 @@ void ControlSocket::acceptAll(const Handler &handler)
             ::close(connections.front().descriptor);
             connections.pop_front();
         }
-        connections.push_back(std::move(connection));
+        connections.push_back({descriptor, QDeadlineTimer(PatienceMilliseconds)});
     }
-}
-
-// The file's mode says the same; this holds even where somebody has widened it.
-bool ControlSocket::admits(int descriptor) const
-{
-    ucred peer{};
-    socklen_t size = sizeof(peer);
-    return ::getsockopt(descriptor, SOL_SOCKET, SO_PEERCRED, &peer, &size) == 0 &&
-           (peer.uid == 0 || peer.uid == ::geteuid());
-}
-
-bool ControlSocket::isFinished(Connection &connection, const Handler &handler) const
-{
-    std::array<char, MaximumRequest> buffer{};
-    const auto room = static_cast<size_t>(MaximumRequest - connection.received.size());
-    const ssize_t count = ::recv(connection.descriptor, buffer.data(), room, 0);
-    if (count < 0) {
-        return errno != EAGAIN && errno != EINTR;
-    }
-    connection.received.append(buffer.data(), count);
-    const qsizetype end = connection.received.indexOf('\n');
-    if (end < 0) {
-        return count == 0 || connection.received.size() == MaximumRequest;
-    }
-    if (const auto control = parseRequest(connection.received.first(end))) {
-        const QByteArray answer = answerLine(handler(*control));
-        // The first bytes on a connection always fit into its buffer; a client that is gone misses them.
-        (void)::send(connection.descriptor, answer.constData(), static_cast<size_t>(answer.size()),
-                     MSG_NOSIGNAL);
-    }
-    return true;
 }
 
 } // namespace Linux

@@ -1,11 +1,12 @@
 // SPDX-FileCopyrightText: 2026 The Quillmere developers
 // SPDX-License-Identifier: MIT
 
-// The service's end of its control socket. It never waits for a client: what a client may cost is a few bytes
-// and a few seconds. It must not be moved between threads while in use.
+// Both ends of the socket by which a running service is sent controls. A connection carries one packet each
+// way: the control's number, then a ControlAnswer. Both ends are one program on one machine, so a packet is
+// the value as it lies in memory, and its size is all there is to check.
 #pragma once
 
-#include "service/linux/controlprotocol.h"
+#include "service/scm.h"
 
 #include <QByteArray>
 #include <QDeadlineTimer>
@@ -18,6 +19,26 @@
 
 namespace Linux {
 
+constexpr auto ControlSocketName = "/control"; // below the service's runtime directory
+constexpr int AnswerMilliseconds = 30000;      // what Windows gives a service to answer a control
+
+// The stop control is only asked for here, never carried out: a service that accepts it answers 0, and
+// systemd then stops it.
+struct ControlAnswer
+{
+    Scm::Dword error = 0; // 0: the control was carried out
+    Scm::Dword state = 0;
+    Scm::Dword controlsAccepted = 0;
+    Scm::Dword exitCode = 0;
+};
+
+// Sends the control and waits for the answer. Without one the answer's error tells why: access denied;
+// service not active (nothing listens there); request time-out.
+ControlAnswer sendControl(const QByteArray &socketPath, Scm::Dword control,
+                          int milliseconds = AnswerMilliseconds);
+
+// The service's end. It never waits for a client: what a client may cost is a descriptor and a few seconds.
+// It must not be moved between threads while in use.
 class ControlSocket
 {
 public:
@@ -39,25 +60,22 @@ public:
     void appendTo(std::vector<pollfd> &descriptors) const;
     int patience() const;
 
-    // Does what can be done without waiting; handler is called once for each whole request.
+    // Does what can be done without waiting; handler is called once for each request.
     void serve(const Handler &handler);
 
 private:
     struct Connection
     {
         int descriptor;
-        QByteArray received;
         QDeadlineTimer deadline;
     };
 
     void acceptAll(const Handler &handler);
-    bool admits(int descriptor) const;
-    bool isFinished(Connection &connection, const Handler &handler) const;
 
     QByteArray file;
     int listener = -1;
     QDeadlineTimer acceptAgain{0};     // after an accept error
-    std::list<Connection> connections; // oldest first
+    std::list<Connection> connections; // oldest first; none has sent anything
 };
 
 } // namespace Linux

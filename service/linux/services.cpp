@@ -4,7 +4,7 @@
 #include "service/linux/services.h"
 
 #include "service/linux/account.h"
-#include "service/linux/controlclient.h"
+#include "service/linux/controlsocket.h"
 #include "service/linux/errors.h"
 #include "service/linux/startparameters.h"
 #include "service/linux/systemd.h"

@@ -6,8 +6,6 @@ pkg_check_modules(SYSTEMD REQUIRED IMPORTED_TARGET GLOBAL libsystemd)
 
 target_sources(quillmere_service PRIVATE
     linux/account.cpp
-    linux/controlclient.cpp
-    linux/controlprotocol.cpp
     linux/controlsocket.cpp
     linux/dispatcher.cpp
     linux/errors.cpp

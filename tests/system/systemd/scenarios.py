@@ -8,6 +8,7 @@ import os
 import shutil
 import sqlite3
 import stat
+import struct
 import subprocess
 import sys
 import time
@@ -206,16 +207,20 @@ def with_account(host):
     host.radio("register", ESN)
     host.has_record(f"Radio {ESN} with SUID", EVENT_ID="3221225473")
 
-    probe = ("import socket,sys; s=socket.socket(socket.AF_UNIX); s.settimeout(20); s.connect(sys.argv[1]); "
-             "s.sendall(sys.argv[2].encode()); sys.stdout.buffer.write(s.recv(100))")
+    probe = ("import socket,struct,sys; s=socket.socket(socket.AF_UNIX, socket.SOCK_SEQPACKET); s.settimeout(20); "
+             "s.connect(sys.argv[1]); s.send(struct.pack('=I', int(sys.argv[2]))); "
+             "sys.stdout.buffer.write(s.recv(100))")
 
     def ask(user, control):
-        return host.container.run("/usr/bin/python3", "-c", probe, SOCKET, control, user=user)
+        return host.container.run("/usr/bin/python3", "-c", probe, SOCKET, str(control), user=user)
 
-    host.check(ask(ACCOUNT, "200\n").stdout == b"0 4 1 0\n", "the account can send a user code")
-    host.check(ask(ACCOUNT, "2\n").stdout == b"1052 4 1 0\n", "a pause is refused with 1052")
-    host.check(ask(ACCOUNT, "999\n").stdout == b"87 4 1 0\n", "an unknown control is refused")
-    host.check(b"PermissionError" in ask(STRANGER, "200\n").stderr, "nobody else can open the control socket")
+    def answer(error):
+        return struct.pack("=4I", error, 4, 1, 0)
+
+    host.check(ask(ACCOUNT, 200).stdout == answer(0), "the account can send a user code")
+    host.check(ask(ACCOUNT, 2).stdout == answer(1052), "a pause is refused with 1052")
+    host.check(ask(ACCOUNT, 999).stdout == answer(87), "an unknown control is refused")
+    host.check(b"PermissionError" in ask(STRANGER, 200).stderr, "nobody else can open the control socket")
     host.container.run(PROGRAM, "-t", user=STRANGER)
     host.check(host.property("ActiveState") == "active", "nobody else can stop the service")
     host.status(RUNNING, user=STRANGER)
@@ -235,33 +240,42 @@ def abused_socket(host):
     host.start()
     pid = host.property("MainPID")
     script = r"""
-import os, socket, sys
+import os, socket, struct, sys
 def client():
-    s = socket.socket(socket.AF_UNIX); s.settimeout(20); s.connect(sys.argv[1]); return s
-for junk in (b"\0" * 64, b"128", b"-1\n", b"1e3\n", b"99999999999999\n", b"\n", os.urandom(5000), b"200 \n"):
+    s = socket.socket(socket.AF_UNIX, socket.SOCK_SEQPACKET); s.settimeout(20); s.connect(sys.argv[1]); return s
+def request(control):
+    return struct.pack("=I", control)
+def answer(error):
+    return struct.pack("=4I", error, 4, 1, 0)
+for junk in ([b"\0" * 64], [b""], [b"128"], [b"-1\n"], [request(200) + b"\0"], [request(200) * 2], [os.urandom(5000)],
+             [request(200)[:2], request(200)[2:]]):
     s = client()
     try:
-        s.sendall(junk)
+        for packet in junk:
+            s.send(packet)
         s.shutdown(socket.SHUT_WR)
         assert s.recv(100) == b"", junk
     except (ConnectionResetError, BrokenPipeError):
         pass
     s.close()
+for unknown in (0, 999, 0x1000000, 2**32 - 1):
+    s = client()
+    s.send(request(unknown))
+    assert s.recv(100) == answer(87), unknown
 silent = [client() for _ in range(200)]
 for i, s in enumerate(silent[100:]):
     try:
-        s.sendall(b"20" if i % 2 else b"201\n")
+        s.send(b"20" if i % 2 else request(201))
     except (ConnectionResetError, BrokenPipeError):
         pass
 last = client()
-last.sendall(b"1")
-last.sendall(b"99\n")
-assert last.recv(100) == b"0 4 1 0\n"
+last.send(request(199))
+assert last.recv(100) == answer(0)
 for i in range(500):
-    s = client(); s.sendall(b"4\n"); s.close()
+    s = client(); s.send(request(4)); s.close()
 last = client()
-last.sendall(b"4\n")
-assert last.recv(100) == b"0 4 1 0\n"
+last.send(request(4))
+assert last.recv(100) == answer(0)
 """
     result = host.container.run("/usr/bin/python3", "-c", script, SOCKET)
     host.check(result.returncode == 0, "every client that asks is answered", result.stderr.decode())

@@ -3,12 +3,12 @@
 
 #include "service/linux/controlsocket.h"
 
-#include "service/linux/controlclient.h"
 #include "service/linux/errors.h"
 
 #include <QFile>
 #include <QTemporaryDir>
 #include <QTest>
+#include <QtEndian>
 
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -17,8 +17,13 @@
 
 #include <array>
 #include <atomic>
+#include <csignal>
 #include <cstring>
+#include <functional>
+#include <initializer_list>
+#include <memory>
 #include <thread>
+#include <vector>
 
 using namespace Qt::StringLiterals;
 using namespace Linux;
@@ -28,7 +33,7 @@ namespace {
 class Client
 {
 public:
-    explicit Client(const QByteArray &path) : descriptor(::socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK, 0))
+    explicit Client(const QByteArray &path) : descriptor(::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_NONBLOCK, 0))
     {
         sockaddr_un address{};
         address.sun_family = AF_UNIX;
@@ -38,9 +43,9 @@ public:
     ~Client() { ::close(descriptor); }
     Q_DISABLE_COPY_MOVE(Client)
 
-    void send(const QByteArray &bytes) const
+    void send(const QByteArray &packet) const
     {
-        (void)::send(descriptor, bytes.constData(), static_cast<size_t>(bytes.size()), MSG_NOSIGNAL);
+        (void)::send(descriptor, packet.constData(), static_cast<size_t>(packet.size()), MSG_NOSIGNAL);
     }
     void finish() const { ::shutdown(descriptor, SHUT_WR); }
     QByteArray received() const
@@ -62,9 +67,21 @@ private:
     int descriptor;
 };
 
+// The packets as bytes, built here and not by the code under test.
+QByteArray packet(std::initializer_list<Scm::Dword> numbers)
+{
+    QByteArray bytes;
+    for (const Scm::Dword number : numbers) {
+        std::array<char, 4> field{};
+        qToUnaligned(number, field.data());
+        bytes.append(field.data(), field.size());
+    }
+    return bytes;
+}
+
 int listenAt(const QByteArray &path, int backlog)
 {
-    const int descriptor = ::socket(AF_UNIX, SOCK_STREAM, 0);
+    const int descriptor = ::socket(AF_UNIX, SOCK_SEQPACKET, 0);
     sockaddr_un address{};
     address.sun_family = AF_UNIX;
     std::memcpy(address.sun_path, path.constData(), static_cast<size_t>(path.size()));
@@ -75,6 +92,46 @@ int listenAt(const QByteArray &path, int backlog)
     return descriptor;
 }
 
+// The other end of one sendControl().
+class ScriptedService
+{
+public:
+    explicit ScriptedService(const QByteArray &path) : listener(listenAt(path, 10)) {}
+    ~ScriptedService()
+    {
+        if (thread.joinable()) {
+            thread.join();
+        }
+        ::close(listener);
+    }
+    Q_DISABLE_COPY_MOVE(ScriptedService)
+
+    // first: what it does between the request and the answer.
+    void answersOnce(
+        const QByteArray &bytes, const std::function<void()> &first = [] {})
+    {
+        thread = std::thread([this, bytes, first] {
+            const int connection = ::accept(listener, nullptr, nullptr);
+            std::array<char, 256> buffer{};
+            const ssize_t count = ::recv(connection, buffer.data(), buffer.size(), 0);
+            received = {buffer.data(), std::max<ssize_t>(count, 0)};
+            first();
+            (void)::send(connection, bytes.constData(), static_cast<size_t>(bytes.size()), MSG_NOSIGNAL);
+            ::close(connection);
+        });
+    }
+    QByteArray request()
+    {
+        thread.join();
+        return received;
+    }
+
+private:
+    int listener;
+    QByteArray received;
+    std::thread thread;
+};
+
 } // namespace
 
 class TestControlSocket : public QObject
@@ -84,13 +141,12 @@ class TestControlSocket : public QObject
 private slots:
     void init();
     void cleanup();
-    void protocolLines_data();
-    void protocolLines();
     void answersARequest();
-    void answersARequestInPieces();
-    void closesOnGarbage_data();
-    void closesOnGarbage();
-    void keepsAnUnfinishedRequestWaiting();
+    void closesOnAnotherSize_data();
+    void closesOnAnotherSize();
+    void handsAnyControlOn_data();
+    void handsAnyControlOn();
+    void keepsASilentClientWaiting();
     void oneRequestAConnection();
     void manyConnectionsDropTheOldest();
     void silentConnectionsExpire();
@@ -99,6 +155,10 @@ private slots:
     void replacesAFileLeftBehind();
     void withoutAPathThereIsNoSocket();
     void acceptErrorPausesAccepting();
+    void clientIsAnswered();
+    void clientTakesNoAnswerOfAnotherSize_data();
+    void clientTakesNoAnswerOfAnotherSize();
+    void clientWaitsThroughSignals();
     void clientWithoutAService();
     void clientOfAServiceThatNeverAnswers();
     void clientOfAServiceThatHangsUp();
@@ -112,7 +172,7 @@ private:
     {
         socket->serve([this](Scm::Dword control) {
             controls.append(control);
-            return ControlAnswer{0, Scm::StateRunning, 1, 0};
+            return ControlAnswer{1052, 4, 3, 7};
         });
     }
 
@@ -138,96 +198,73 @@ void TestControlSocket::cleanup()
     folder.reset();
 }
 
-void TestControlSocket::protocolLines_data()
-{
-    QTest::addColumn<QByteArray>("line");
-    QTest::addColumn<int>("control"); // -1: none
-    QTest::newRow("stop") << QByteArray("1") << 1;
-    QTest::newRow("user code") << QByteArray("255") << 255;
-    QTest::newRow("empty") << QByteArray() << -1;
-    QTest::newRow("sign") << QByteArray("+1") << -1;
-    QTest::newRow("negative") << QByteArray("-1") << -1;
-    QTest::newRow("blank") << QByteArray("1 ") << -1;
-    QTest::newRow("too large") << QByteArray("4294967296") << -1;
-    QTest::newRow("hexadecimal") << QByteArray("0x80") << -1;
-    QTest::newRow("zero byte") << QByteArray("1\0", 2) << -1;
-}
-
-void TestControlSocket::protocolLines()
-{
-    QFETCH(QByteArray, line);
-    QFETCH(int, control);
-    const auto parsed = parseRequest(line);
-    QCOMPARE(parsed ? static_cast<int>(*parsed) : -1, control);
-    QCOMPARE(requestLine(200), QByteArray("200\n"));
-    QCOMPARE(answerLine({1052, 4, 1, 0}), QByteArray("1052 4 1 0\n"));
-    const auto answer = parseAnswer("1052 4 3 7");
-    QVERIFY(answer);
-    QCOMPARE(answer->error, 1052u);
-    QCOMPARE(answer->state, 4u);
-    QCOMPARE(answer->controlsAccepted, 3u);
-    QCOMPARE(answer->exitCode, 7u);
-    for (const char *bad : {"", "1", "1 2 3", "1 2 3 4 5", "a 2 3 4", "1 2  4", "1 2 3 -4"}) {
-        QVERIFY2(!parseAnswer(bad), bad);
-    }
-}
-
 void TestControlSocket::answersARequest()
 {
     const Client client(path);
-    client.send("200\n");
+    client.send(packet({200}));
     serve();
     QCOMPARE(controls, QList<Scm::Dword>{200});
-    QCOMPARE(client.received(), QByteArray("0 4 1 0\n"));
+    QCOMPARE(client.received(), packet({1052, 4, 3, 7}));
     QVERIFY(client.isClosed());
     QCOMPARE(socket->patience(), -1);
 }
 
-void TestControlSocket::answersARequestInPieces()
-{
-    const Client client(path);
-    for (const char *piece : {"2", "0", "0"}) {
-        client.send(piece);
-        serve();
-        QVERIFY(controls.isEmpty());
-        QVERIFY(!client.isClosed());
-    }
-    client.send("\n");
-    serve();
-    QCOMPARE(controls, QList<Scm::Dword>{200});
-    QCOMPARE(client.received(), QByteArray("0 4 1 0\n"));
-}
-
-void TestControlSocket::closesOnGarbage_data()
+void TestControlSocket::closesOnAnotherSize_data()
 {
     QTest::addColumn<QByteArray>("bytes");
-    QTest::newRow("text") << QByteArray("hello\n");
-    QTest::newRow("zero bytes") << QByteArray(16, '\0');
-    QTest::newRow("no line end") << QByteArray(16, '1');
+    QTest::newRow("empty") << QByteArray();
+    QTest::newRow("one byte") << QByteArray("\xC8");
+    QTest::newRow("one byte less") << packet({200}).first(3);
+    QTest::newRow("one byte more") << packet({200}) + '\0';
+    QTest::newRow("twice") << packet({200, 200});
+    QTest::newRow("an answer") << packet({0, 4, 1, 0});
+    QTest::newRow("text") << QByteArray("200\n2");
     QTest::newRow("much") << QByteArray(100000, 'x');
-    QTest::newRow("empty line") << QByteArray("\n");
-    QTest::newRow("negative") << QByteArray("-1\n");
 }
 
-void TestControlSocket::closesOnGarbage()
+void TestControlSocket::closesOnAnotherSize()
 {
     QFETCH(QByteArray, bytes);
-    const Client client(path);
-    client.send(bytes);
+    const Client atOnce(path);
+    atOnce.send(bytes);
+    const Client later(path);
     serve();
-    QVERIFY(client.isClosed());
+    QVERIFY(!later.isClosed());
+    later.send(bytes);
+    serve();
+    for (const Client *client : {&atOnce, &later}) {
+        QVERIFY(client->received().isEmpty());
+        QVERIFY(client->isClosed());
+    }
     QVERIFY(controls.isEmpty());
     const Client next(path);
-    next.send("4\n");
+    next.send(packet({4}));
     serve();
     QCOMPARE(controls, QList<Scm::Dword>{4});
 }
 
-void TestControlSocket::keepsAnUnfinishedRequestWaiting()
+// Which of them is a control is the handler's affair.
+void TestControlSocket::handsAnyControlOn_data()
+{
+    QTest::addColumn<uint>("control");
+    for (const uint control : {0u, 1u, 255u, 0x01020304u, 0xFFFFFFFFu}) {
+        QTest::addRow("%u", control) << control;
+    }
+}
+
+void TestControlSocket::handsAnyControlOn()
+{
+    QFETCH(uint, control);
+    const Client client(path);
+    client.send(packet({control}));
+    serve();
+    QCOMPARE(controls, QList<Scm::Dword>{control});
+}
+
+void TestControlSocket::keepsASilentClientWaiting()
 {
     const Client silent(path);
     const Client ended(path);
-    ended.send("20");
     ended.finish();
     serve();
     serve();
@@ -235,12 +272,17 @@ void TestControlSocket::keepsAnUnfinishedRequestWaiting()
     QVERIFY(ended.isClosed());
     QVERIFY(controls.isEmpty());
     QVERIFY(socket->patience() >= 0);
+    silent.send(packet({200}));
+    serve();
+    QCOMPARE(silent.received(), packet({1052, 4, 3, 7}));
+    QVERIFY(silent.isClosed());
 }
 
 void TestControlSocket::oneRequestAConnection()
 {
     const Client client(path);
-    client.send("200\n201\n");
+    client.send(packet({200}));
+    client.send(packet({201}));
     serve();
     serve();
     QCOMPARE(controls, QList<Scm::Dword>{200});
@@ -259,7 +301,7 @@ void TestControlSocket::manyConnectionsDropTheOldest()
     }
     QVERIFY(clients.front()->isClosed());
     QVERIFY(!clients.back()->isClosed());
-    clients.back()->send("200\n");
+    clients.back()->send(packet({200}));
     serve();
     QCOMPARE(controls, QList<Scm::Dword>{200});
 }
@@ -277,7 +319,7 @@ void TestControlSocket::clientThatIsGoneHarmsNothing()
 {
     for (int i = 0; i < 100; ++i) {
         const Client client(path);
-        client.send("200\n");
+        client.send(packet({200}));
     }
     serve();
     QCOMPARE(controls.size(), 100);
@@ -301,7 +343,7 @@ void TestControlSocket::onlyTheOwnerCanOpenIt()
     const Client stranger(path);
     QCOMPARE(::seteuid(0), 0);
     QVERIFY(stranger.isConnected);
-    stranger.send("200\n");
+    stranger.send(packet({200}));
     serve();
     QVERIFY(stranger.isClosed());
     QVERIFY(controls.isEmpty());
@@ -318,7 +360,8 @@ void TestControlSocket::replacesAFileLeftBehind()
 
 void TestControlSocket::withoutAPathThereIsNoSocket()
 {
-    const QByteArrayList paths = {"/nowhere/control", "/tmp/" + QByteArray(200, 'x')};
+    const QByteArrayList paths = {"/nowhere/control", "/tmp/" + QByteArray(103, 'x'),
+                                  "/tmp/" + QByteArray(200, 'x')}; // an address holds 107 bytes
     for (const QByteArray &bad : paths) {
         ControlSocket none(bad);
         QVERIFY(!none.isOpen());
@@ -347,8 +390,72 @@ void TestControlSocket::acceptErrorPausesAccepting()
     }
     QCOMPARE(waitedFor, 0u); // or the dispatcher would spin
     QVERIFY(patience >= 0);
-    client.send("200\n");
+    client.send(packet({200}));
     QTRY_VERIFY_WITH_TIMEOUT((serve(), !controls.isEmpty()), 60000);
+}
+
+void TestControlSocket::clientIsAnswered()
+{
+    ScriptedService service(path + "2");
+    service.answersOnce(packet({1052, 4, 3, 7}));
+    const ControlAnswer answer = sendControl(path + "2", 200, 60000);
+    QCOMPARE(service.request(), packet({200}));
+    QCOMPARE(answer.error, 1052u);
+    QCOMPARE(answer.state, 4u);
+    QCOMPARE(answer.controlsAccepted, 3u);
+    QCOMPARE(answer.exitCode, 7u);
+}
+
+void TestControlSocket::clientTakesNoAnswerOfAnotherSize_data()
+{
+    QTest::addColumn<QByteArray>("bytes");
+    const QByteArray good = packet({0, 4, 3, 7});
+    QTest::newRow("empty") << QByteArray();
+    QTest::newRow("one byte less") << good.first(15);
+    QTest::newRow("one byte more") << good + '\0';
+    QTest::newRow("twice") << good + good;
+    QTest::newRow("text") << QByteArray("0 4 3 7\n");
+}
+
+void TestControlSocket::clientTakesNoAnswerOfAnotherSize()
+{
+    QFETCH(QByteArray, bytes);
+    ScriptedService service(path + "2");
+    service.answersOnce(bytes);
+    const ControlAnswer answer = sendControl(path + "2", 200, 60000);
+    QCOMPARE(answer.error, Scm::Dword(ErrorRequestTimeout));
+    QCOMPARE(answer.state, 0u);
+    QCOMPARE(answer.controlsAccepted, 0u);
+    QCOMPARE(answer.exitCode, 0u);
+}
+
+void TestControlSocket::clientWaitsThroughSignals()
+{
+    static std::atomic<int> signalsSeen;
+    signalsSeen = 0;
+    struct sigaction before
+    {
+    };
+    struct sigaction counting
+    {
+    };
+    counting.sa_handler = [](int) { ++signalsSeen; };
+    ::sigaction(SIGUSR1, &counting, &before);
+    ScriptedService service(path + "2");
+    const pthread_t client = ::pthread_self();
+    service.answersOnce(packet({0, 4, 3, 7}), [client] {
+        for (int i = 0; i < 100; ++i) {
+            ::pthread_kill(client, SIGUSR1);
+            while (signalsSeen <= i) {
+                std::this_thread::yield();
+            }
+        }
+    });
+    const ControlAnswer answer = sendControl(path + "2", 200, 60000);
+    ::sigaction(SIGUSR1, &before, nullptr);
+    QCOMPARE(signalsSeen.load(), 100);
+    QCOMPARE(answer.error, 0u);
+    QCOMPARE(answer.exitCode, 7u);
 }
 
 void TestControlSocket::clientWithoutAService()

@@ -3,7 +3,7 @@
 
 #include "service/linux/dispatcher.h"
 
-#include "service/linux/controlclient.h"
+#include "service/linux/controlsocket.h"
 #include "service/linux/errors.h"
 #include "service/linux/startparameters.h"
 
