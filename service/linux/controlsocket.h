@@ -20,7 +20,7 @@
 namespace Linux {
 
 constexpr auto ControlSocketName = "/control"; // below the service's runtime directory
-constexpr int AnswerMilliseconds = 30000;      // what Windows gives a service to answer a control
+constexpr int AnswerMilliseconds = 2000;       // a service that has not answered by then is taken for frozen
 
 // The stop control is only asked for here, never carried out: a service that accepts it answers 0, and
 // systemd then stops it.

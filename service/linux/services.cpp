@@ -24,7 +24,6 @@ namespace Linux {
 
 namespace {
 
-constexpr int AnswerMilliseconds = 30000; // what Windows gives a service to answer a control
 constexpr unsigned PollMilliseconds = 50;
 
 // The handle's service; null, and the last error set, when it is none.
@@ -371,8 +370,7 @@ Scm::Bool controlService(Scm::Handle handle, Scm::Dword control, Scm::Status *st
     if (control == Scm::ControlStop) {
         return stop(systemd, status);
     }
-    const ControlAnswer answer =
-        sendControl(runtimeDirectory(*service) + ControlSocketName, control, AnswerMilliseconds);
+    const ControlAnswer answer = sendControl(runtimeDirectory(*service) + ControlSocketName, control);
     if (answer.error != 0) {
         return fail(answer.error);
     }

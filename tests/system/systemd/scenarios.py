@@ -285,6 +285,23 @@ assert last.recv(100) == answer(0)
     host.status(NOT_RUNNING)
 
 
+def frozen(host):
+    """no command waits for a frozen service, which goes on where it was"""
+    host.install()
+    host.start()
+    pid = host.property("MainPID")
+    host.container.run("kill", "-STOP", pid)
+    host.wait(lambda: b"stopped" in host.container.run("grep", "State:", f"/proc/{pid}/status").stdout, "it is frozen")
+    for arguments in (["-c", "5"], ["-p"], ["-r"]):
+        host.quillmere("10", PROGRAM, *arguments, program="timeout")
+    host.container.run("kill", "-CONT", pid)
+    host.quillmere("-c", "5")
+    host.radio("register", ESN)
+    host.check(host.property("MainPID") == pid, "the service runs on")
+    host.quillmere("-t")
+    host.status(NOT_RUNNING)
+
+
 def places(host):
     """from other directories, through links, from odd paths and with non-ASCII arguments"""
     odd = "/opt/Funk Größe/50% \"of\" $HOME\\x/quillmere"
@@ -456,5 +473,5 @@ def flood(host):
     host.wait(lambda: recorded() == 60000, "60000 records", 30)
 
 
-SCENARIOS = [whole_life, killed, with_account, abused_socket, places, unusable_database, uninstalled_while_running,
-             by_systemctl, signals, full_disk, new_unit, foreground, no_bus, flood]
+SCENARIOS = [whole_life, killed, with_account, abused_socket, frozen, places, unusable_database,
+             uninstalled_while_running, by_systemctl, signals, full_disk, new_unit, foreground, no_bus, flood]

@@ -87,6 +87,7 @@ private slots:
     void refusedControlTellsWhy();
     void controlOfAServiceThatDoesNotRun();
     void controlOfAServiceThatDoesNotListen();
+    void controlOfAFrozenService();
     void stopIsSystemdsAlone();
     void stopWithoutRights();
 
@@ -292,6 +293,21 @@ void TestServiceControl::controlOfAServiceThatDoesNotListen()
     QCOMPARE(Linux::lastError(), Scm::Dword(Scm::ErrorServiceNotActive));
     QCOMPARE(controlService(&handle, Scm::ControlStop, &status), 1); // it can be stopped nevertheless
     QCOMPARE(systemd->calls(), QByteArrayList{"StopUnit quill-mere.service replace"});
+}
+
+// It listens, so that clients can connect and send, and never answers.
+void TestServiceControl::controlOfAFrozenService()
+{
+    systemd->shows(Shown::Running);
+    QVERIFY(QDir(systemd->runtimeFolder()).mkpath(u"quill-mere"_s));
+    const ControlSocket frozen(QFile::encodeName(systemd->runtimeFolder() + u"/quill-mere") +
+                               ControlSocketName);
+    QVERIFY(frozen.isOpen());
+    QCOMPARE_LE(AnswerMilliseconds, 2000);
+    for (const Scm::Dword control : {2u, 3u, 200u}) {
+        QVERIFY(!controlService(&handle, control, &status));
+        QCOMPARE(Linux::lastError(), Scm::Dword(ErrorRequestTimeout));
+    }
 }
 
 void TestServiceControl::stopIsSystemdsAlone()
