@@ -6,6 +6,7 @@
 #include "service/linux/controlsocket.h"
 #include "service/linux/errors.h"
 #include "service/linux/startparameters.h"
+#include "service/linux/stopsignals.h"
 #include "service/linux/systemd.h"
 #include "service/linux/unitfile.h"
 
@@ -19,11 +20,10 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <array>
 #include <atomic>
-#include <cerrno>
-#include <csignal>
+#include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <thread>
 #include <vector>
@@ -32,17 +32,28 @@ namespace Linux {
 
 namespace {
 
-// Shared by the dispatcher, the thread of the service main function and whoever reports a status. It outlives
-// the dispatcher: a thread may still report while the process ends.
+// What the service has told so far.
+struct Told
+{
+    Scm::ControlHandler handler = nullptr;
+    std::optional<Scm::Status> status;
+
+    bool isReady() const
+    {
+        return handler && status && status->currentState != Scm::StateStartPending &&
+               status->currentState != Scm::StateStopPending;
+    }
+    bool hasStopped() const { return status && status->currentState == Scm::StateStopped; }
+};
+
+// Shared by the dispatcher and whoever reports a status. It outlives the dispatcher: a thread may still
+// report while the process ends.
 struct Service
 {
+    const int wake = ::eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC); // the dispatcher is to look again
     std::mutex mutex;
     bool isDispatched = false;
-    bool mainHasReturned = false;
-    Scm::ControlHandler handler = nullptr;
-    Scm::Status status{};
-    bool hasStatus = false;
-    int wake = -1; // an eventfd: something above has changed
+    Told told;
 };
 
 Service &service()
@@ -51,61 +62,67 @@ Service &service()
     return *only;
 }
 
-std::atomic<int> stopEvent{-1}; // an eventfd: SIGTERM or SIGINT has come
-
-void raiseEvent(int descriptor)
+Told told()
 {
-    ::eventfd_write(descriptor, 1);
+    const std::lock_guard lock(service().mutex);
+    return service().told;
 }
 
-bool takeEvent(int descriptor)
-{
-    eventfd_t count = 0;
-    return ::read(descriptor, &count, sizeof(count)) == sizeof(count);
-}
-
-extern "C" void onTerminate(int)
-{
-    const int saved = errno;
-    raiseEvent(stopEvent.load());
-    errno = saved;
-}
-
-// systemd takes the end by any of these for a clean exit, and would not start the service again. Two of them
-// stop it in good order; a terminal's hang-up is no reason to stop.
-class Signals
+// The service main function, on a thread of its own. A function that hangs outlives this object, with copies
+// of all that it was given.
+class MainThread
 {
 public:
-    Signals()
+    MainThread(const Scm::TableEntry &entry, const QByteArray &runtimeDirectory)
+        : returned(std::make_shared<std::atomic<bool>>(false))
     {
-        for (Handled &one : handled) {
-            struct sigaction action
-            {
-            };
-            action.sa_handler = one.handler;
-            action.sa_flags = SA_RESTART;
-            ::sigaction(one.number, &action, &one.before);
+        // As on Windows the first parameter is the service's name.
+        std::vector<std::u16string> parameters = {entry.name};
+        const QStringList given = takeStartParameters(runtimeDirectory);
+        for (const QString &parameter : given) {
+            parameters.push_back(parameter.toStdU16String());
+        }
+        thread = std::thread(run, entry.main, std::move(parameters), returned);
+    }
+    ~MainThread()
+    {
+        if (hasReturned()) {
+            thread.join();
+        } else {
+            thread.detach();
         }
     }
+    MainThread(const MainThread &) = delete;
+    MainThread &operator=(const MainThread &) = delete;
 
-    void restore() const
-    {
-        for (const Handled &one : handled) {
-            ::sigaction(one.number, &one.before, nullptr);
-        }
-    }
+    bool hasReturned() const { return *returned; }
 
 private:
-    struct Handled
+    static void run(Scm::ServiceMain main, std::vector<std::u16string> parameters,
+                    const std::shared_ptr<std::atomic<bool>> &returned)
     {
-        int number;
-        void (*handler)(int);
-        struct sigaction before;
-    };
+        std::vector<Scm::Char *> argv;
+        argv.reserve(parameters.size() + 1);
+        for (std::u16string &parameter : parameters) {
+            argv.push_back(parameter.data());
+        }
+        argv.push_back(nullptr);
+        main(static_cast<Scm::Dword>(parameters.size()), argv.data());
+        *returned = true;
+        ::eventfd_write(service().wake, 1);
+    }
 
-    std::array<Handled, 3> handled{
-        {{SIGTERM, onTerminate, {}}, {SIGINT, onTerminate, {}}, {SIGHUP, SIG_IGN, {}}}};
+    std::shared_ptr<std::atomic<bool>> returned;
+    std::thread thread;
 };
+
+// systemd names the process it has started beside the socket; a child of some other service only inherits
+// both.
+bool isStartedBySystemd()
+{
+    const QByteArray pid = qgetenv("SYSTEMD_EXEC_PID");
+    return !qgetenv("NOTIFY_SOCKET").isEmpty() && (pid.isEmpty() || pid.toInt() == ::getpid());
+}
 
 // systemd lists there every directory that the unit and its drop-ins name, in an order of its own.
 QByteArray ownRuntimeDirectory(const QString &serviceName)
@@ -117,133 +134,62 @@ QByteArray ownRuntimeDirectory(const QString &serviceName)
     return own != directories.end() ? *own : directories.first();
 }
 
-// systemd names the process it has started beside the socket; a child of some other service only inherits
-// both.
-bool isStartedBySystemd()
+// Whether a service that accepts these takes the control now: 0 or the error.
+Scm::Dword refusal(Scm::Dword control, Scm::Dword accepted)
 {
-    const QByteArray pid = qgetenv("SYSTEMD_EXEC_PID");
-    return !qgetenv("NOTIFY_SOCKET").isEmpty() && (pid.isEmpty() || pid.toInt() == ::getpid());
-}
-
-bool isPending(Scm::Dword state)
-{
-    return state == Scm::StateStartPending || state == Scm::StateStopPending;
-}
-
-// Whether the service takes this control now: 0 or the error.
-Scm::Dword refusal(Scm::Dword control, const Scm::Status &status)
-{
-    if (control >= Scm::ControlUserFirst && control <= Scm::ControlUserLast) {
+    if (control == Scm::ControlInterrogate ||
+        (control >= Scm::ControlUserFirst && control <= Scm::ControlUserLast)) {
         return 0;
     }
-    Scm::Dword needed = 0;
-    switch (control) {
-    case Scm::ControlStop:
-        needed = Scm::AcceptStop;
-        break;
-    case Scm::ControlPause:
-    case Scm::ControlContinue:
-        needed = Scm::AcceptPauseContinue;
-        break;
-    case Scm::ControlInterrogate:
-        return 0;
-    default:
+    if (control < Scm::ControlStop || control > Scm::ControlContinue) {
         return ErrorInvalidParameter;
     }
-    if (!(status.controlsAccepted & needed)) {
+    const Scm::Dword needed = control == Scm::ControlStop ? Scm::AcceptStop : Scm::AcceptPauseContinue;
+    if (!(accepted & needed)) {
         return Scm::ErrorServiceNotAcceptingControl;
     }
     return 0;
 }
 
-// A consistent copy of what the dispatcher decides by.
-struct Snapshot
-{
-    Scm::ControlHandler handler;
-    Scm::Status status;
-    bool hasStatus;
-    bool mainHasReturned;
-
-    bool isReady() const { return handler && hasStatus && !isPending(status.currentState); }
-    bool hasStopped() const { return hasStatus && status.currentState == Scm::StateStopped; }
-};
-
-Snapshot snapshot()
-{
-    Service &s = service();
-    const std::lock_guard lock(s.mutex);
-    return {s.handler, s.status, s.hasStatus, s.mainHasReturned};
-}
-
 ControlAnswer carryOut(Scm::Dword control)
 {
-    const Snapshot before = snapshot();
+    const Told before = told();
     ControlAnswer answer;
-    answer.error = before.isReady() ? refusal(control, before.status) : ErrorCannotAcceptControl;
+    answer.error =
+        before.isReady() ? refusal(control, before.status->controlsAccepted) : ErrorCannotAcceptControl;
     if (answer.error == 0 && control != Scm::ControlStop) {
         before.handler(control);
     }
-    const Scm::Status status = snapshot().status;
-    answer.state = status.currentState;
-    answer.controlsAccepted = status.controlsAccepted;
-    answer.exitCode = status.win32ExitCode;
+    if (const auto status = told().status) {
+        answer.state = status->currentState;
+        answer.controlsAccepted = status->controlsAccepted;
+        answer.exitCode = status->win32ExitCode;
+    }
     return answer;
 }
 
-// Owns its copies: it may outlive the dispatcher when the main function hangs.
-void runServiceMain(Scm::ServiceMain main, std::vector<std::u16string> parameters)
-{
-    std::vector<Scm::Char *> argv;
-    argv.reserve(parameters.size() + 1);
-    for (std::u16string &parameter : parameters) {
-        argv.push_back(parameter.data());
-    }
-    argv.push_back(nullptr);
-    main(static_cast<Scm::Dword>(parameters.size()), argv.data());
-
-    Service &s = service();
-    const std::lock_guard lock(s.mutex);
-    s.mainHasReturned = true;
-    raiseEvent(s.wake);
-}
-
-std::thread startServiceMain(const Scm::TableEntry &entry, const QByteArray &runtimeDirectory)
-{
-    // As on Windows the first parameter is the service's name.
-    std::vector<std::u16string> parameters = {entry.name};
-    const QStringList given = takeStartParameters(runtimeDirectory);
-    for (const QString &parameter : given) {
-        parameters.push_back(parameter.toStdU16String());
-    }
-    return std::thread(runServiceMain, entry.main, std::move(parameters));
-}
-
-// A service that can no longer be told to stop ends as any process does.
-void endByDefault()
-{
-    (void)::signal(SIGTERM, SIG_DFL);
-    (void)::raise(SIGTERM);
-}
-
-void dispatch(ControlSocket &socket)
+// Until the service has stopped.
+void dispatch(ControlSocket &socket, const MainThread &main)
 {
     bool mustStop = false;
     for (;;) {
-        std::vector<pollfd> descriptors = {{stopEvent.load(), POLLIN, 0}, {service().wake, POLLIN, 0}};
+        std::vector<pollfd> descriptors = {{service().wake, POLLIN, 0}};
         socket.appendTo(descriptors);
         (void)::poll(descriptors.data(), descriptors.size(), socket.patience());
-        (void)takeEvent(service().wake);
-        mustStop = takeEvent(stopEvent.load()) || mustStop;
+        eventfd_t count = 0;
+        (void)::eventfd_read(service().wake, &count);
+        mustStop = StopSignals::take() || mustStop;
 
-        const Snapshot now = snapshot();
+        const bool mainHasReturned = main.hasReturned(); // first: it can register a handler until then
+        const Told now = told();
         if (now.hasStopped()) {
             return;
         }
         if (mustStop && now.isReady()) {
             mustStop = false;
             now.handler(Scm::ControlStop);
-        } else if (mustStop && now.mainHasReturned && !now.handler) {
-            endByDefault();
+        } else if (mustStop && mainHasReturned && !now.handler) {
+            StopSignals::endProcess(); // it can never be told to stop
         }
         socket.serve(carryOut);
     }
@@ -271,38 +217,27 @@ Scm::Bool startServiceCtrlDispatcher(const Scm::TableEntry *table)
         return fail(ErrorInvalidParameter);
     }
     Service &s = service();
+    if (s.wake < 0) {
+        return fail(Scm::ErrorFailedControllerConnect);
+    }
     {
         const std::lock_guard lock(s.mutex);
         if (s.isDispatched) {
             return fail(Scm::ErrorServiceAlreadyRunning);
         }
-        if (s.wake < 0) {
-            s.wake = ::eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC);
-            stopEvent = ::eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC);
-        }
-        if (s.wake < 0 || stopEvent < 0) {
-            return fail(Scm::ErrorFailedControllerConnect);
-        }
         s.isDispatched = true;
-        s.mainHasReturned = false;
-        s.hasStatus = false;
-        s.handler = nullptr;
-        s.status = {};
+        s.told = {};
     }
-    const Signals handledSignals;
-    const QByteArray runtimeDirectory = ownRuntimeDirectory(Scm::toString(table->name));
-    ControlSocket socket(runtimeDirectory.isEmpty() ? QByteArray() : runtimeDirectory + ControlSocketName);
-    std::thread main = startServiceMain(*table, runtimeDirectory);
-    dispatch(socket);
-
-    const std::unique_lock lock(s.mutex);
+    {
+        const StopSignals signalsAreOurs(s.wake);
+        const QByteArray runtimeDirectory = ownRuntimeDirectory(Scm::toString(table->name));
+        ControlSocket socket(runtimeDirectory.isEmpty() ? QByteArray()
+                                                        : runtimeDirectory + ControlSocketName);
+        const MainThread main(*table, runtimeDirectory);
+        dispatch(socket, main);
+    }
+    const std::lock_guard lock(s.mutex);
     s.isDispatched = false;
-    if (s.mainHasReturned) {
-        main.join();
-        handledSignals.restore();
-    } else {
-        main.detach();
-    }
     return 1;
 }
 
@@ -314,7 +249,7 @@ Scm::Handle registerServiceCtrlHandler(const Scm::Char *, Scm::ControlHandler ha
         fail(s.isDispatched ? ErrorInvalidParameter : ErrorNotInExecutable);
         return nullptr;
     }
-    s.handler = handler;
+    s.told.handler = handler;
     return &s;
 }
 
@@ -325,12 +260,11 @@ Scm::Bool setServiceStatus(Scm::Handle statusHandle, Scm::Status *status)
         return fail(ErrorInvalidHandle);
     }
     const std::lock_guard lock(s.mutex);
-    if (s.hasStatus && s.status.currentState == Scm::StateStopped) {
+    if (s.told.hasStopped()) {
         return fail(ErrorInvalidHandle); // a stopped service has no more to report
     }
-    s.status = *status;
-    s.hasStatus = true;
-    raiseEvent(s.wake);
+    s.told.status = *status;
+    ::eventfd_write(s.wake, 1);
     return ::sd_notify(0, notification(*status).constData()) > 0 ? 1 : fail(ErrorWriteFault);
 }
 

@@ -14,6 +14,7 @@ target_sources(quillmere_service PRIVATE
     linux/platform.cpp
     linux/services.cpp
     linux/startparameters.cpp
+    linux/stopsignals.cpp
     linux/systemd.cpp
     linux/unitfile.cpp)
 find_package(Threads REQUIRED)

@@ -7,8 +7,10 @@
 #include "service/linux/errors.h"
 #include "service/linux/startparameters.h"
 
+#include <QCoreApplication>
 #include <QDir>
 #include <QFile>
+#include <QProcess>
 #include <QSemaphore>
 #include <QTemporaryDir>
 #include <QTest>
@@ -20,6 +22,7 @@
 #include <array>
 #include <atomic>
 #include <csignal>
+#include <cstdio>
 #include <cstring>
 #include <thread>
 
@@ -63,12 +66,12 @@ struct Scene
     QStringList parameters;
     QList<Scm::Dword> controls;
     std::atomic<Scm::Dword> accepted{Scm::AcceptStop};
-    bool registers = true;
     Scm::Handle status = nullptr;
     QSemaphore mayRun;
     QSemaphore controlled;
 };
 Scene *scene = nullptr;
+std::atomic<bool> mainHasEnded{false};
 
 bool report(Scm::Dword state)
 {
@@ -93,13 +96,69 @@ void serviceMain(Scm::Dword argc, Scm::Char **argv)
     for (Scm::Dword i = 0; i < argc; ++i) {
         scene->parameters.append(QString::fromUtf16(argv[i]));
     }
-    if (!scene->registers) {
-        return;
-    }
     scene->status = registerServiceCtrlHandler(u"Quill Mere", handleControl);
     report(Scm::StateStartPending);
     scene->mayRun.acquire();
     report(Scm::StateRunning);
+    mainHasEnded = true;
+}
+
+// What the signals did before: each something else, and none what it does by default.
+class FormerHandlers
+{
+public:
+    FormerHandlers()
+    {
+        for (size_t i = 0; i < numbers.size(); ++i) {
+            struct sigaction action
+            {
+            };
+            action.sa_handler = former[i];
+            ::sigaction(numbers[i], &action, &before[i]);
+        }
+    }
+    ~FormerHandlers()
+    {
+        for (size_t i = 0; i < numbers.size(); ++i) {
+            ::sigaction(numbers[i], &before[i], nullptr);
+        }
+    }
+    Q_DISABLE_COPY_MOVE(FormerHandlers)
+
+    bool areBack() const { return count() == 3; }
+    bool areAllReplaced() const { return count() == 0; }
+
+private:
+    int count() const
+    {
+        int found = 0;
+        for (size_t i = 0; i < numbers.size(); ++i) {
+            struct sigaction now
+            {
+            };
+            ::sigaction(numbers[i], nullptr, &now);
+            found += now.sa_handler == former[i] ? 1 : 0;
+        }
+        return found;
+    }
+
+    const std::array<int, 3> numbers = {SIGTERM, SIGINT, SIGHUP};
+    const std::array<void (*)(int), 3> former = {SIG_IGN, [](int) {}, [](int) { qWarning("hang-up"); }};
+    std::array<struct sigaction, 3> before{};
+};
+
+// In a process of its own: a service whose main function returns without having registered a handler.
+constexpr auto WithoutAHandler = "QUILLMERE_TEST_WITHOUT_A_HANDLER";
+
+Scm::Bool runWithoutAHandler()
+{
+    std::u16string name = u"Quill Mere";
+    const Scm::ServiceMain main = [](Scm::Dword, Scm::Char **) {
+        (void)std::puts("runs");
+        (void)std::fflush(stdout);
+    };
+    const std::array<Scm::TableEntry, 2> table = {{{name.data(), main}, {nullptr, nullptr}}};
+    return startServiceCtrlDispatcher(table.data());
 }
 
 } // namespace
@@ -117,6 +176,8 @@ private slots:
     void interruptStopsItInGoodOrder();
     void hangUpIsIgnored();
     void signalsAreGivenBack();
+    void mainFunctionThatHangsHoldsNothingUp();
+    void serviceWithoutAHandlerEndsByTheSignal();
     void findsItsOwnRuntimeDirectory();
     void handsStartParametersOver();
     void carriesOutControls();
@@ -171,6 +232,7 @@ void TestDispatcher::init()
     qputenv("RUNTIME_DIRECTORY", QFile::encodeName(folder->path()));
     only = std::make_unique<Scene>();
     scene = only.get();
+    mainHasEnded = false;
     result = -1;
 }
 
@@ -229,22 +291,40 @@ void TestDispatcher::hangUpIsIgnored()
 
 void TestDispatcher::signalsAreGivenBack()
 {
-    const auto handlers = [] {
-        QList<void (*)(int)> found;
-        for (const int signal : {SIGTERM, SIGINT, SIGHUP}) {
-            struct sigaction action
-            {
-            };
-            ::sigaction(signal, nullptr, &action);
-            found.append(action.sa_handler);
-        }
-        return found;
-    };
-    const auto before = handlers();
+    const FormerHandlers former;
     start();
-    QVERIFY(handlers() != before);
+    QVERIFY(former.areAllReplaced());
     stop();
-    QVERIFY(handlers() == before);
+    QVERIFY(former.areBack());
+}
+
+// The service reports its end from another thread, as it does where its start hangs.
+void TestDispatcher::mainFunctionThatHangsHoldsNothingUp()
+{
+    const FormerHandlers former;
+    dispatch();
+    QCOMPARE(notify->next(), QByteArray("STATUS=Starting"));
+    QVERIFY(report(Scm::StateStopped));
+    thread.join();
+    QCOMPARE(result, 1);
+    QVERIFY(former.areBack());
+    QVERIFY(!mainHasEnded);
+    scene->mayRun.release();
+    QTRY_VERIFY_WITH_TIMEOUT(mainHasEnded, 60000);
+}
+
+void TestDispatcher::serviceWithoutAHandlerEndsByTheSignal()
+{
+    QProcess process;
+    QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
+    environment.insert(QString::fromLatin1(WithoutAHandler), u"1"_s);
+    process.setProcessEnvironment(environment);
+    process.start(QCoreApplication::applicationFilePath(), QStringList());
+    QVERIFY(process.waitForReadyRead(60000)); // its main function runs, so its signals are the dispatcher's
+    ::kill(static_cast<pid_t>(process.processId()), SIGTERM);
+    QVERIFY(process.waitForFinished(60000));
+    QCOMPARE(process.exitStatus(), QProcess::CrashExit);
+    QCOMPARE(process.exitCode(), SIGTERM);
 }
 
 // A drop-in can name others; which comes first is not its own affair.
@@ -382,5 +462,14 @@ void TestDispatcher::processHasOneDispatcher()
     stop();
 }
 
-QTEST_GUILESS_MAIN(TestDispatcher)
+int main(int argc, char **argv)
+{
+    if (qEnvironmentVariableIsSet(WithoutAHandler)) {
+        return runWithoutAHandler();
+    }
+    const QCoreApplication application(argc, argv);
+    TestDispatcher test;
+    return QTest::qExec(&test, argc, argv);
+}
+
 #include "tst_dispatcher.moc"
