@@ -19,7 +19,6 @@
 #include <sys/eventfd.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <atomic>
 #include <memory>
 #include <mutex>
@@ -124,14 +123,19 @@ bool isStartedBySystemd()
     return !qgetenv("NOTIFY_SOCKET").isEmpty() && (pid.isEmpty() || pid.toInt() == ::getpid());
 }
 
-// systemd lists there every directory that the unit and its drop-ins name, in an order of its own.
+// systemd lists there every directory that the unit and its drop-ins name, in an order of its own. All of
+// them lie below one folder: of those named as the unit is, the shortest lies directly in it.
 QByteArray ownRuntimeDirectory(const QString &serviceName)
 {
     const QByteArrayList directories = qgetenv("RUNTIME_DIRECTORY").split(':');
     const QByteArray ending = '/' + unitName(serviceName).toLatin1();
-    const auto own = std::find_if(directories.begin(), directories.end(),
-                                  [&](const QByteArray &directory) { return directory.endsWith(ending); });
-    return own != directories.end() ? *own : directories.first();
+    QByteArray own = directories.first();
+    for (const QByteArray &directory : directories) {
+        if (directory.endsWith(ending) && (!own.endsWith(ending) || directory.size() < own.size())) {
+            own = directory;
+        }
+    }
+    return own;
 }
 
 // Whether a service that accepts these takes the control now: 0 or the error.

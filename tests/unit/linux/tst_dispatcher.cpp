@@ -331,13 +331,15 @@ void TestDispatcher::serviceWithoutAHandlerEndsByTheSignal()
 void TestDispatcher::findsItsOwnRuntimeDirectory()
 {
     const QDir parent(folder->path());
-    QVERIFY(parent.mkdir(u"another"_s));
+    QVERIFY(parent.mkpath(u"another/quill-mere"_s));
     QVERIFY(parent.mkdir(u"quill-mere"_s));
     const QByteArray another = QFile::encodeName(parent.filePath(u"another"_s));
+    const QByteArray namesake = another + "/quill-mere";
     const QByteArray own = QFile::encodeName(parent.filePath(u"quill-mere"_s));
-    const QByteArrayList orders = {another + ':' + own, own + ':' + another};
-    for (const QByteArray &both : orders) {
-        qputenv("RUNTIME_DIRECTORY", both);
+    const QByteArrayList orders = {another + ':' + own, own + ':' + another, namesake + ':' + own,
+                                   own + ':' + namesake, another + ':' + namesake + ':' + own};
+    for (const QByteArray &order : orders) {
+        qputenv("RUNTIME_DIRECTORY", order);
         QVERIFY(storeStartParameters(own, {u"parameter"_s}));
         scene->parameters.clear();
         start();
