@@ -57,24 +57,9 @@ public:
 
     // The radio table (table.cpp).
 
-    // Orders records by when they are due, then by ESN. The keys are fields of the records: a record leaves
-    // its queue before they change.
-    struct EarlierDiscovery
-    {
-        bool operator()(const RadioPointer &a, const RadioPointer &b) const;
-    };
-    struct EarlierDeadline
-    {
-        bool operator()(const RadioPointer &a, const RadioPointer &b) const;
-    };
     using RadioMap = std::pmr::map<Esn, RadioPointer>;
-    using DiscoveryQueue = std::pmr::set<RadioPointer, EarlierDiscovery>;
-    using HeartbeatQueue = std::pmr::set<RadioPointer, EarlierDeadline>;
-
     const RadioMap &radios() const { return radiosByEsn; }
     const AddressIndex &addresses() const { return radiosByAddress; }
-    const DiscoveryQueue &dueForDiscovery() const { return discoveryQueue; }
-    const HeartbeatQueue &awaitingConfirmation() const { return heartbeatQueue; }
 
     // Null when no radio has this ESN.
     RadioPointer findRadio(const Esn &esn) const;
@@ -86,16 +71,8 @@ public:
     void setAddresses(const RadioPointer &radio, const QHostAddress &address,
                       const QHostAddress &pendingAddress);
 
-    static QDateTime nextDiscoveryTime(const RadioEntry &radio);
-    // Each change of a queue arms its timer anew.
-    void scheduleDiscovery(const RadioPointer &radio);
-    void unscheduleDiscovery(const RadioPointer &radio);
-    void scheduleHeartbeat(const RadioPointer &radio);
-    void unscheduleHeartbeat(const RadioPointer &radio);
-
     void loadRadioTable();
     void clearRadioTable();
-    void reviewLoadedRadio(const RadioPointer &radio);
 
     // Text forms for the log. Those of an ESN are kept, one cache a thread and form, until its radio leaves
     // the table: only to be asked for of radios that are in it.
@@ -123,7 +100,34 @@ public:
     void refreshPending(const RadioPointer &radio, bool changed);
     void deregisterPending(const RadioPointer &radio);
 
-    // Supervision (supervision.cpp).
+    // Supervision: the queues, the limits, the timers (supervision.cpp).
+
+    // Orders records by when they are due, then by ESN. The keys are fields of the records: a record leaves
+    // its queue before they change.
+    struct EarlierDiscovery
+    {
+        bool operator()(const RadioPointer &a, const RadioPointer &b) const;
+    };
+    struct EarlierDeadline
+    {
+        bool operator()(const RadioPointer &a, const RadioPointer &b) const;
+    };
+    using DiscoveryQueue = std::pmr::set<RadioPointer, EarlierDiscovery>;
+    using HeartbeatQueue = std::pmr::set<RadioPointer, EarlierDeadline>;
+
+    const DiscoveryQueue &dueForDiscovery() const { return discoveryQueue; }
+    const HeartbeatQueue &awaitingConfirmation() const { return heartbeatQueue; }
+
+    static QDateTime nextDiscoveryTime(const RadioEntry &radio);
+    // Each change of a queue arms its timer anew.
+    void scheduleDiscovery(const RadioPointer &radio);
+    void unscheduleDiscovery(const RadioPointer &radio);
+    void scheduleHeartbeat(const RadioPointer &radio);
+    void unscheduleHeartbeat(const RadioPointer &radio);
+
+    // Puts a radio from the database where supervision begins: none counts as registered before it has been
+    // heard from again.
+    void reviewLoadedRadio(const RadioPointer &radio);
 
     void rearmDiscoveryTimer();
     void rearmHeartbeatTimer();

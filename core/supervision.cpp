@@ -12,6 +12,7 @@
 #include <algorithm>
 #include <chrono>
 #include <limits>
+#include <tuple>
 
 using namespace std::chrono_literals;
 
@@ -21,11 +22,29 @@ namespace {
 
 constexpr qint64 SilenceLimit = 43200; // seconds
 constexpr quint16 AttemptLimit = 3;
+constexpr qint64 UnconfirmedSpacing = 300; // seconds
+constexpr qint64 OtherSpacing = 1800;      // seconds
 
 // However many radios there are, nobody else waits longer for their turn; the commit that follows comes on
 // top.
 constexpr auto LongestSlice = 5ms;
 constexpr int RadiosALook = 16; // at the clock
+
+bool isStale(const RadioEntry &radio, const QDateTime &now)
+{
+    return radio.lastContactTime.secsTo(now) >= SilenceLimit;
+}
+
+qint64 discoverySpacing(const RadioEntry &radio)
+{
+    return radio.availability == Unconfirmed ? UnconfirmedSpacing : OtherSpacing;
+}
+
+// nextDiscoveryTime() in milliseconds since 1970, for the queue's many comparisons.
+qint64 dueTime(const RadioEntry &radio)
+{
+    return radio.lastDiscoveryAttempt.toMSecsSinceEpoch() + discoverySpacing(radio) * 1000;
+}
 
 // What is left from now to then, 0 when then has passed.
 qint64 millisecondsUntil(const QDateTime &then, const QDateTime &now)
@@ -46,6 +65,67 @@ std::chrono::milliseconds timerInterval(qint64 milliseconds)
 }
 
 } // namespace
+
+bool Quillmere::EarlierDiscovery::operator()(const RadioPointer &a, const RadioPointer &b) const
+{
+    return std::forward_as_tuple(dueTime(*a), a->esn) < std::forward_as_tuple(dueTime(*b), b->esn);
+}
+
+bool Quillmere::EarlierDeadline::operator()(const RadioPointer &a, const RadioPointer &b) const
+{
+    return std::forward_as_tuple(a->pendingDeadline.toMSecsSinceEpoch(), a->esn) <
+           std::forward_as_tuple(b->pendingDeadline.toMSecsSinceEpoch(), b->esn);
+}
+
+QDateTime Quillmere::nextDiscoveryTime(const RadioEntry &radio)
+{
+    return radio.lastDiscoveryAttempt.addSecs(discoverySpacing(radio));
+}
+
+void Quillmere::scheduleDiscovery(const RadioPointer &radio)
+{
+    discoveryQueue.insert(radio);
+    rearmDiscoveryTimer();
+}
+
+void Quillmere::unscheduleDiscovery(const RadioPointer &radio)
+{
+    discoveryQueue.erase(radio);
+    rearmDiscoveryTimer();
+}
+
+void Quillmere::scheduleHeartbeat(const RadioPointer &radio)
+{
+    heartbeatQueue.insert(radio);
+    rearmHeartbeatTimer();
+}
+
+void Quillmere::unscheduleHeartbeat(const RadioPointer &radio)
+{
+    heartbeatQueue.erase(radio);
+    rearmHeartbeatTimer();
+}
+
+void Quillmere::reviewLoadedRadio(const RadioPointer &radio)
+{
+    if (radio->availability == Deregistered) {
+        removeRadio(radio);
+        deleteSubscriber(*radio);
+        return;
+    }
+    const bool stale = isStale(*radio, currentTime());
+    if (!stale && radio->availability == Registered) {
+        radio->availability = Unconfirmed;
+        radio->discoveryAttempts = 0;
+    } else if (stale && (radio->availability == Unconfirmed || radio->availability == Registered)) {
+        radio->availability = Unreachable;
+        radio->discoveryAttempts = 0;
+    } else if (stale && radio->availability == Unreachable) {
+        radio->discoveryAttempts = 0;
+    }
+    updateSubscriber(*radio);
+    scheduleDiscovery(radio);
+}
 
 // Seconds until the first radio in the queue may be sent a discovery request; 0 or less: now.
 qint64 Quillmere::secondsToDiscovery() const
@@ -79,7 +159,7 @@ void Quillmere::eventDiscoveryTimerExpired()
     }
     const RadioPointer radio = *discoveryQueue.begin();
     const QDateTime now = currentTime();
-    const bool stale = radio->lastContactTime.secsTo(now) >= SilenceLimit;
+    const bool stale = isStale(*radio, now);
     const bool exhausted = radio->discoveryAttempts >= AttemptLimit;
     if (radio->availability != Unconfirmed) {
         if (stale && exhausted) {

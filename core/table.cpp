@@ -3,35 +3,19 @@
 
 #include "core/quillmere.h"
 
-#include "core/clock.h"
 #include "db/writegroup.h"
 
 #include <QHash>
 
 #include <algorithm>
 #include <array>
-#include <tuple>
 #include <vector>
 
 namespace QMR {
 
 namespace {
 
-constexpr qint64 UnconfirmedSpacing = 300; // seconds
-constexpr qint64 OtherSpacing = 1800;      // seconds
-constexpr qint64 SilenceLimit = 43200;     // seconds
 constexpr size_t ReviewGroup = 16384; // radios a commit: what could have to be written again is in memory
-
-qint64 discoverySpacing(const RadioEntry &radio)
-{
-    return radio.availability == Unconfirmed ? UnconfirmedSpacing : OtherSpacing;
-}
-
-// nextDiscoveryTime() in milliseconds since 1970, for the queue's many comparisons.
-qint64 dueTime(const RadioEntry &radio)
-{
-    return radio.lastDiscoveryAttempt.toMSecsSinceEpoch() + discoverySpacing(radio) * 1000;
-}
 
 } // namespace
 
@@ -46,17 +30,6 @@ using EsnTexts = QHash<Esn, QString>;
 thread_local std::array<EsnTexts, 2> esnTexts; // run together and separated
 
 } // namespace
-
-bool Quillmere::EarlierDiscovery::operator()(const RadioPointer &a, const RadioPointer &b) const
-{
-    return std::forward_as_tuple(dueTime(*a), a->esn) < std::forward_as_tuple(dueTime(*b), b->esn);
-}
-
-bool Quillmere::EarlierDeadline::operator()(const RadioPointer &a, const RadioPointer &b) const
-{
-    return std::forward_as_tuple(a->pendingDeadline.toMSecsSinceEpoch(), a->esn) <
-           std::forward_as_tuple(b->pendingDeadline.toMSecsSinceEpoch(), b->esn);
-}
 
 RadioPointer Quillmere::findRadio(const Esn &esn) const
 {
@@ -104,35 +77,6 @@ void Quillmere::setAddresses(const RadioPointer &radio, const QHostAddress &addr
     }
 }
 
-QDateTime Quillmere::nextDiscoveryTime(const RadioEntry &radio)
-{
-    return radio.lastDiscoveryAttempt.addSecs(discoverySpacing(radio));
-}
-
-void Quillmere::scheduleDiscovery(const RadioPointer &radio)
-{
-    discoveryQueue.insert(radio);
-    rearmDiscoveryTimer();
-}
-
-void Quillmere::unscheduleDiscovery(const RadioPointer &radio)
-{
-    discoveryQueue.erase(radio);
-    rearmDiscoveryTimer();
-}
-
-void Quillmere::scheduleHeartbeat(const RadioPointer &radio)
-{
-    heartbeatQueue.insert(radio);
-    rearmHeartbeatTimer();
-}
-
-void Quillmere::unscheduleHeartbeat(const RadioPointer &radio)
-{
-    heartbeatQueue.erase(radio);
-    rearmHeartbeatTimer();
-}
-
 void Quillmere::loadRadioTable()
 {
     std::list<RadioPointer> loaded;
@@ -146,27 +90,6 @@ void Quillmere::loadRadioTable()
             writes->commit();
         }
     }
-}
-
-void Quillmere::reviewLoadedRadio(const RadioPointer &radio)
-{
-    if (radio->availability == Deregistered) {
-        removeRadio(radio);
-        deleteSubscriber(*radio);
-        return;
-    }
-    const bool stale = radio->lastContactTime.secsTo(currentTime()) >= SilenceLimit;
-    if (!stale && radio->availability == Registered) {
-        radio->availability = Unconfirmed;
-        radio->discoveryAttempts = 0;
-    } else if (stale && (radio->availability == Unconfirmed || radio->availability == Registered)) {
-        radio->availability = Unreachable;
-        radio->discoveryAttempts = 0;
-    } else if (stale && radio->availability == Unreachable) {
-        radio->discoveryAttempts = 0;
-    }
-    updateSubscriber(*radio);
-    scheduleDiscovery(radio);
 }
 
 // The records are given back in the order of their memory: in that of their ESNs a million take twice as
