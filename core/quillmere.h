@@ -199,6 +199,10 @@ private:
     void logRegistered(const Esn &esn, const Suid &suid, const QHostAddress &address) const;
     void logDeregistered(const Esn &esn, const Suid &suid, const QHostAddress &address) const;
 
+    // Whether a radio of this availability is in the discovery queue.
+    static bool isSearchedFor(quint32 availability);
+    // The radio must be out of the heartbeat queue: from now on it has 17 seconds.
+    void awaitConfirmation(const RadioPointer &radio);
     qint64 secondsToDiscovery() const;
     void continueTimeoutCheck();
     void lapsePending();

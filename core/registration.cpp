@@ -13,19 +13,11 @@ namespace QMR {
 
 namespace {
 
-constexpr qint64 PendingLifetime = 17; // seconds
 constexpr quint32 FirstVersionKnownByAddress = 2;
 
 QDateTime epoch()
 {
     return QDateTime::fromSecsSinceEpoch(0, Qt::UTC);
-}
-
-// Whether a radio of this availability is in the discovery queue. A database can hold a value that has no
-// name; such a radio is searched for like an unreachable one.
-bool isSearchedFor(quint32 availability)
-{
-    return availability != Deregistered && availability != Registered;
 }
 
 } // namespace
@@ -197,16 +189,14 @@ void Quillmere::setAvailability(const RadioPointer &radio, quint32 value)
 void Quillmere::registerPending(const RadioPointer &radio)
 {
     logRegistered(radio->esn, radio->pendingSuid, radio->pendingAddress);
-    radio->pendingDeadline = currentTime().addSecs(PendingLifetime);
-    scheduleHeartbeat(radio);
+    awaitConfirmation(radio);
     notifyApplications(radio);
 }
 
 void Quillmere::refreshPending(const RadioPointer &radio, bool changed)
 {
     unscheduleHeartbeat(radio);
-    radio->pendingDeadline = currentTime().addSecs(PendingLifetime);
-    scheduleHeartbeat(radio);
+    awaitConfirmation(radio);
     if (changed) {
         logRegistered(radio->esn, radio->pendingSuid, radio->pendingAddress);
         notifyApplications(radio);

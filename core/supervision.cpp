@@ -24,6 +24,7 @@ constexpr qint64 SilenceLimit = 43200; // seconds
 constexpr quint16 AttemptLimit = 3;
 constexpr qint64 UnconfirmedSpacing = 300; // seconds
 constexpr qint64 OtherSpacing = 1800;      // seconds
+constexpr qint64 PendingLifetime = 17;     // seconds
 
 // However many radios there are, nobody else waits longer for their turn; the commit that follows comes on
 // top.
@@ -82,6 +83,12 @@ QDateTime Quillmere::nextDiscoveryTime(const RadioEntry &radio)
     return radio.lastDiscoveryAttempt.addSecs(discoverySpacing(radio));
 }
 
+// A database can hold a value that has no name; such a radio is searched for like an unreachable one.
+bool Quillmere::isSearchedFor(quint32 availability)
+{
+    return availability != Deregistered && availability != Registered;
+}
+
 void Quillmere::scheduleDiscovery(const RadioPointer &radio)
 {
     discoveryQueue.insert(radio);
@@ -98,6 +105,12 @@ void Quillmere::scheduleHeartbeat(const RadioPointer &radio)
 {
     heartbeatQueue.insert(radio);
     rearmHeartbeatTimer();
+}
+
+void Quillmere::awaitConfirmation(const RadioPointer &radio)
+{
+    radio->pendingDeadline = currentTime().addSecs(PendingLifetime);
+    scheduleHeartbeat(radio);
 }
 
 void Quillmere::unscheduleHeartbeat(const RadioPointer &radio)
