@@ -199,6 +199,11 @@ private:
     void logRegistered(const Esn &esn, const Suid &suid, const QHostAddress &address) const;
     void logDeregistered(const Esn &esn, const Suid &suid, const QHostAddress &address) const;
 
+    void prepareSupervision();
+    // The other two timers are armed by their queues.
+    void startTimeoutChecks();
+    // Stops all three, and empties the queues.
+    void stopSupervision();
     // Whether a radio of this availability is in the discovery queue.
     static bool isSearchedFor(quint32 availability);
     // The radio must be out of the heartbeat queue: from now on it has 17 seconds.

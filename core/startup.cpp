@@ -31,8 +31,6 @@ constexpr int VersionMinor = 38;
 constexpr int VersionPatch = 3;
 constexpr int VersionBuild = 27;
 
-constexpr int TimeoutCheckPeriod = 300000; // ms
-
 constexpr auto WritablePatience = 2s; // a file may be denied to us though the system calls it writable
 
 constexpr qint64 SecondTry = 5000; // ms, for what is still owed at a stop
@@ -64,12 +62,7 @@ Quillmere::Quillmere(int argc, char **argv) : QtService<QCoreApplication>(argc, 
     setServiceDescription(versionText(u"%1 %2.%3.%4 Build %5"_s) +
                           u"Maintains a list of radios on the P25 system and their IP addresses"_s);
 
-    discoveryTimer.setSingleShot(true);
-    heartbeatTimer.setSingleShot(true);
-    heartbeatTimer.setTimerType(Qt::PreciseTimer);
-    connect(&discoveryTimer, &QTimer::timeout, this, &Quillmere::eventDiscoveryTimerExpired);
-    connect(&heartbeatTimer, &QTimer::timeout, this, &Quillmere::eventHeartbeatTimerExpired);
-    connect(&timeoutCheckTimer, &QTimer::timeout, this, &Quillmere::eventTimeoutCheckTimerExpired);
+    prepareSupervision();
     owedWritesTimer.setSingleShot(true);
     connect(&owedWritesTimer, &QTimer::timeout, this, &Quillmere::eventOwedWritesDue);
 }
@@ -157,7 +150,7 @@ void Quillmere::start()
     const quint32 applicationPort = setting(u"applicationPort"_s, DefaultApplicationPort);
     applicationManager = std::make_unique<ApplicationManager>(this, static_cast<quint16>(applicationPort));
 
-    timeoutCheckTimer.start(TimeoutCheckPeriod);
+    startTimeoutChecks();
     const QString configuration = u"%1 Service started with the following configuration:\n"
                                   "Minimum Discovery Period: %2 (seconds)\n"
                                   "Radio Registration Port: %3 (UDP)\n"
@@ -178,12 +171,8 @@ void Quillmere::stop()
         // What fails once may be stored the second time.
         retryOwedWrites(SecondTry);
     }
-    timeoutCheckTimer.stop();
-    discoveryTimer.stop();
-    heartbeatTimer.stop();
     owedWritesTimer.stop();
-    timeoutCheckUnderWay.reset();
-    lapsingUntil.reset();
+    stopSupervision();
     clearRadioTable();
     applicationManager.reset();
     registrationManager.reset();

@@ -25,6 +25,7 @@ constexpr quint16 AttemptLimit = 3;
 constexpr qint64 UnconfirmedSpacing = 300; // seconds
 constexpr qint64 OtherSpacing = 1800;      // seconds
 constexpr qint64 PendingLifetime = 17;     // seconds
+constexpr auto TimeoutCheckPeriod = 5min;
 
 // However many radios there are, nobody else waits longer for their turn; the commit that follows comes on
 // top.
@@ -66,6 +67,32 @@ std::chrono::milliseconds timerInterval(qint64 milliseconds)
 }
 
 } // namespace
+
+void Quillmere::prepareSupervision()
+{
+    discoveryTimer.setSingleShot(true);
+    heartbeatTimer.setSingleShot(true);
+    heartbeatTimer.setTimerType(Qt::PreciseTimer);
+    connect(&discoveryTimer, &QTimer::timeout, this, &Quillmere::eventDiscoveryTimerExpired);
+    connect(&heartbeatTimer, &QTimer::timeout, this, &Quillmere::eventHeartbeatTimerExpired);
+    connect(&timeoutCheckTimer, &QTimer::timeout, this, &Quillmere::eventTimeoutCheckTimerExpired);
+}
+
+void Quillmere::startTimeoutChecks()
+{
+    timeoutCheckTimer.start(TimeoutCheckPeriod);
+}
+
+void Quillmere::stopSupervision()
+{
+    timeoutCheckTimer.stop();
+    discoveryTimer.stop();
+    heartbeatTimer.stop();
+    timeoutCheckUnderWay.reset();
+    lapsingUntil.reset();
+    discoveryQueue.clear();
+    heartbeatQueue.clear();
+}
 
 bool Quillmere::EarlierDiscovery::operator()(const RadioPointer &a, const RadioPointer &b) const
 {

@@ -102,8 +102,6 @@ void Quillmere::clearRadioTable()
         records.push_back(std::move(radio));
     }
     std::ranges::sort(records);
-    discoveryQueue.clear();
-    heartbeatQueue.clear();
     radiosByEsn.clear();
     radiosByAddress.clear();
     forgetEsnTexts();
