@@ -68,9 +68,10 @@ bool Quillmere::retryOwedWrites(qint64 milliseconds)
     for (; esn; esn = writes->owed().after(*esn)) {
         const RadioPointer radio = findRadio(*esn);
         const bool isStored = radio && !radio->address.isNull();
+        const WriteResult result = writes->retry(isStored ? RowWrite::Update : RowWrite::Delete,
+                                                 isStored ? SubscriberRow(*radio) : SubscriberRow(*esn));
         // A lock is in the way of all of them; a full disk may be in the way of one.
-        if (!writes->retry(isStored ? RowWrite::Update : RowWrite::Delete,
-                           isStored ? SubscriberRow(*radio) : SubscriberRow(*esn))) {
+        if (result == WriteResult::Locked) {
             return true;
         }
         if (spent.hasExpired(milliseconds)) {

@@ -41,24 +41,22 @@ WriteGroup::~WriteGroup()
     sqlite3_busy_handler(connection, nullptr, nullptr);
 }
 
-void WriteGroup::write(RowWrite write)
+WriteResult WriteGroup::write(RowWrite write)
 {
     if (turnDepth > 0) {
-        join(std::move(write));
-        return;
+        return join(std::move(write));
     }
     if (isKeptOpen()) {
         commit();
     }
-    writeAlone(write, false);
+    const WriteResult result = writeAlone(write, false);
     end();
+    return result;
 }
 
-bool WriteGroup::retry(RowWrite::Kind kind, SubscriberRow row)
+WriteResult WriteGroup::retry(RowWrite::Kind kind, SubscriberRow row)
 {
-    lockMet = false;
-    write({kind, std::move(row), true});
-    return !lockMet;
+    return write({kind, std::move(row), true});
 }
 
 void WriteGroup::commit()
@@ -67,10 +65,10 @@ void WriteGroup::commit()
     end();
 }
 
-void WriteGroup::commitTransaction()
+WriteResult WriteGroup::commitTransaction()
 {
     if (!transactionOpen) {
-        return;
+        return WriteResult::Stored;
     }
     transactionOpen = false;
     if (statements.commit.run()) {
@@ -79,11 +77,11 @@ void WriteGroup::commitTransaction()
             succeed(write);
         }
         written.clear();
-        return;
+        return WriteResult::Stored;
     }
     const bool mayBeStored = !Sqlite::isLock(lastResult());
     rollBack();
-    writeAgain(mayBeStored);
+    return writeAgain(mayBeStored);
 }
 
 void WriteGroup::end()
@@ -94,36 +92,34 @@ void WriteGroup::end()
     reportStored();
 }
 
-void WriteGroup::join(RowWrite write)
+WriteResult WriteGroup::join(RowWrite write)
 {
     if (!transactionOpen) {
         transactionOpen = begin();
         if (!transactionOpen) {
-            fail(write, firstStep(write.kind), lastResult(), false);
-            return;
+            return fail(write, firstStep(write.kind), lastResult(), false);
         }
     }
     const auto failedStep = writeInSavepoint(write);
     if (!failedStep) {
         written.push_back(std::move(write));
-        return;
+        return WriteResult::Stored;
     }
     // Taken before the roll-back, which has a result of its own.
     const int resultCode = lastResult();
     if (isLost()) {
         written.push_back(std::move(write));
-        writeAgain(false);
-        return;
+        return writeAgain(false);
     }
     statements.rollbackToSavepoint.run();
     statements.release.run();
     if (Sqlite::isPassing(resultCode) && !Sqlite::isLock(resultCode)) {
         // By itself it may need less of what the group has used up: room for the journal, memory.
-        commitTransaction();
-        writeAlone(write, false);
-        return;
+        const WriteResult others = commitTransaction();
+        const WriteResult result = writeAlone(write, false);
+        return others == WriteResult::Locked ? others : result;
     }
-    fail(write, *failedStep, resultCode, false);
+    return fail(write, *failedStep, resultCode, false);
 }
 
 std::optional<WriteStep> WriteGroup::writeInSavepoint(const RowWrite &write)
@@ -137,7 +133,7 @@ std::optional<WriteStep> WriteGroup::writeInSavepoint(const RowWrite &write)
     return statements.release.run() ? std::nullopt : std::optional(lastStep(write.kind));
 }
 
-void WriteGroup::writeAlone(const RowWrite &write, bool mayBeStored)
+WriteResult WriteGroup::writeAlone(const RowWrite &write, bool mayBeStored)
 {
     // A commit that failed behind its storing step can have stored this write, and those that followed it:
     // its row may be there already, or gone again.
@@ -155,27 +151,29 @@ void WriteGroup::writeAlone(const RowWrite &write, bool mayBeStored)
     if (failedStep) {
         const int resultCode = lastResult();
         rollBack();
-        fail(write, *failedStep, resultCode, mayBeStored);
-        return;
+        return fail(write, *failedStep, resultCode, mayBeStored);
     }
     lockOutlasted = false;
     succeed(write);
+    return WriteResult::Stored;
 }
 
 // The transaction is lost with all that went well in it: each write is now tried by itself. A lock that one
 // has met is in the way of all.
-void WriteGroup::writeAgain(bool mayBeStored)
+WriteResult WriteGroup::writeAgain(bool mayBeStored)
 {
     transactionOpen = false;
     bool locked = false;
+    WriteResult result = WriteResult::Stored;
     for (const RowWrite &write : std::exchange(written, {})) {
         if (locked) {
-            fail(write, lastStep(write.kind), SQLITE_BUSY, mayBeStored);
+            result = fail(write, lastStep(write.kind), SQLITE_BUSY, mayBeStored);
         } else {
-            writeAlone(write, mayBeStored);
+            result = writeAlone(write, mayBeStored);
             locked = lockOutlasted;
         }
     }
+    return result;
 }
 
 void WriteGroup::succeed(const RowWrite &write)
@@ -185,11 +183,11 @@ void WriteGroup::succeed(const RowWrite &write)
     }
 }
 
-void WriteGroup::fail(const RowWrite &write, WriteStep step, int resultCode, bool mayBeStored)
+WriteResult WriteGroup::fail(const RowWrite &write, WriteStep step, int resultCode, bool mayBeStored)
 {
-    if (Sqlite::isLock(resultCode)) {
+    const bool isLocked = Sqlite::isLock(resultCode);
+    if (isLocked) {
         lockOutlasted = true;
-        lockMet = true;
     }
     if (Sqlite::isPassing(resultCode)) {
         // An owed insert is retried as an update.
@@ -210,6 +208,7 @@ void WriteGroup::fail(const RowWrite &write, WriteStep step, int resultCode, boo
     if (!write.isRetry) {
         reportFailure(step);
     }
+    return isLocked ? WriteResult::Locked : WriteResult::Failed;
 }
 
 // False also where it cannot be read.

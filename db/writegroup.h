@@ -16,6 +16,10 @@
 
 namespace QMR {
 
+// What became of a write. Stored: or is in the open transaction. Locked: somebody else's lock is in its way,
+// and in that of any other.
+enum class WriteResult : quint8 { Stored, Failed, Locked };
+
 // Makes the writes of many radios one transaction, so that they wait for the disk once. Each is a savepoint
 // in it and fails by itself; when the whole transaction is lost, what went well in it is written again one by
 // one. For one opened database: to be gone before it is closed. What is open by then is rolled back.
@@ -29,11 +33,10 @@ public:
     Q_DISABLE_COPY_MOVE(WriteGroup)
 
     // Inside a turn the write joins the group; otherwise it is stored, or has failed, on return.
-    void write(RowWrite write);
+    WriteResult write(RowWrite write);
 
-    // Tries an owed write again, without a record. False: somebody else's lock is in its way, and in that of
-    // any other.
-    bool retry(RowWrite::Kind kind, SubscriberRow row);
+    // Tries an owed write again, without a record.
+    WriteResult retry(RowWrite::Kind kind, SubscriberRow row);
     // Whether somebody else's lock has outlasted the patience, and nothing has been committed since.
     bool isLockedOut() const { return lockOutlasted; }
 
@@ -53,15 +56,16 @@ public:
 private:
     friend class WriteTurn;
 
-    void join(RowWrite write);
+    WriteResult join(RowWrite write);
     // mayBeStored: a commit that had it in it has failed, but may have stored it all the same.
-    void writeAlone(const RowWrite &write, bool mayBeStored);
+    WriteResult writeAlone(const RowWrite &write, bool mayBeStored);
     std::optional<WriteStep> writeInSavepoint(const RowWrite &write);
-    void writeAgain(bool mayBeStored);
-    void commitTransaction();
+    // The result of the last of them; a lock that one has met is that one's too.
+    WriteResult writeAgain(bool mayBeStored);
+    WriteResult commitTransaction();
     void end();
     void succeed(const RowWrite &write);
-    void fail(const RowWrite &write, WriteStep step, int resultCode, bool mayBeStored);
+    WriteResult fail(const RowWrite &write, WriteStep step, int resultCode, bool mayBeStored);
     bool isAbsent(const Esn &esn);
     void stayOpen();
     bool isKeptOpen() const { return dueTimer.isActive(); }
@@ -89,7 +93,6 @@ private:
     std::chrono::milliseconds lockPatience = LockPatience;
     std::chrono::nanoseconds lockWaited{}; // in this group
     bool lockOutlasted = false;
-    bool lockMet = false; // by the last retry
 };
 
 // Keeps a group open for its lifetime; turns nest. The end of the outermost one commits.
