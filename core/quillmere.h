@@ -67,9 +67,9 @@ public:
     RadioPointer insertRadio(const RadioPointer &radio);
     // Returns how many entries left the table, 0 or 1.
     size_t removeRadio(const RadioPointer &radio);
-    // The only place where the addresses of a record in the table change: the address index follows.
-    void setAddresses(const RadioPointer &radio, const QHostAddress &address,
-                      const QHostAddress &pendingAddress);
+    // The only places where the addresses of a record in the table change: the address index follows.
+    void setAddress(const RadioPointer &radio, const QHostAddress &address);
+    void setPendingAddress(const RadioPointer &radio, const QHostAddress &address);
 
     void loadRadioTable();
     void clearRadioTable();
@@ -188,6 +188,9 @@ private:
 
     void configure();
     void log(const QString &message, MessageType type) const;
+
+    void replaceAddress(const RadioPointer &radio, QHostAddress RadioEntry::*held,
+                        const QHostAddress &address);
 
     RadioPointer findHolder(const QHostAddress &senderAddress) const;
     RadioPointer registerNewRadio(const Esn &esn, quint32 protocolVersion, const Suid &suid,

@@ -84,7 +84,7 @@ void Quillmere::registerKnownRadio(const RadioPointer &radio, const Suid &suid,
     if (!pending) {
         const bool unstored = radio->address.isNull();
         radio->suid = suid;
-        setAddresses(radio, senderAddress, radio->pendingAddress);
+        setAddress(radio, senderAddress);
         radio->supportedServices = services;
         if (unstored) {
             insertSubscriber(*radio);
@@ -97,7 +97,7 @@ void Quillmere::registerKnownRadio(const RadioPointer &radio, const Suid &suid,
                          radio->pendingServices != services;
     radio->pendingSuid = suid;
     radio->pendingServices = services;
-    setAddresses(radio, radio->address, senderAddress);
+    setPendingAddress(radio, senderAddress);
     if (refresh) {
         refreshPending(radio, changed);
     } else {
@@ -147,7 +147,7 @@ void Quillmere::setAvailability(const RadioPointer &radio, quint32 value)
             unscheduleDiscovery(radio);
         }
         radio->availability = Deregistered;
-        setAddresses(radio, noAddress(), radio->pendingAddress);
+        setAddress(radio, noAddress());
         if (radio->pendingAddress.isNull()) {
             removeRadio(radio);
         }
@@ -207,7 +207,7 @@ void Quillmere::deregisterPending(const RadioPointer &radio)
 {
     unscheduleHeartbeat(radio);
     logDeregistered(radio->esn, radio->pendingSuid, radio->pendingAddress);
-    setAddresses(radio, radio->address, noAddress());
+    setPendingAddress(radio, noAddress());
     if (radio->address.isNull()) {
         removeRadio(radio);
     }

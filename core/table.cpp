@@ -58,10 +58,21 @@ size_t Quillmere::removeRadio(const RadioPointer &radio)
     return 1;
 }
 
-void Quillmere::setAddresses(const RadioPointer &radio, const QHostAddress &address,
-                             const QHostAddress &pendingAddress)
+void Quillmere::setAddress(const RadioPointer &radio, const QHostAddress &address)
 {
-    if (radio->address == address && radio->pendingAddress == pendingAddress) {
+    replaceAddress(radio, &RadioEntry::address, address);
+}
+
+void Quillmere::setPendingAddress(const RadioPointer &radio, const QHostAddress &address)
+{
+    replaceAddress(radio, &RadioEntry::pendingAddress, address);
+}
+
+void Quillmere::replaceAddress(const RadioPointer &radio, QHostAddress RadioEntry::*held,
+                               const QHostAddress &address)
+{
+    QHostAddress &present = (*radio).*held;
+    if (present == address) {
         return;
     }
     // Of two stored rows with one ESN the second is supervised without being in the table; the index has the
@@ -70,8 +81,7 @@ void Quillmere::setAddresses(const RadioPointer &radio, const QHostAddress &addr
     if (indexed) {
         radiosByAddress.remove(radio->esn, radio->address, radio->pendingAddress);
     }
-    radio->address = address;
-    radio->pendingAddress = pendingAddress;
+    present = address;
     if (indexed) {
         radiosByAddress.add(radio->esn, radio->address, radio->pendingAddress);
     }

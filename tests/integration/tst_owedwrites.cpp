@@ -271,7 +271,7 @@ private slots:
             const QMR::WriteTurn turn(server->writeGroup());
             for (int i = 0; i < Count; ++i) {
                 registers(server, esnOf(i), 1, 2);
-                server->setAddresses(server->findRadio(esnOf(i)), QHostAddress(0x7F010000U + quint32(i)), {});
+                server->setAddress(server->findRadio(esnOf(i)), QHostAddress(0x7F010000U + quint32(i)));
             }
         }
         const QStringList failed = server.log.takeErrors();

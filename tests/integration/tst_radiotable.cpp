@@ -64,12 +64,12 @@ private slots:
         server.startWithoutDiscovery();
         registerAt(server, 1, QHostAddress(u"127.0.0.3"_s));
         const RadioPointer other = radioOf(1);
-        server->setAddresses(other, Here, {});
+        server->setAddress(other, Here);
         QCOMPARE(other->address, Here);
         server.log.take();
         registerAt(server, 2, Here);
         QCOMPARE(server.log.take().size(), 1); // nobody has lost the address
-        server->setAddresses(other, QHostAddress(u"127.0.0.4"_s), {});
+        server->setAddress(other, QHostAddress(u"127.0.0.4"_s));
         registerAt(server, 3, Here);
         QVERIFY(!server->findRadio(esnOf(2)));
         QVERIFY(server->findRadio(esnOf(1)));

@@ -224,7 +224,7 @@ private:
         const QMR::WriteTurn turn((*server)->writeGroup());
         for (quint32 i = 0; i < RadioCount; ++i) {
             const RadioPointer radio = insert(i);
-            (*server)->setAddresses(radio, QHostAddress(0x0A000000 + i), QHostAddress());
+            (*server)->setAddress(radio, QHostAddress(0x0A000000 + i));
             radio->availability = QMR::Registered;
             radio->lastContactTime = server->clock.now();
             (*server)->insertSubscriber(*radio);
@@ -237,7 +237,7 @@ private:
     {
         for (quint32 i = RadioCount; i-- > 0;) {
             const RadioPointer radio = insert(i);
-            (*server)->setAddresses(radio, QHostAddress(), QHostAddress(0x0A000000 + i));
+            (*server)->setPendingAddress(radio, QHostAddress(0x0A000000 + i));
             passTime(1);
             (*server)->registerPending(radio);
         }
