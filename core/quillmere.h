@@ -132,10 +132,10 @@ public:
     void rearmDiscoveryTimer();
     void rearmHeartbeatTimer();
 
-    const QTimer &nextDiscovery() const { return discoveryTimer; }
-    const QTimer &nextDeadline() const { return heartbeatTimer; }
-    const QTimer &timeoutCheck() const { return timeoutCheckTimer; }
-    const QTimer &nextRetry() const { return owedWritesTimer; }
+    const QTimer &timerForDiscovery() const { return discoveryTimer; }
+    const QTimer &timerForDeadline() const { return heartbeatTimer; }
+    const QTimer &timerForTimeoutCheck() const { return timeoutCheckTimer; }
+    const QTimer &timerForRetry() const { return owedWritesTimer; }
 
     // Application requests and notifications (requests.cpp).
 

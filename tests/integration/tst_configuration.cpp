@@ -79,7 +79,7 @@ private slots:
         server.configure(content);
         server->start();
         QCOMPARE(shown(server.log, u"Minimum Discovery Period"_s), value + u" (seconds)"_s);
-        QVERIFY(server->timeoutCheck().isActive());
+        QVERIFY(server->timerForTimeoutCheck().isActive());
     }
 
     void portsAreShownAsRead_data()
@@ -105,7 +105,7 @@ private slots:
         QCOMPARE(records.size(), 2); // the new database, and the start: both sockets opened
         QCOMPARE(shown(server.log, u"Radio Registration Port"_s), read + u" (UDP)"_s);
         QVERIFY(records.last().message.contains(u"\nApplication Port: "_s % read % u" (TCP)\n"_s));
-        QVERIFY(server->timeoutCheck().isActive());
+        QVERIFY(server->timerForTimeoutCheck().isActive());
     }
 
     void portBeyondSixteenBitsLosesItsUpperBits()
@@ -158,7 +158,7 @@ private slots:
                           "Application Port: 9361 (TCP)\n"
                           "Config Path: "_s %
                               server.folder.path() % u"\n"_s);
-        QVERIFY(server->timeoutCheck().isActive());
+        QVERIFY(server->timerForTimeoutCheck().isActive());
     }
 
     void fileIsNeverWritten()

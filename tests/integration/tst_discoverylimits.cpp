@@ -14,7 +14,7 @@ constexpr qint64 Furthest = std::numeric_limits<qint32>::max();  // seconds, the
 
 int armedTo(const TestServer &server)
 {
-    return server->nextDiscovery().isActive() ? server->nextDiscovery().interval() : -1;
+    return server->timerForDiscovery().isActive() ? server->timerForDiscovery().interval() : -1;
 }
 
 QByteArray minimumPeriod(qint64 seconds)

@@ -16,7 +16,7 @@ constexpr int NotArmed = -1;
 // What the discovery timer is armed to, in milliseconds.
 int armedTo(const TestServer &server)
 {
-    const QTimer &timer = server->nextDiscovery();
+    const QTimer &timer = server->timerForDiscovery();
     return timer.isActive() ? timer.interval() : NotArmed;
 }
 
@@ -58,7 +58,7 @@ void TestDiscoveryTimer::runsOnlyWhileARadioIsSearchedFor()
 {
     TestServer server;
     server.start();
-    QVERIFY(server->nextDiscovery().isSingleShot());
+    QVERIFY(server->timerForDiscovery().isSingleShot());
     QCOMPARE(armedTo(server), NotArmed);
 
     ScriptedRadio radio(server.registrationPort(), 1);
@@ -217,7 +217,7 @@ void TestDiscoveryTimer::expiryOfAnEmptyQueueDoesNothing()
 
     QCOMPARE(server.log.records(), QList<LogRecord>());
     QCOMPARE(armedTo(server), NotArmed);
-    QVERIFY(!server->nextDeadline().isActive());
+    QVERIFY(!server->timerForDeadline().isActive());
 }
 
 void TestDiscoveryTimer::stopEndsAllThreeTimers()
@@ -228,15 +228,15 @@ void TestDiscoveryTimer::stopEndsAllThreeTimers()
     ScriptedRadio radio(server.registrationPort(), 2, u"127.0.0.3"_s);
     radio.registersPending();
     QVERIFY(radio.isAcknowledged());
-    QVERIFY(server->nextDiscovery().isActive());
-    QVERIFY(server->nextDeadline().isActive());
-    QVERIFY(server->timeoutCheck().isActive());
+    QVERIFY(server->timerForDiscovery().isActive());
+    QVERIFY(server->timerForDeadline().isActive());
+    QVERIFY(server->timerForTimeoutCheck().isActive());
 
     server.stop();
 
-    QVERIFY(!server->nextDiscovery().isActive());
-    QVERIFY(!server->nextDeadline().isActive());
-    QVERIFY(!server->timeoutCheck().isActive());
+    QVERIFY(!server->timerForDiscovery().isActive());
+    QVERIFY(!server->timerForDeadline().isActive());
+    QVERIFY(!server->timerForTimeoutCheck().isActive());
     QVERIFY(server->radios().empty());
     QVERIFY(server->dueForDiscovery().empty());
     QVERIFY(server->awaitingConfirmation().empty());

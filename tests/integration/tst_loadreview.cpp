@@ -107,8 +107,8 @@ private slots:
         QCOMPARE(*server->dueForDiscovery().begin(), radio);
         const qint64 wait = reviewed == 2 ? 200 : 1700;
         QCOMPARE(QMR::Quillmere::nextDiscoveryTime(*radio), server.clock.now().addSecs(wait));
-        QVERIFY(server->nextDiscovery().isActive());
-        QCOMPARE(server->nextDiscovery().interval(), wait * 1000);
+        QVERIFY(server->timerForDiscovery().isActive());
+        QCOMPARE(server->timerForDiscovery().interval(), wait * 1000);
         QVERIFY(server->awaitingConfirmation().empty());
         QCOMPARE(server.log.take(), QList<LogRecord>());
     }
@@ -172,7 +172,7 @@ private slots:
         }
         QCOMPARE(order, (QList<QMR::Esn>{esnOf(0xFF), esnOf(0x0F), esnOf(0x7F), esnOf(0xF0), esnOf(0x01)}));
         // The first is long overdue.
-        QCOMPARE(server->nextDiscovery().interval(), 0);
+        QCOMPARE(server->timerForDiscovery().interval(), 0);
     }
 
     void restartReviewsWhatTheRunBeforeLeft()

@@ -19,7 +19,7 @@ const QString RequestCameBack = u"QMRS Protocol error: invalid message (2)"_s;
 // Moves the clock to the moment for which the timer is armed, and lets it expire there.
 void letTimerExpire(TestServer &server)
 {
-    server.clock.advance(server->nextDiscovery().interval() / 1000);
+    server.clock.advance(server->timerForDiscovery().interval() / 1000);
     server.expireDiscovery();
 }
 
@@ -64,7 +64,7 @@ void TestLostRadio::reportedRadioIsSearchedForThenUnreachableThenGivenUp()
         }
         const qint64 sent = firstRequest + (attempt - 1) * 300;
         QCOMPARE(storedStates(server), (QList<SupervisionState>{{QMR::Unconfirmed, attempt, contact, sent}}));
-        QCOMPARE(server->nextDiscovery().interval(), 300000);
+        QCOMPARE(server->timerForDiscovery().interval(), 300000);
         QTRY_COMPARE(server.log.count(RequestCameBack), attempt);
         server.expireTimeoutCheck();
     }
@@ -81,7 +81,7 @@ void TestLostRadio::reportedRadioIsSearchedForThenUnreachableThenGivenUp()
     int attempts = 1;
     qint64 due = fourthRequest + 1800;
     for (; due - contact < SilenceLimit; due += 1800) {
-        QCOMPARE(server->nextDiscovery().interval(), 1800000);
+        QCOMPARE(server->timerForDiscovery().interval(), 1800000);
         letTimerExpire(server);
         ++attempts;
         QCOMPARE(storedStates(server), (QList<SupervisionState>{{QMR::Unreachable, attempts, contact, due}}));
@@ -98,7 +98,7 @@ void TestLostRadio::reportedRadioIsSearchedForThenUnreachableThenGivenUp()
     QCOMPARE(storedStates(server), QList<SupervisionState>());
     QCOMPARE(server.query(u"SELECT * FROM supported_services"_s), QList<QVariantList>());
     QVERIFY(server->radios().empty());
-    QVERIFY(!server->nextDiscovery().isActive());
+    QVERIFY(!server->timerForDiscovery().isActive());
     QCOMPARE(server.log.take(), QList{RecordingLog::record(Scm::EventInformation, radio.deregisteredText())});
 }
 
@@ -156,13 +156,13 @@ void TestLostRadio::searchGoesOnWhereARestartLeftIt()
     letTimerExpire(server);
     server.restart();
     QCOMPARE(storedStates(server), (QList<SupervisionState>{{QMR::Unconfirmed, 2, contact, contact + 300}}));
-    QCOMPARE(server->nextDiscovery().interval(), 300000);
+    QCOMPARE(server->timerForDiscovery().interval(), 300000);
     letTimerExpire(server);
     letTimerExpire(server);
     QCOMPARE(storedStates(server), (QList<SupervisionState>{{QMR::Unreachable, 1, contact, contact + 900}}));
     server.restart();
     QCOMPARE(storedStates(server), (QList<SupervisionState>{{QMR::Unreachable, 1, contact, contact + 900}}));
-    QCOMPARE(server->nextDiscovery().interval(), 1800000);
+    QCOMPARE(server->timerForDiscovery().interval(), 1800000);
 
     // Twelve hours of silence at a start set the count back: three more requests before it is given up.
     server.clock.set(QDateTime::fromSecsSinceEpoch(contact + SilenceLimit, Qt::UTC));
@@ -197,7 +197,7 @@ void TestLostRadio::lostRadioThatAnswersIsRegisteredAgain()
     QVERIFY(radio.isAcknowledged());
     QVERIFY(application.sees(radio, QMR::Registered));
     QCOMPARE(storedStates(server), (QList<SupervisionState>{{QMR::Registered, 0, now + 1800, now + 1800}}));
-    QVERIFY(!server->nextDiscovery().isActive());
+    QVERIFY(!server->timerForDiscovery().isActive());
 }
 
 QTEST_GUILESS_MAIN(TestLostRadio)

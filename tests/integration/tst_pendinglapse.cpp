@@ -50,20 +50,20 @@ void TestPendingLapse::timerIsPreciseAndArmedInMilliseconds()
 {
     TestServer server;
     server.start();
-    QVERIFY(server->nextDeadline().isSingleShot());
-    QCOMPARE(server->nextDeadline().timerType(), Qt::PreciseTimer);
-    QVERIFY(!server->nextDeadline().isActive());
+    QVERIFY(server->timerForDeadline().isSingleShot());
+    QCOMPARE(server->timerForDeadline().timerType(), Qt::PreciseTimer);
+    QVERIFY(!server->timerForDeadline().isActive());
 
     ScriptedRadio first(server.registrationPort(), 9);
     first.registersPending();
     QVERIFY(first.isAcknowledged());
-    QCOMPARE(server->nextDeadline().interval(), Lifetime);
+    QCOMPARE(server->timerForDeadline().interval(), Lifetime);
 
     advance(server, 5251);
     ScriptedRadio second(server.registrationPort(), 2, u"127.0.0.3"_s);
     second.registersPending();
     QVERIFY(second.isAcknowledged());
-    QCOMPARE(server->nextDeadline().interval(), Lifetime - 5251);
+    QCOMPARE(server->timerForDeadline().interval(), Lifetime - 5251);
     QCOMPARE(server->awaitingConfirmation().size(), size_t{2});
     QCOMPARE((*server->awaitingConfirmation().begin())->esn, first.esn);
 }
@@ -80,7 +80,7 @@ void TestPendingLapse::refreshMovesTheDeadline()
     radio.registersPending();
 
     QVERIFY(radio.isAcknowledged());
-    QCOMPARE(server->nextDeadline().interval(), Lifetime);
+    QCOMPARE(server->timerForDeadline().interval(), Lifetime);
     QCOMPARE(server->awaitingConfirmation().size(), size_t{1});
     QCOMPARE(server->findRadio(radio.esn)->pendingDeadline, server.clock.now().addSecs(17));
     QCOMPARE(server.log.takeMessages(), QStringList{radio.registeredText()}); // the first alone
@@ -98,15 +98,15 @@ void TestPendingLapse::lapsesAtTheDeadlineNotBefore()
     advance(server, Lifetime - 1);
     server.expireHeartbeat();
     QCOMPARE(server.log.records(), QList<LogRecord>());
-    QCOMPARE(server->nextDeadline().interval(), 1);
-    QVERIFY(server->nextDeadline().isActive());
+    QCOMPARE(server->timerForDeadline().interval(), 1);
+    QVERIFY(server->timerForDeadline().isActive());
 
     advance(server, 1);
     server.expireHeartbeat();
     QCOMPARE(server.log.take(), QList{RecordingLog::record(Scm::EventInformation, radio.deregisteredText())});
     QVERIFY(server->radios().empty());
     QVERIFY(server->awaitingConfirmation().empty());
-    QVERIFY(!server->nextDeadline().isActive());
+    QVERIFY(!server->timerForDeadline().isActive());
 }
 
 void TestPendingLapse::radioWithoutConfirmedRegistrationLeavesWithoutDatabaseCall()
@@ -184,7 +184,7 @@ void TestPendingLapse::allOverdueLapseInOrderOfDeadlineThenEsn()
              (QStringList{radios[1]->deregisteredText(), radios[0]->deregisteredText(),
                           radios[2]->deregisteredText(), radios[3]->deregisteredText()}));
     QCOMPARE(server->radios().size(), size_t{1});
-    QCOMPARE(server->nextDeadline().interval(), 2000);
+    QCOMPARE(server->timerForDeadline().interval(), 2000);
 }
 
 void TestPendingLapse::deregistrationStopsTheTimer()
@@ -198,7 +198,7 @@ void TestPendingLapse::deregistrationStopsTheTimer()
     radio.deregisters();
 
     QTRY_COMPARE(server.log.count(radio.deregisteredText()), 1);
-    QVERIFY(!server->nextDeadline().isActive());
+    QVERIFY(!server->timerForDeadline().isActive());
     QVERIFY(server->awaitingConfirmation().empty());
 }
 
@@ -215,7 +215,7 @@ void TestPendingLapse::confirmationDoesNotEndThePendingRegistration()
 
     QVERIFY(radio.isAcknowledged());
     QCOMPARE(server->awaitingConfirmation().size(), size_t{1});
-    QCOMPARE(server->nextDeadline().interval(), Lifetime); // armed at the pending registration, not since
+    QCOMPARE(server->timerForDeadline().interval(), Lifetime); // armed at the pending registration, not since
     server.log.take();
     advance(server, Lifetime - 1000);
     server.expireHeartbeat();
@@ -233,7 +233,7 @@ void TestPendingLapse::clockSetFarAheadLapsesAll()
     server.clock.advance(70LL * 365 * 86400);
 
     server->rearmHeartbeatTimer();
-    QCOMPARE(server->nextDeadline().interval(), 0);
+    QCOMPARE(server->timerForDeadline().interval(), 0);
     server.expireHeartbeat();
     QVERIFY(server->radios().empty());
 }
@@ -248,11 +248,11 @@ void TestPendingLapse::clockSetFarBackTakesTheWaitInPieces()
 
     server.clock.advance(-86400);
     server.expireHeartbeat();
-    QCOMPARE(server->nextDeadline().interval(), 86400000 + Lifetime);
+    QCOMPARE(server->timerForDeadline().interval(), 86400000 + Lifetime);
 
     server.clock.advance(-70LL * 365 * 86400);
     server.expireHeartbeat();
-    QCOMPARE(server->nextDeadline().interval(), std::numeric_limits<int>::max());
+    QCOMPARE(server->timerForDeadline().interval(), std::numeric_limits<int>::max());
     QCOMPARE(server->radios().size(), size_t{1});
 }
 

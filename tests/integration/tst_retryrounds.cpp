@@ -85,19 +85,19 @@ private slots:
     {
         ImpatientServer server;
         registers(server, 0);
-        QVERIFY(!server->nextRetry().isActive());
+        QVERIFY(!server->timerForRetry().isActive());
         {
             const DatabaseLock lock(server.folder.databaseFile(), DatabaseLock::Reserved);
             registers(server, 0, 2);
-            QVERIFY(server->nextRetry().isActive());
-            QCOMPARE(server->nextRetry().interval(), Pause);
+            QVERIFY(server->timerForRetry().isActive());
+            QCOMPARE(server->timerForRetry().interval(), Pause);
             server.expireRetry();
-            QVERIFY(server->nextRetry().isActive());
-            QCOMPARE(server->nextRetry().interval(), Pause);
+            QVERIFY(server->timerForRetry().isActive());
+            QCOMPARE(server->timerForRetry().interval(), Pause);
         }
         server.expireRetry();
         QVERIFY(nothingIsOwed(server));
-        QVERIFY(!server->nextRetry().isActive());
+        QVERIFY(!server->timerForRetry().isActive());
     }
 
     void otherCommitsDoNotPutTheRetryOff()
@@ -109,7 +109,7 @@ private slots:
         }
         int changes = 0; // a timer that is armed anew stops first
         const auto watch =
-            const_cast<QTimer &>(server->nextRetry()).bindableActive().addNotifier([&] { ++changes; });
+            const_cast<QTimer &>(server->timerForRetry()).bindableActive().addNotifier([&] { ++changes; });
         registers(server, 1);
         QVERIFY(isOwed(server, 0));
         QCOMPARE(changes, 0);
@@ -123,7 +123,7 @@ private slots:
         const DatabaseLock lock(server.folder.databaseFile(), DatabaseLock::Reserved);
         registers(server, 0);
         server.stop();
-        QVERIFY(!server->nextRetry().isActive());
+        QVERIFY(!server->timerForRetry().isActive());
     }
 
     void roundThatEndedEarlyGoesOnAtOnce()
@@ -136,12 +136,12 @@ private slots:
         server.expireRetry();
         QVERIFY(!isOwed(server, 0));
         QVERIFY(!nothingIsOwed(server));
-        QCOMPARE(server->nextRetry().interval(), 0);
+        QCOMPARE(server->timerForRetry().interval(), 0);
         {
             // A reader lets the round write, but not commit.
             const DatabaseLock lock(server.folder.databaseFile(), DatabaseLock::Shared);
             server.expireRetry();
-            QCOMPARE(server->nextRetry().interval(), Pause);
+            QCOMPARE(server->timerForRetry().interval(), Pause);
         }
     }
 
@@ -156,7 +156,7 @@ private slots:
         server.expireRetry();
         QVERIFY(isOwed(server, 0));
         QVERIFY(!server->writeGroup()->isLockedOut());
-        QCOMPARE(server->nextRetry().interval(), Pause);
+        QCOMPARE(server->timerForRetry().interval(), Pause);
         statements.end();
     }
 
@@ -178,7 +178,7 @@ private slots:
         }
         QVERIFY(!isOwed(server, Many - 1));
         QVERIFY(isOwed(server, 0));
-        QCOMPARE(server->nextRetry().interval(), Pause); // they have all been tried
+        QCOMPARE(server->timerForRetry().interval(), Pause); // they have all been tried
         statements.end();
         for (int i = 0; i < Rounds && !nothingIsOwed(server); ++i) {
             server.expireRetry();

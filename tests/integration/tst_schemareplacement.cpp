@@ -49,8 +49,8 @@ bool isIdle(const TestServer &server)
     QTcpServer applicationSide;
     return radioSide.bind(server.registrationPort(), QAbstractSocket::DefaultForPlatform) &&
            applicationSide.listen(QHostAddress::AnyIPv4, server.applicationPort()) &&
-           !server->timeoutCheck().isActive() && !server->nextDiscovery().isActive() &&
-           !server->nextDeadline().isActive() && server->radios().empty() &&
+           !server->timerForTimeoutCheck().isActive() && !server->timerForDiscovery().isActive() &&
+           !server->timerForDeadline().isActive() && server->radios().empty() &&
            server->dueForDiscovery().empty();
 }
 

@@ -48,8 +48,8 @@ bool portsAreFree(const TestServer &server)
 
 bool timersAreOff(const TestServer &server)
 {
-    return !server->timeoutCheck().isActive() && !server->nextDiscovery().isActive() &&
-           !server->nextDeadline().isActive();
+    return !server->timerForTimeoutCheck().isActive() && !server->timerForDiscovery().isActive() &&
+           !server->timerForDeadline().isActive();
 }
 
 QStringList connectionNames()
@@ -79,10 +79,10 @@ private slots:
         QVERIFY(connectionNames().isEmpty());
         QVERIFY(!QFile::exists(server.folder.databaseFile()));
         QVERIFY(server.log.records().isEmpty());
-        QVERIFY(server->nextDiscovery().isSingleShot());
-        QVERIFY(server->nextDeadline().isSingleShot());
-        QCOMPARE(server->nextDeadline().timerType(), Qt::PreciseTimer);
-        QVERIFY(!server->timeoutCheck().isSingleShot());
+        QVERIFY(server->timerForDiscovery().isSingleShot());
+        QVERIFY(server->timerForDeadline().isSingleShot());
+        QCOMPARE(server->timerForDeadline().timerType(), Qt::PreciseTimer);
+        QVERIFY(!server->timerForTimeoutCheck().isSingleShot());
     }
 
     void descriptionRunsTheBuildIntoTheNextWord()
@@ -104,10 +104,10 @@ private slots:
                         startRecord(server)}));
         QCOMPARE(QCoreApplication::organizationName(), u"Brackwater"_s);
         QCOMPARE(QCoreApplication::applicationName(), u"Quill Mere"_s);
-        QVERIFY(server->timeoutCheck().isActive());
-        QCOMPARE(server->timeoutCheck().interval(), 300000);
-        QVERIFY(!server->nextDiscovery().isActive());
-        QVERIFY(!server->nextDeadline().isActive());
+        QVERIFY(server->timerForTimeoutCheck().isActive());
+        QCOMPARE(server->timerForTimeoutCheck().interval(), 300000);
+        QVERIFY(!server->timerForDiscovery().isActive());
+        QVERIFY(!server->timerForDeadline().isActive());
         QCOMPARE(connectionNames(), QStringList{QLatin1String(QSqlDatabase::defaultConnection)});
     }
 
@@ -168,7 +168,7 @@ private slots:
                    RecordingLog::record(Scm::EventError, u"Failed to listen for application connections"_s),
                    startRecord(server)}));
         QCOMPARE(server->radios().size(), size_t{1});
-        QVERIFY(server->nextDiscovery().isActive());
+        QVERIFY(server->timerForDiscovery().isActive());
     }
 
     void databaseThatCannotBeOpenedLeavesTheServerIdle()
@@ -268,8 +268,8 @@ private slots:
         ScriptedRadio radio(server.registrationPort(), 1);
         radio.registersPending();
         QVERIFY(radio.isAcknowledged());
-        QVERIFY(server->nextDiscovery().isActive());
-        QVERIFY(server->nextDeadline().isActive());
+        QVERIFY(server->timerForDiscovery().isActive());
+        QVERIFY(server->timerForDeadline().isActive());
         server.log.take();
         const QByteArray database = fileContent(server);
         StatementTrace trace;

@@ -125,9 +125,9 @@ void TestSupervision::expiryGoesByAvailabilitySilenceAndAttempts()
     QCOMPARE(liveStates(server), expected);
     QCOMPARE(storedStates(server), expected);
     QCOMPARE(server->dueForDiscovery().size(), gone ? size_t{0} : size_t{1});
-    QCOMPARE(server->nextDiscovery().isActive(), !gone);
+    QCOMPARE(server->timerForDiscovery().isActive(), !gone);
     if (!gone) {
-        QCOMPARE(server->nextDiscovery().interval(),
+        QCOMPARE(server->timerForDiscovery().interval(),
                  expectedAvailability == QMR::Unconfirmed ? 300000 : 1800000);
     }
     const ScriptedRadio radio(server.registrationPort(), 1);
@@ -150,7 +150,7 @@ void TestSupervision::unansweredUnconfirmedIsAnnouncedUnreachableBeforeTheReques
     QVERIFY(application.sees(radio, QMR::Unreachable));
     QCOMPARE(recordsUntilNow(server), QList{requestCameBack()});
     QCOMPARE(storedStates(server), (QList<SupervisionState>{{QMR::Unreachable, 1, now, now + 300}}));
-    QCOMPARE(server->nextDiscovery().interval(), 1800000);
+    QCOMPARE(server->timerForDiscovery().interval(), 1800000);
 }
 
 void TestSupervision::givenUpRadioLeavesTableAndDatabaseAndIsAnnounced()
@@ -183,7 +183,7 @@ void TestSupervision::givenUpRadioLeavesTableAndDatabaseAndIsAnnounced()
              (QList<SupervisionState>{{QMR::Unreachable, 0, now, now + SilenceLimit - 1790}}));
     QCOMPARE(server.query(u"SELECT count(*) FROM supported_services"_s), (QList<QVariantList>{{1LL}}));
     // No request has been sent, so the next radio need not wait for the spacing.
-    QCOMPARE(server->nextDiscovery().interval(), 10000);
+    QCOMPARE(server->timerForDiscovery().interval(), 10000);
     QCOMPARE(server->dueForDiscovery().size(), size_t{1});
 }
 
@@ -232,7 +232,7 @@ void TestSupervision::answerEndsTheSearch()
     QVERIFY(radio.isAcknowledged());
     QCOMPARE(storedStates(server), (QList<SupervisionState>{{QMR::Registered, 0, now + 305, now + 300}}));
     QVERIFY(server->dueForDiscovery().empty());
-    QVERIFY(!server->nextDiscovery().isActive());
+    QVERIFY(!server->timerForDiscovery().isActive());
 }
 
 void TestSupervision::requestToARadioInDoubtAnnouncesNothing()
@@ -271,7 +271,7 @@ void TestSupervision::reportPutsRegisteredRadioInTheQueue()
     QVERIFY(bystander.sees(radio, QMR::Unconfirmed));
     QCOMPARE(storedStates(server), (QList<SupervisionState>{{QMR::Unconfirmed, 0, now, now - 100}}));
     QCOMPARE(server->dueForDiscovery().size(), size_t{1});
-    QCOMPARE(server->nextDiscovery().interval(), 200000);
+    QCOMPARE(server->timerForDiscovery().interval(), 200000);
 }
 
 void TestSupervision::sendFailureStillCountsAsAttempt()
@@ -287,7 +287,7 @@ void TestSupervision::sendFailureStillCountsAsAttempt()
     QCOMPARE(server.log.take(),
              QList{RecordingLog::record(Scm::EventError, u"Network error: write message failed"_s)});
     QCOMPARE(storedStates(server), (QList<SupervisionState>{{QMR::Unconfirmed, 1, now, now}}));
-    QCOMPARE(server->nextDiscovery().interval(), 300000);
+    QCOMPARE(server->timerForDiscovery().interval(), 300000);
 }
 
 void TestSupervision::failedWriteLeavesTheMemoryChanged()
@@ -303,7 +303,7 @@ void TestSupervision::failedWriteLeavesTheMemoryChanged()
     QCOMPARE(recordsUntilNow(server), (QList{failure, failure, requestCameBack()}));
     QCOMPARE(liveStates(server), (QList<SupervisionState>{{QMR::Unreachable, 1, now, now}}));
     QCOMPARE(storedStates(server), (QList<SupervisionState>{{QMR::Unconfirmed, 3, now, 0}}));
-    QCOMPARE(server->nextDiscovery().interval(), 1800000);
+    QCOMPARE(server->timerForDiscovery().interval(), 1800000);
 }
 
 void TestSupervision::failedDeletionLeavesTheMemoryChanged()
@@ -344,7 +344,7 @@ void TestSupervision::stateWithoutANameIsGivenUpOnceAndForAll()
     server->deregisterRadio(esnOf(2), QHostAddress(u"127.0.0.3"_s));
 
     QVERIFY(server->dueForDiscovery().empty());
-    QVERIFY(!server->nextDiscovery().isActive());
+    QVERIFY(!server->timerForDiscovery().isActive());
 }
 
 QTEST_GUILESS_MAIN(TestSupervision)

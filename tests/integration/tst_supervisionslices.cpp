@@ -149,7 +149,7 @@ private slots:
         QVERIFY(runsUntil([&radio] { return radio.hasReceived(); }));
         QVERIFY(pending() > 0);
         QVERIFY(runsUntil([this] { return pending() == 0; }));
-        QVERIFY(!(*server)->nextDeadline().isActive());
+        QVERIFY(!(*server)->timerForDeadline().isActive());
     }
 
     void lapseSparesWhoIsRefreshedInTheMiddleOfIt()
@@ -163,8 +163,8 @@ private slots:
         QVERIFY(runsUntil([this] { return pending() == 1; }));
         haveTurns();
         QCOMPARE(pending(), 1U);
-        QVERIFY((*server)->nextDeadline().isActive());
-        QCOMPARE((*server)->nextDeadline().interval(), int{PendingLifetime * 1000});
+        QVERIFY((*server)->timerForDeadline().isActive());
+        QCOMPARE((*server)->timerForDeadline().interval(), int{PendingLifetime * 1000});
     }
 
     void lapseGoesByDeadline()

@@ -34,13 +34,13 @@ private slots:
 void TestTimeoutCheck::runsEveryFiveMinutesFromStartToStop()
 {
     TestServer server;
-    QVERIFY(!server->timeoutCheck().isActive());
+    QVERIFY(!server->timerForTimeoutCheck().isActive());
     server.start();
-    QVERIFY(server->timeoutCheck().isActive());
-    QVERIFY(!server->timeoutCheck().isSingleShot());
-    QCOMPARE(server->timeoutCheck().interval(), 300000);
+    QVERIFY(server->timerForTimeoutCheck().isActive());
+    QVERIFY(!server->timerForTimeoutCheck().isSingleShot());
+    QCOMPARE(server->timerForTimeoutCheck().interval(), 300000);
     server.stop();
-    QVERIFY(!server->timeoutCheck().isActive());
+    QVERIFY(!server->timerForTimeoutCheck().isActive());
 }
 
 void TestTimeoutCheck::demotesAfterTwelveHours_data()
@@ -125,11 +125,11 @@ void TestTimeoutCheck::demotedRadioIsDueBySpacingOfUnreachable()
     startWith(server, {{.serial = 1, .lastContact = now, .lastDiscovery = checked - 100}});
     server.clock.set(QDateTime::fromSecsSinceEpoch(checked, Qt::UTC));
     server->rearmDiscoveryTimer();
-    QCOMPARE(server->nextDiscovery().interval(), 200000);
+    QCOMPARE(server->timerForDiscovery().interval(), 200000);
 
     server.expireTimeoutCheck();
 
-    QCOMPARE(server->nextDiscovery().interval(), 1700000);
+    QCOMPARE(server->timerForDiscovery().interval(), 1700000);
     QCOMPARE(server->dueForDiscovery().size(), size_t{1});
 }
 

@@ -59,8 +59,8 @@ ModelScenario::ModelScenario(quint32 seed, Way wayOfRadios)
 bool ModelScenario::eventFilter(QObject *object, QEvent *event)
 {
     return event->type() == QEvent::Timer &&
-           (object == &server->nextDiscovery() || object == &server->nextDeadline() ||
-            object == &server->timeoutCheck() || (object == &server->nextRetry() && !retrying));
+           (object == &server->timerForDiscovery() || object == &server->timerForDeadline() ||
+            object == &server->timerForTimeoutCheck() || (object == &server->timerForRetry() && !retrying));
 }
 
 void ModelScenario::storeRandomRadios()

@@ -188,11 +188,11 @@ void StateComparison::compareQueues(const QMR::Quillmere &server, const Registra
 void StateComparison::compareTimers(const QMR::Quillmere &server, const RegistrationModel &model)
 {
     const auto text = [](std::optional<qint64> interval) { return QString::number(interval.value_or(-1)); };
-    const auto discovery = armed(server.nextDiscovery());
+    const auto discovery = armed(server.timerForDiscovery());
     if (discovery != model.discoveryTimer) {
         differs(u"discovery timer"_s, text(discovery), text(model.discoveryTimer));
     }
-    const auto deadline = armed(server.nextDeadline());
+    const auto deadline = armed(server.timerForDeadline());
     if (deadline != model.deadlineTimer) {
         differs(u"deadline timer"_s, text(deadline), text(model.deadlineTimer));
     }

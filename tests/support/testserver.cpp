@@ -90,8 +90,8 @@ void TestServer::expire(const char *slot) const
 
 void TestServer::expireRetry() const
 {
-    QTimerEvent expired(server->nextRetry().timerId());
-    QCoreApplication::sendEvent(const_cast<QTimer *>(&server->nextRetry()), &expired);
+    QTimerEvent expired(server->timerForRetry().timerId());
+    QCoreApplication::sendEvent(const_cast<QTimer *>(&server->timerForRetry()), &expired);
 }
 
 QList<QVariantList> TestServer::query(const QString &statement) const

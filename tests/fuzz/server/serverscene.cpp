@@ -192,7 +192,7 @@ void ServerScene::discoveryExpires()
         expect(Qmrs::Opcode::DiscoveryRequest, request.protocolVersion, request.esn,
                QHostAddress(request.address), RegistrationPort);
     }
-    fire(server->nextDiscovery());
+    fire(server->timerForDiscovery());
 }
 
 void ServerScene::deadlineExpires()
@@ -203,14 +203,14 @@ void ServerScene::deadlineExpires()
         world.clock.set(world.clock.now().addMSecs(*model.deadlineTimer));
     }
     model.deadlineExpires();
-    fire(server->nextDeadline());
+    fire(server->timerForDeadline());
 }
 
 void ServerScene::timeoutCheckExpires()
 {
     begin("timeout check");
     model.timeoutCheckExpires();
-    fire(server->timeoutCheck());
+    fire(server->timerForTimeoutCheck());
 }
 
 void ServerScene::retryExpires()
@@ -222,7 +222,7 @@ void ServerScene::retryExpires()
     if (!model.locked) {
         model.settlesWhatIsOwed();
     }
-    fire(server->nextRetry());
+    fire(server->timerForRetry());
 }
 
 void ServerScene::databaseIsLocked()
@@ -270,7 +270,7 @@ void ServerScene::databaseIsWhole()
     lastChanges = -1;
     model.settlesWhatIsOwed();
     for (int i = 0; i < Rounds; ++i) {
-        fire(server->nextRetry());
+        fire(server->timerForRetry());
     }
 }
 
@@ -337,7 +337,7 @@ void ServerScene::compare()
         if (!failing && (model.writes > 0 || std::exchange(lastChanges, changes) != changes)) {
             comparison.compareRows(*server, model);
         }
-        if (!server->writeGroup()->owed().isEmpty() && !server->nextRetry().isActive()) {
+        if (!server->writeGroup()->owed().isEmpty() && !server->timerForRetry().isActive()) {
             comparison.differs(u"retry timer"_s, u"stopped"_s, u"active"_s);
         }
         compareNotices();
