@@ -25,9 +25,9 @@ std::vector<Esn> esnsUnder(const std::pmr::set<std::pair<Key, Esn>> &entries, co
 void AddressIndex::add(const Esn &esn, const QHostAddress &address, const QHostAddress &pendingAddress)
 {
     for (const QHostAddress &held : {address, pendingAddress}) {
-        byValue.emplace(held.toIPv4Address(), esn);
-        if (const auto key = valuelessKey(held)) {
-            valueless.emplace(*key, esn);
+        byIpv4Value.emplace(held.toIPv4Address(), esn);
+        if (const auto key = ipv6Key(held)) {
+            byIpv6Bytes.emplace(*key, esn);
         }
     }
 }
@@ -35,23 +35,23 @@ void AddressIndex::add(const Esn &esn, const QHostAddress &address, const QHostA
 void AddressIndex::remove(const Esn &esn, const QHostAddress &address, const QHostAddress &pendingAddress)
 {
     for (const QHostAddress &held : {address, pendingAddress}) {
-        byValue.erase({held.toIPv4Address(), esn});
-        if (const auto key = valuelessKey(held)) {
-            valueless.erase({*key, esn});
+        byIpv4Value.erase({held.toIPv4Address(), esn});
+        if (const auto key = ipv6Key(held)) {
+            byIpv6Bytes.erase({*key, esn});
         }
     }
 }
 
 void AddressIndex::clear()
 {
-    byValue.clear();
-    valueless.clear();
+    byIpv4Value.clear();
+    byIpv6Bytes.clear();
 }
 
 std::optional<Esn> AddressIndex::firstHolder(quint32 ipv4Value) const
 {
-    const auto entry = byValue.lower_bound({ipv4Value, Esn{}});
-    if (entry == byValue.end() || entry->first != ipv4Value) {
+    const auto entry = byIpv4Value.lower_bound({ipv4Value, Esn{}});
+    if (entry == byIpv4Value.end() || entry->first != ipv4Value) {
         return std::nullopt;
     }
     return entry->second;
@@ -59,13 +59,13 @@ std::optional<Esn> AddressIndex::firstHolder(quint32 ipv4Value) const
 
 std::vector<Esn> AddressIndex::candidates(const QHostAddress &address) const
 {
-    if (const auto key = valuelessKey(address)) {
-        return esnsUnder(valueless, *key);
+    if (const auto key = ipv6Key(address)) {
+        return esnsUnder(byIpv6Bytes, *key);
     }
-    return address.isNull() ? std::vector<Esn>() : esnsUnder(byValue, address.toIPv4Address());
+    return address.isNull() ? std::vector<Esn>() : esnsUnder(byIpv4Value, address.toIPv4Address());
 }
 
-std::optional<AddressIndex::Ipv6Bytes> AddressIndex::valuelessKey(const QHostAddress &address)
+std::optional<AddressIndex::Ipv6Bytes> AddressIndex::ipv6Key(const QHostAddress &address)
 {
     if (address.isNull() || address.toIPv4Address() != 0) {
         return std::nullopt;

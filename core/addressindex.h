@@ -23,7 +23,7 @@ class AddressIndex
 public:
     // The memory must outlive the index.
     explicit AddressIndex(std::pmr::memory_resource *memory = std::pmr::get_default_resource())
-        : byValue(memory), valueless(memory)
+        : byIpv4Value(memory), byIpv6Bytes(memory)
     {
     }
 
@@ -32,9 +32,8 @@ public:
     void remove(const Esn &esn, const QHostAddress &address, const QHostAddress &pendingAddress);
     void clear();
 
-    // How many pairs there are of an IPv4 value and a radio that counts under it, and of an address without
-    // such a value and its holder.
-    size_t size() const { return byValue.size() + valueless.size(); }
+    // The number of entries, of both kinds: a radio under an IPv4 value, and under the bytes of an address.
+    size_t size() const { return byIpv4Value.size() + byIpv6Bytes.size(); }
 
     // The smallest ESN of those with an address of this IPv4 value.
     std::optional<Esn> firstHolder(quint32 ipv4Value) const;
@@ -44,13 +43,14 @@ public:
     std::vector<Esn> candidates(const QHostAddress &address) const;
 
 private:
-    // Addresses without an IPv4 value are told apart by their IPv6 bytes: nearly every radio has the value 0,
-    // for the address that it lacks.
+    // An address of the IPv4 value 0 is looked up by its IPv6 bytes: under that value stands nearly every
+    // radio, for the address that it lacks.
     using Ipv6Bytes = std::array<quint8, 16>;
-    static std::optional<Ipv6Bytes> valuelessKey(const QHostAddress &address);
+    // Nothing for a null address, and for one of another IPv4 value.
+    static std::optional<Ipv6Bytes> ipv6Key(const QHostAddress &address);
 
-    std::pmr::set<std::pair<quint32, Esn>> byValue;
-    std::pmr::set<std::pair<Ipv6Bytes, Esn>> valueless;
+    std::pmr::set<std::pair<quint32, Esn>> byIpv4Value;
+    std::pmr::set<std::pair<Ipv6Bytes, Esn>> byIpv6Bytes;
 };
 
 } // namespace QMR

@@ -20,7 +20,7 @@ enum Availability : quint32 {
     Registered = 3,  // in contact; not searched for
 };
 
-// The null address, one object for all radios that lack an address: QHostAddress() is a new one each time.
+// The null address. Copies of one object share its memory; each QHostAddress() has memory of its own.
 inline const QHostAddress &noAddress()
 {
     static const QHostAddress address;

@@ -27,10 +27,10 @@ constexpr qint64 OtherSpacing = 1800;      // seconds
 constexpr qint64 PendingLifetime = 17;     // seconds
 constexpr auto TimeoutCheckPeriod = 5min;
 
-// However many radios there are, nobody else waits longer for their turn; the commit that follows comes on
-// top.
+// A walk over many radios stops after this time and goes on in a posted event, so that whatever else is
+// waiting has its turn. The commit at the end of each slice takes its time on top.
 constexpr auto LongestSlice = 5ms;
-constexpr int RadiosALook = 16; // at the clock
+constexpr int RadiosPerClockRead = 16;
 
 bool isStale(const RadioEntry &radio, const QDateTime &now)
 {
@@ -186,7 +186,7 @@ void Quillmere::rearmDiscoveryTimer()
     }
 }
 
-// One radio an expiry; the spacing between radios is the timer's.
+// Serves one radio; the timer, armed anew, keeps the least time to the next.
 void Quillmere::eventDiscoveryTimerExpired()
 {
     const WriteTurn turn(writes.get());
@@ -245,7 +245,7 @@ void Quillmere::continueTimeoutCheck()
             setAvailability(radio, Unreachable);
         }
         last = next->first;
-        if (++checked % RadiosALook == 0 && end.hasExpired()) {
+        if (++checked % RadiosPerClockRead == 0 && end.hasExpired()) {
             QMetaObject::invokeMethod(this, &Quillmere::continueTimeoutCheck, Qt::QueuedConnection);
             return;
         }

@@ -19,6 +19,7 @@ constexpr size_t ReviewGroup = 16384; // radios a commit: what could have to be 
 
 } // namespace
 
+// Not in the unnamed namespace, where QHash would not find it.
 static size_t qHash(const Esn &esn, size_t seed)
 {
     return qHashBits(esn.bytes.data(), esn.bytes.size(), seed);
