@@ -217,7 +217,8 @@ private:
 
     bool openDatabase();
     void keepJournal();
-    int readSubscribers(std::list<RadioPointer> &radios) const;
+    // False: something that may pass has kept rows from being read.
+    bool readSubscribers(std::list<RadioPointer> &radios) const;
     void writeFailed(WriteStep step) const;
     void groupStored();
     void eventOwedWritesDue();

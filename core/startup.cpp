@@ -98,7 +98,7 @@ void Quillmere::configure()
     QCoreApplication::setOrganizationName(QString::fromLatin1(OrganizationName));
     QCoreApplication::setApplicationName(applicationName());
     settings = std::make_unique<QSettings>(configDirectory() + u"/qmr.cfg"_s, QSettings::IniFormat);
-    Sqlite::keepNoAccounts();
+    Sqlite::disableMemoryStatistics();
     Sqlite::tellFaultsFromDamage();
     database = QSqlDatabase::addDatabase(u"QSQLITE"_s);
     database.setDatabaseName(configDirectory() + u"/qmr.db"_s);

@@ -29,8 +29,8 @@ int primary(int resultCode)
     return resultCode & 0xFF;
 }
 
-// As SQLite has it, for a file's descriptor, bytes, how many, and from where. Where it has none by these
-// names, faults are told from damage as it is.
+// SQLite's type of a read call: descriptor, buffer, number of bytes, offset. Where SQLite reads by calls of
+// other names (Windows), it tells a fault from damage by itself.
 using ReadCall = ptrdiff_t (*)(int, void *, size_t, qint64);
 constexpr std::array ReadCalls = {"pread", "pread64"};
 std::array<ReadCall, ReadCalls.size()> systemsReadCalls{};
@@ -59,7 +59,7 @@ void replaceReadCall(sqlite3_vfs &system)
 
 } // namespace
 
-void keepNoAccounts()
+void disableMemoryStatistics()
 {
     sqlite3_config(SQLITE_CONFIG_MEMSTATUS, 0);
 }

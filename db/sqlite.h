@@ -14,12 +14,12 @@ struct sqlite3;
 
 namespace QMR::Sqlite {
 
-// To be called before the first connection is opened: SQLite's account of its own memory, which nobody reads,
-// takes a lock at each allocation.
-void keepNoAccounts();
+// To be called before the first connection is opened. SQLite's statistics of its own memory, which nobody
+// reads, take a lock at each allocation.
+void disableMemoryStatistics();
 
-// To be called before that too: SQLite takes a file that the system fails to read for a damaged one, and what
-// is damaged is replaced. From then on it is a fault that may pass.
+// To be called before that too. SQLite takes a file that the system fails to read for a damaged one, and what
+// is damaged is replaced; from then on it takes it for one that may be readable later.
 void tellFaultsFromDamage();
 
 // The connection's own handle; null while it is closed.
@@ -41,9 +41,9 @@ bool isRefusal(int resultCode);
 // How long a start waits for somebody else's lock: nothing is served yet.
 constexpr std::chrono::seconds StartPatience(60);
 
-// Makes the attempt, and again after a growing pause while it says that something is in its way that may
-// pass, a lock say, and time is left. SQLite's own wait for locks is not enough: it is not made where a
-// transaction that reads comes to write.
+// Makes an attempt, and again after a growing pause for as long as it is hindered and time is left.
+// attempt: returns true where something was in its way that may pass, a lock say. SQLite's own wait for locks
+// is not enough: it is not made where a transaction that reads comes to write.
 void whileHindered(const QDeadlineTimer &deadline, const std::function<bool()> &attempt);
 
 } // namespace QMR::Sqlite

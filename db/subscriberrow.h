@@ -38,8 +38,9 @@ struct RowWrite
 // Where a write failed.
 enum class WriteStep : quint8 { InsertRow, ReadId, InsertServices, Update, Delete };
 
-// Where a write fails whose transaction cannot begin, or is not committed.
+// The step that has failed where the write's transaction cannot begin.
 WriteStep firstStep(RowWrite::Kind kind);
+// The step that has failed where the transaction is not committed.
 WriteStep lastStep(RowWrite::Kind kind);
 
 } // namespace QMR

@@ -72,12 +72,12 @@ void Quillmere::writeFailed(WriteStep step) const
     }
 }
 
-// A server without its radios would not store them.
+// Patient: a radio that is not loaded could not be stored again, for its old row would be in the way.
 void Quillmere::loadSubscribers(std::list<RadioPointer> &radios, std::chrono::milliseconds patience)
 {
     bool isHindered = false;
     Sqlite::whileHindered(QDeadlineTimer(patience), [&] {
-        isHindered = Sqlite::isPassing(readSubscribers(radios));
+        isHindered = !readSubscribers(radios);
         return isHindered;
     });
     if (isHindered) {
@@ -85,7 +85,7 @@ void Quillmere::loadSubscribers(std::list<RadioPointer> &radios, std::chrono::mi
     }
 }
 
-int Quillmere::readSubscribers(std::list<RadioPointer> &radios) const
+bool Quillmere::readSubscribers(std::list<RadioPointer> &radios) const
 {
     radios.clear();
     QSqlQuery query(database);
@@ -133,7 +133,7 @@ int Quillmere::readSubscribers(std::list<RadioPointer> &radios) const
             radios.back()->supportedServices.push_back(toUnsigned(service));
         }
     }
-    return query.lastError().nativeErrorCode().toInt();
+    return !Sqlite::isPassing(query.lastError().nativeErrorCode().toInt());
 }
 
 } // namespace QMR
