@@ -23,6 +23,7 @@ namespace {
 
 void provide(Scm::Functions &functions)
 {
+    // Without the last two: nothing here asks for a service's configuration.
     functions = {Linux::registerServiceCtrlHandler,
                  Linux::setServiceStatus,
                  Linux::changeServiceConfig2,

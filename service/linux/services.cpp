@@ -206,7 +206,7 @@ Scm::Bool closeServiceHandle(Scm::Handle handle)
 }
 
 Scm::Handle createService(Scm::Handle, const Scm::Char *name, const Scm::Char *displayName, Scm::Dword,
-                          Scm::Dword type, Scm::Dword startType, Scm::Dword, const Scm::Char *binaryPath,
+                          Scm::Dword, Scm::Dword startType, Scm::Dword, const Scm::Char *binaryPath,
                           const Scm::Char *, Scm::Dword *, const Scm::Char *, const Scm::Char *account,
                           const Scm::Char *)
 {
@@ -215,7 +215,6 @@ Scm::Handle createService(Scm::Handle, const Scm::Char *name, const Scm::Char *d
     settings.displayName = displayName ? Scm::toString(displayName) : settings.name;
     settings.description = settings.displayName;
     settings.binaryPath = Scm::toString(binaryPath);
-    settings.serviceType = type;
     const QString unit = unitName(settings.name);
     if (unit.isEmpty() || !isFolderName(settings.displayName) || !settings.binaryPath.startsWith(u'/')) {
         return noHandle(ErrorInvalidName);

@@ -102,20 +102,6 @@ QByteArray descriptionValue(const QString &description)
     return value;
 }
 
-QByteArray value(const QByteArray &text, const QByteArray &section, const QByteArray &key)
-{
-    bool inSection = false;
-    const QList<QByteArray> lines = text.split('\n');
-    for (const QByteArray &line : lines) {
-        if (line.startsWith('[')) {
-            inSection = line.trimmed() == '[' + section + ']';
-        } else if (inSection && line.startsWith(QByteArray(key + '='))) {
-            return line.mid(key.size() + 1).trimmed();
-        }
-    }
-    return {};
-}
-
 } // namespace
 
 QString unitName(const QString &serviceName)
@@ -154,25 +140,6 @@ QByteArray quotedWord(const QString &text)
     return word + '"';
 }
 
-QString unquotedWord(const QByteArray &word)
-{
-    QByteArray bytes;
-    const QByteArray inner =
-        word.startsWith('"') ? word.sliced(1, std::max<qsizetype>(word.size() - 2, 0)) : word;
-    for (qsizetype i = 0; i < inner.size(); ++i) {
-        const char c = inner[i];
-        if (c == '\\' && i + 3 < inner.size() && inner[i + 1] == 'x') {
-            bytes += QByteArray::fromHex(inner.sliced(i + 2, 2));
-            i += 3;
-        } else if ((c == '\\' || c == '%') && i + 1 < inner.size()) {
-            bytes += inner[++i];
-        } else {
-            bytes += c;
-        }
-    }
-    return QString::fromUtf8(bytes);
-}
-
 QByteArray unitText(const UnitSettings &settings)
 {
     const QByteArray unit = unitName(settings.name).toLatin1();
@@ -203,24 +170,8 @@ QByteArray unitText(const UnitSettings &settings)
     } else {
         text += "ProtectHome=yes\n";
     }
-    text += "\n[Install]\nWantedBy=multi-user.target\n\n";
-    text += "[X-Service]\nName=" + quotedWord(settings.name) +
-            "\nDisplayName=" + quotedWord(settings.displayName) +
-            "\nBinaryPath=" + quotedWord(settings.binaryPath) +
-            "\nType=" + QByteArray::number(settings.serviceType) + '\n';
+    text += "\n[Install]\nWantedBy=multi-user.target\n";
     return text;
-}
-
-UnitSettings unitSettings(const QByteArray &text)
-{
-    UnitSettings settings;
-    settings.name = unquotedWord(value(text, "X-Service", "Name"));
-    settings.displayName = unquotedWord(value(text, "X-Service", "DisplayName"));
-    settings.description = QString::fromUtf8(value(text, "Unit", "Description").replace("%%", "%"));
-    settings.binaryPath = unquotedWord(value(text, "X-Service", "BinaryPath"));
-    settings.account = QString::fromUtf8(value(text, "Service", "User").replace("%%", "%"));
-    settings.serviceType = value(text, "X-Service", "Type").toUInt();
-    return settings;
 }
 
 QByteArray withDescription(const QByteArray &text, const QString &description)

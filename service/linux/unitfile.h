@@ -1,10 +1,8 @@
 // SPDX-FileCopyrightText: 2026 The Quillmere developers
 // SPDX-License-Identifier: MIT
 
-// The systemd unit file of an installed service: its name, its text, and what can be read back from it.
+// The systemd unit file of an installed service: its name and its text.
 #pragma once
-
-#include "service/scm.h"
 
 #include <QByteArray>
 #include <QString>
@@ -18,7 +16,6 @@ struct UnitSettings
     QString description;
     QString binaryPath; // absolute
     QString account;    // local user name; empty: root
-    Scm::Dword serviceType = 0;
 };
 
 // "Quill Mere" is "quill-mere". Lower case, runs of other characters than ASCII letters and digits made one
@@ -28,15 +25,11 @@ QString unitName(const QString &serviceName);
 
 QByteArray unitText(const UnitSettings &settings);
 
-// The settings that unitText() wrote; those a foreign unit file does not tell stay empty.
-UnitSettings unitSettings(const QByteArray &text);
-
 // The text with another description; everything else is left as it stands.
 QByteArray withDescription(const QByteArray &text, const QString &description);
 
 // One word of a unit file's list or command line, quoted, so that spaces, quotes, backslashes, specifiers and
-// control characters stand for themselves; and back.
+// control characters stand for themselves.
 QByteArray quotedWord(const QString &text);
-QString unquotedWord(const QByteArray &word);
 
 } // namespace Linux

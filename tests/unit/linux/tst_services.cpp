@@ -17,7 +17,6 @@
 #include <systemd/sd-bus-protocol.h>
 #include <unistd.h>
 
-#include <array>
 #include <csignal>
 #include <memory>
 
@@ -113,11 +112,11 @@ void TestServices::createWritesTheUnit()
 {
     Scm::Handle service = create();
     QVERIFY(service);
-    const UnitSettings settings = unitSettings(systemd->readFile(unitPath()));
-    QCOMPARE(settings.name, u"Quill Mere"_s);
-    QCOMPARE(settings.displayName, u"Quill Mere"_s);
-    QCOMPARE(settings.binaryPath, u"/opt/q m/quillmere"_s);
-    QCOMPARE(settings.serviceType, Scm::Dword(Scm::OwnProcess));
+    const QByteArrayList unit = systemd->readFile(unitPath()).split('\n');
+    for (const char *line : {"Description=Quill Mere", "ExecStart=:\"/opt/q m/quillmere\"",
+                             "StateDirectory=\"Brackwater/Quill Mere\"", "RuntimeDirectory=quill-mere"}) {
+        QVERIFY2(unit.contains(line), line);
+    }
     QCOMPARE(QFile::permissions(unitPath()) & 0x0777, QFileDevice::ReadUser | QFileDevice::WriteUser |
                                                           QFileDevice::ReadGroup | QFileDevice::ReadOther);
     QCOMPARE(systemd->calls(), QByteArrayList{"Reload"});
@@ -262,7 +261,7 @@ void TestServices::accounts()
         QVERIFY(!QFile::exists(unitPath()));
     } else {
         QVERIFY(service);
-        QCOMPARE(unitSettings(systemd->readFile(unitPath())).account, user);
+        QVERIFY(systemd->readFile(unitPath()).contains(QByteArray("\nUser=" + user.toUtf8() + '\n')));
         closeServiceHandle(service);
     }
 }
