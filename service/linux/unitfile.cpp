@@ -3,10 +3,11 @@
 
 #include "service/linux/unitfile.h"
 
-#include <QList>
+#include <QByteArrayList>
 
 #include <algorithm>
 #include <array>
+#include <utility>
 
 using namespace Qt::StringLiterals;
 
@@ -18,39 +19,6 @@ constexpr qsizetype MaximumUnitName = 255 - 8; // a file name, less ".service"
 
 // The server keeps its data in this folder of the common data folder, then one of its own name.
 constexpr auto VendorFolder = "Brackwater/"_L1;
-
-// What the server never needs is taken from it. It needs: UDP and TCP sockets, the journal's and its own Unix
-// socket, and its data folder.
-constexpr auto Sandbox = R"(UMask=0077
-NoNewPrivileges=yes
-CapabilityBoundingSet=
-AmbientCapabilities=
-PrivateDevices=yes
-DevicePolicy=closed
-PrivateTmp=yes
-PrivateUsers=yes
-ProtectSystem=strict
-ProtectProc=invisible
-ProcSubset=pid
-ProtectClock=yes
-ProtectControlGroups=yes
-ProtectHostname=yes
-ProtectKernelLogs=yes
-ProtectKernelModules=yes
-ProtectKernelTunables=yes
-RestrictAddressFamilies=AF_INET AF_INET6 AF_UNIX
-RestrictNamespaces=yes
-RestrictRealtime=yes
-RestrictSUIDSGID=yes
-LockPersonality=yes
-MemoryDenyWriteExecute=yes
-RemoveIPC=yes
-KeyringMode=private
-SystemCallArchitectures=native
-SystemCallFilter=@system-service
-SystemCallFilter=~@privileged @resources
-SystemCallErrorNumber=EPERM
-)";
 
 bool liesBelow(const QString &path, QLatin1StringView folder)
 {
@@ -142,36 +110,32 @@ QByteArray quotedWord(const QString &text)
 
 QByteArray unitText(const UnitSettings &settings)
 {
-    const QByteArray unit = unitName(settings.name).toLatin1();
-    QByteArray text = "# Written by \"" + settings.name.toUtf8().simplified() +
-                      "\" when it was installed; removed when it is uninstalled.\n"
-                      "# Changes belong in a drop-in: systemctl edit " +
-                      unit + ".service\n\n";
-    text += "[Unit]\nDescription=" + descriptionValue(settings.description) +
-            "\nAfter=network.target time-set.target\n"
-            // A server that nobody watches is started again for as long as it takes.
-            "StartLimitIntervalSec=0\n\n";
-    text += "[Service]\nType=notify\nNotifyAccess=main\nExecStart=" + commandLine(settings.binaryPath) + '\n';
-    if (!settings.account.isEmpty()) {
-        text += "User=" + settings.account.toUtf8().replace("%", "%%") + '\n';
+    const bool isHidden = isHiddenBySandbox(settings.binaryPath);
+    const std::array<std::pair<QByteArray, QByteArray>, 8> values = {{
+        {"@NAME@", settings.name.toUtf8().simplified()},
+        {"@UNIT@", unitName(settings.name).toLatin1()},
+        {"@DESCRIPTION@", descriptionValue(settings.description)},
+        {"@COMMAND@", commandLine(settings.binaryPath)},
+        {"@USER@", settings.account.toUtf8().replace("%", "%%")},
+        {"@STATE_DIRECTORY@", quotedWord(VendorFolder + settings.displayName)},
+        {"@PROTECT_HOME@", isHidden ? "tmpfs" : "yes"},
+        {"@VISIBLE_PROGRAM@", isHidden ? quotedWord(settings.binaryPath) : QByteArray()},
+    }};
+    QByteArrayList text;
+    const QByteArrayList lines = QByteArray(UnitTemplate).split('\n');
+    for (QByteArray line : lines) {
+        // One to a line, and each looked for in the template alone: a value may hold anything.
+        const auto *const found =
+            std::ranges::find_if(values, [&line](const auto &value) { return line.contains(value.first); });
+        if (found != values.end()) {
+            line.replace(found->first, found->second);
+        }
+        // A setting without a value is left out.
+        if (found == values.end() || !found->second.isEmpty()) {
+            text.append(line);
+        }
     }
-    text += "Environment=QUILLMERE_APPDATA=/var/lib LC_ALL=C.UTF-8\n"
-            "Restart=on-failure\nRestartSec=2s\nTimeoutStartSec=infinity\nTimeoutStopSec=90s\n"
-            "LimitNOFILE=16384\n"
-            // A flood of bad datagrams is a record each, and none of the others may get lost in it. A burst
-            // of 0 would not lift the limit.
-            "LogRateLimitIntervalSec=30s\nLogRateLimitBurst=1000000\n";
-    text +=
-        "StateDirectory=" + quotedWord(VendorFolder + settings.displayName) + "\nStateDirectoryMode=0700\n";
-    text += "RuntimeDirectory=" + unit + "\nRuntimeDirectoryMode=0700\n";
-    text += Sandbox;
-    if (isHiddenBySandbox(settings.binaryPath)) {
-        text += "ProtectHome=tmpfs\nBindReadOnlyPaths=" + quotedWord(settings.binaryPath) + '\n';
-    } else {
-        text += "ProtectHome=yes\n";
-    }
-    text += "\n[Install]\nWantedBy=multi-user.target\n";
-    return text;
+    return text.join('\n');
 }
 
 QByteArray withDescription(const QByteArray &text, const QString &description)

@@ -18,11 +18,15 @@ struct UnitSettings
     QString account;    // local user name; empty: root
 };
 
+// unit.service.in, made a part of the program by sources.cmake.
+extern const char *const UnitTemplate;
+
 // "Quill Mere" is "quill-mere". Lower case, runs of other characters than ASCII letters and digits made one
 // "-", none of it at either end: a unit name must never look like an option. Empty when nothing is left or
 // the name is too long for a unit.
 QString unitName(const QString &serviceName);
 
+// The template with its placeholders filled in.
 QByteArray unitText(const UnitSettings &settings);
 
 // The text with another description; everything else is left as it stands.

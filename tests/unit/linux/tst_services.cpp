@@ -113,8 +113,9 @@ void TestServices::createWritesTheUnit()
     Scm::Handle service = create();
     QVERIFY(service);
     const QByteArrayList unit = systemd->readFile(unitPath()).split('\n');
-    for (const char *line : {"Description=Quill Mere", "ExecStart=:\"/opt/q m/quillmere\"",
-                             "StateDirectory=\"Brackwater/Quill Mere\"", "RuntimeDirectory=quill-mere"}) {
+    for (const char *line : {"# The service \"Quill Mere\" under systemd.", "Description=Quill Mere",
+                             "ExecStart=:\"/opt/q m/quillmere\"", "StateDirectory=\"Brackwater/Quill Mere\"",
+                             "RuntimeDirectory=quill-mere"}) {
         QVERIFY2(unit.contains(line), line);
     }
     QCOMPARE(QFile::permissions(unitPath()) & 0x0777, QFileDevice::ReadUser | QFileDevice::WriteUser |

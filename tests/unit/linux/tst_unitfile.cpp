@@ -3,6 +3,7 @@
 
 #include "service/linux/unitfile.h"
 
+#include <QRegularExpression>
 #include <QTest>
 
 using namespace Qt::StringLiterals;
@@ -25,6 +26,7 @@ private slots:
     void letsAHiddenProgramIn();
     void runsUnderTheAccount();
     void keepsTheDataFolderWhereTheServerLooks();
+    void fillsEachPlaceInOnce();
     void changesOnlyTheDescription();
 };
 
@@ -174,6 +176,23 @@ void TestUnitFile::keepsTheDataFolderWhereTheServerLooks()
           "RestrictAddressFamilies=AF_INET AF_INET6 AF_UNIX", "SystemCallFilter=@system-service"}) {
         QVERIFY2(hasLine(text, line), line);
     }
+}
+
+void TestUnitFile::fillsEachPlaceInOnce()
+{
+    const UnitSettings settings = {u"Quill @UNIT@ Mere"_s, u"@USER@"_s, u"@NAME@ @COMMAND@"_s,
+                                   u"/opt/@DESCRIPTION@"_s, u"radio"_s};
+    const QByteArray text = unitText(settings);
+    for (const char *line :
+         {"# The service \"Quill @UNIT@ Mere\" under systemd.",
+          "# Changes belong in a drop-in: systemctl edit quill-unit-mere.service",
+          "Description=@NAME@ @COMMAND@", "ExecStart=:\"/opt/@DESCRIPTION@\"", "User=radio",
+          "StateDirectory=\"Brackwater/@USER@\"", "RuntimeDirectory=quill-unit-mere"}) {
+        QVERIFY2(hasLine(text, line), line);
+    }
+    const QRegularExpression place(u"@[A-Z_]+@"_s);
+    QVERIFY(QString::fromUtf8(UnitTemplate).contains(place));
+    QVERIFY(!QString::fromUtf8(unitText(settingsFor(u"/usr/bin/quillmere"_s))).contains(place));
 }
 
 void TestUnitFile::changesOnlyTheDescription()
