@@ -14,7 +14,6 @@ const char *const Linux::UnitTemplate = R"unit(@QUILLMERE_UNIT@)unit";
 ]])
 
 target_sources(quillmere_service PRIVATE
-    linux/account.cpp
     linux/controlsocket.cpp
     linux/dispatcher.cpp
     linux/errors.cpp

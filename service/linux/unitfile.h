@@ -7,6 +7,8 @@
 #include <QByteArray>
 #include <QString>
 
+#include <optional>
+
 namespace Linux {
 
 struct UnitSettings
@@ -31,6 +33,11 @@ QByteArray unitText(const UnitSettings &settings);
 
 // The text with another description; everything else is left as it stands.
 QByteArray withDescription(const QByteArray &text, const QString &description);
+
+// The User= of a unit for an account as the service-control functions name it: ".\name" is a local user,
+// "DOMAIN\name" one that the machine's name service knows under that name. Nothing when there is no such
+// user.
+std::optional<QString> unitUser(const QString &account);
 
 // One word of a unit file's list or command line, quoted, so that spaces, quotes, backslashes, specifiers and
 // control characters stand for themselves.

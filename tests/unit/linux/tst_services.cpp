@@ -3,7 +3,6 @@
 
 #include "service/linux/services.h"
 
-#include "service/linux/account.h"
 #include "service/linux/errors.h"
 #include "service/linux/unitfile.h"
 #include "tests/unit/linux/fakesystemd.h"
