@@ -335,7 +335,7 @@ Scm::Bool startService(Scm::Handle handle, Scm::Dword argc, const Scm::Char **ar
     }
     const QByteArray directory = runtimeDirectory(*service);
     if (!parameters.isEmpty() && !storeStartParameters(directory, parameters)) {
-        return fail(Scm::ErrorAccessDenied);
+        return 0;
     }
     if (!systemd.start()) {
         const Scm::Dword error = lastError();

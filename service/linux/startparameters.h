@@ -11,7 +11,8 @@
 
 namespace Linux {
 
-// Before the start, by root: makes the runtime directory and the file. False when that is not possible.
+// Before the start, by root: makes the runtime directory and the file. False, and the last error set, when
+// that is not possible: 5, or 87 for parameters that take more than 1 MiB of UTF-8, an end each included.
 bool storeStartParameters(const QByteArray &runtimeDirectory, const QStringList &parameters);
 
 // By the service: reads the file and removes it, so that a restart after a failure finds none.

@@ -74,6 +74,7 @@ private slots:
     void startsAndWaitsForTheReport();
     void startHandsParametersOver();
     void startNeedsAPlaceForItsParameters();
+    void startRefusesParametersThatAreTooLong();
     void startRefuses_data();
     void startRefuses();
     void startThatSystemdRefusesLeavesNoParameters();
@@ -165,6 +166,17 @@ void TestServiceControl::startNeedsAPlaceForItsParameters()
     QVERIFY(!startService(&handle, 1, const_cast<const Scm::Char **>(parameters.data())));
     QCOMPARE(Linux::lastError(), Scm::Dword(Scm::ErrorAccessDenied));
     QVERIFY(systemd->calls().isEmpty());
+}
+
+void TestServiceControl::startRefusesParametersThatAreTooLong()
+{
+    systemd->shows(Shown::Stopped);
+    const std::u16string tooLong(1 << 20, u'x');
+    const std::array<const Scm::Char *, 1> parameters = {tooLong.c_str()};
+    QVERIFY(!startService(&handle, 1, const_cast<const Scm::Char **>(parameters.data())));
+    QCOMPARE(Linux::lastError(), Scm::Dword(ErrorInvalidParameter));
+    QVERIFY(systemd->calls().isEmpty());
+    QVERIFY(QDir(systemd->runtimeFolder()).isEmpty());
 }
 
 void TestServiceControl::startRefuses_data()
