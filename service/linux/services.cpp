@@ -215,7 +215,7 @@ Scm::Handle createService(Scm::Handle, const Scm::Char *name, const Scm::Char *d
     settings.description = settings.displayName;
     settings.binaryPath = Scm::toString(binaryPath);
     const QString unit = unitName(settings.name);
-    if (unit.isEmpty() || !isFolderName(settings.displayName) || !settings.binaryPath.startsWith(u'/')) {
+    if (unit.isEmpty() || !isFolderName(settings.displayName) || !canBeStarted(settings.binaryPath)) {
         return noHandle(ErrorInvalidName);
     }
     if (!unitFile(unit).isEmpty()) {

@@ -22,7 +22,8 @@ Scm::Bool closeServiceHandle(Scm::Handle handle);
 
 // Writes the unit file and makes systemd read it; the password is not needed. binaryPath is a program's full
 // path, without arguments. 1073: there is such a unit; 1072: it is deleted but still runs; 1057: no such
-// account; 123: the name makes no unit name, or the path or display name no path.
+// account; 123: the name makes no unit name, the display name no path, or systemd cannot start what is at the
+// path.
 Scm::Handle createService(Scm::Handle manager, const Scm::Char *name, const Scm::Char *displayName,
                           Scm::Dword access, Scm::Dword type, Scm::Dword startType, Scm::Dword errorControl,
                           const Scm::Char *binaryPath, const Scm::Char *loadOrderGroup, Scm::Dword *tagId,

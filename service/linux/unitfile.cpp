@@ -4,6 +4,7 @@
 #include "service/linux/unitfile.h"
 
 #include <QByteArrayList>
+#include <QList>
 #include <QRegularExpression>
 
 #include <pwd.h>
@@ -111,6 +112,16 @@ QByteArray quotedWord(const QString &text)
         }
     }
     return word + '"';
+}
+
+bool canBeStarted(const QString &path)
+{
+    const bool isHidden = isHiddenBySandbox(path);
+    const QList<uint> characters = path.toUcs4(); // half of a pair becomes U+FFFD
+    return path.startsWith(u'/') && std::ranges::none_of(characters, [isHidden](char32_t c) {
+               return c == QChar::ReplacementCharacter || QChar::isNonCharacter(c) ||
+                      (isHidden && (c < U' ' || c == U'\x7f')); // BindReadOnlyPaths= knows no escapes
+           });
 }
 
 QByteArray unitText(const UnitSettings &settings)

@@ -28,6 +28,11 @@ extern const char *const UnitTemplate;
 // the name is too long for a unit.
 QString unitName(const QString &serviceName);
 
+// Whether a unit can lead systemd to the program: an absolute path, without characters that are none to
+// systemd, that stand for bytes which are not UTF-8, or, where the sandbox has to let the program in by name,
+// that control a terminal.
+bool canBeStarted(const QString &path);
+
 // The template with its placeholders filled in.
 QByteArray unitText(const UnitSettings &settings);
 

@@ -47,6 +47,7 @@ class Host:
         shutil.copy2(self.program, there)
 
     def check(self, holds, what, detail=""):
+        what = what.encode(errors="backslashreplace").decode()  # a path that is not UTF-8
         if not holds:
             journal = self.container.run("journalctl", "--no-pager", "--lines=40").stdout.decode(errors="replace")
             raise Failure(f"{what}\n{detail}\n{journal}")
@@ -332,6 +333,16 @@ def places(host):
     host.quillmere("-i", "Jürgen", "Paßwort", code=-1, err="The service Quill Mere could not be installed\n")
 
 
+def hopeless_places(host):
+    """where systemd could not start it, it is not installed"""
+    for path in (b"/opt/Gr\xf6\xdfe/quillmere", "/opt/\ufdd0/quillmere".encode(), b"/home/a\nb/quillmere"):
+        program = os.fsdecode(path)
+        host.place(program)
+        host.quillmere("-i", program=program, code=-1, err="The service Quill Mere could not be installed\n")
+        host.check(not host.exists(UNIT_FILE), "there is no unit")
+    host.status(ABSENT)
+
+
 def unusable_database(host):
     """a start with an unusable database reports running, and only the log tells"""
     host.install()
@@ -473,5 +484,5 @@ def flood(host):
     host.wait(lambda: recorded() == 60000, "60000 records", 30)
 
 
-SCENARIOS = [whole_life, killed, with_account, abused_socket, frozen, places, unusable_database,
+SCENARIOS = [whole_life, killed, with_account, abused_socket, frozen, places, hopeless_places, unusable_database,
              uninstalled_while_running, by_systemctl, signals, full_disk, new_unit, foreground, no_bus, flood]

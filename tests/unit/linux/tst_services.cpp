@@ -142,6 +142,7 @@ void TestServices::createRefuses_data()
     QTest::newRow("no unit name") << u"--"_s << u"/x"_s << u"x"_s << uint(ErrorInvalidName);
     QTest::newRow("relative path") << u"x"_s << u"x"_s << u"x"_s << uint(ErrorInvalidName);
     QTest::newRow("no path") << u"x"_s << QString() << u"x"_s << uint(ErrorInvalidName);
+    QTest::newRow("not UTF-8") << u"x"_s << u"/x\ufffd"_s << u"x"_s << uint(ErrorInvalidName);
     QTest::newRow("name with a folder") << u"x"_s << u"/x"_s << u"../x"_s << uint(ErrorInvalidName);
     QTest::newRow("parent folder") << u"x"_s << u"/x"_s << u".."_s << uint(ErrorInvalidName);
 }

@@ -20,6 +20,8 @@ private slots:
     void quotesWords();
     void writesTheCommandLine_data();
     void writesTheCommandLine();
+    void tellsWhatCanBeStarted_data();
+    void tellsWhatCanBeStarted();
     void writesTheDescription_data();
     void writesTheDescription();
     void lendsTheJournalAFlood();
@@ -113,6 +115,35 @@ void TestUnitFile::writesTheCommandLine()
     QFETCH(QByteArray, line);
     const QByteArray text = unitText(settingsFor(path));
     QVERIFY2(hasLine(text, line), text);
+}
+
+void TestUnitFile::tellsWhatCanBeStarted_data()
+{
+    QTest::addColumn<QString>("path");
+    QTest::addColumn<bool>("can");
+    QTest::newRow("plain") << u"/usr/bin/x"_s << true;
+    QTest::newRow("none") << QString() << false;
+    QTest::newRow("relative") << u"usr/bin/x"_s << false;
+    QTest::newRow("odd") << u"/opt/ \"'\\%n $x;:{}=#`\u0085\u2028\ue000\U0001F4FB"_s << true;
+    QTest::newRow("odd and hidden") << u"/home/ \"'\\%n $x;:{}=#`\u0085\u2028\ue000\U0001F4FB"_s << true;
+    QTest::newRow("control characters") << u"/opt/\x01\t\n\x1f\x7f"_s << true;
+    for (const QChar c : u"\x01\t\n\x1f\x7f"_s) {
+        QTest::addRow("hidden with 0x%02x", c.unicode()) << QString(u"/home/x" + c) << false;
+    }
+    QTest::newRow("in temporary files") << u"/var/tmp/\n"_s << false;
+    QTest::newRow("not UTF-8") << QString::fromUtf8("/opt/Gr\xf6\xdf"
+                                                    "e")
+                               << false;
+    QTest::newRow("half a pair") << QString(u"/opt/"_s + QChar(0xd83d)) << false;
+    QTest::newRow("U+FFFE") << QString(u"/opt/"_s + QChar(0xfffe)) << false;
+    QTest::newRow("U+FDD0") << QString(u"/opt/"_s + QChar(0xfdd0)) << false;
+    QTest::newRow("U+1FFFF") << QString(u"/opt/"_s + QChar(0xd83f) + QChar(0xdfff)) << false;
+}
+
+void TestUnitFile::tellsWhatCanBeStarted()
+{
+    QFETCH(QString, path);
+    QTEST(canBeStarted(path), "can");
 }
 
 void TestUnitFile::writesTheDescription_data()
