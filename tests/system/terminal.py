@@ -18,7 +18,11 @@ import termios
 import time
 import unittest
 
-PATIENCE = 20  # seconds
+sys.dont_write_bytecode = True
+
+import wire  # noqa: E402
+from wire import PATIENCE, REGISTERED  # noqa: E402
+
 RADIOS = 30
 FULL_SCREEN, NORMAL_SCREEN = b"\x1b[?1049h\x1b[?25l", b"\x1b[?25h\x1b[?1049l"
 
@@ -27,8 +31,7 @@ watch = ""
 
 def notice(number):
     esn, suid = bytes([0] * 7 + [number]), bytes([0x12, 0x34, 0x56, 0x78, 0, 0, number])
-    payload = esn + suid + bytes([0, number, 0, 1, 127, 3, 1, 2])  # not pending, 127.1.0.x, registered, service 2
-    return b"QMRA\x04\x01" + struct.pack("<H", len(payload)) + payload
+    return wire.notice(esn, suid, f"127.1.0.{number}", REGISTERED, b"\x02")
 
 
 class LiveTable(unittest.TestCase):

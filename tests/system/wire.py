@@ -1,7 +1,8 @@
 # SPDX-FileCopyrightText: 2026 The Quillmere developers
 # SPDX-License-Identifier: MIT
 
-"""Both protocols of docs/protocols.md, many radios at one socket, and an application."""
+"""Both protocols of docs/protocols.md, for every test and tool in Python; many radios at one socket, and an
+application. Nothing here comes from the server's own codecs: it is what they are held against."""
 
 import collections
 import ipaddress
@@ -11,6 +12,7 @@ import struct
 PATIENCE = 20  # seconds
 
 REGISTRATION, ACKNOWLEDGEMENT, DEREGISTRATION, DISCOVERY, EXTENDED_REGISTRATION = 1, 2, 3, 4, 5
+NOTICE, REPORT, IGNORED = 1, 2, 3
 DEREGISTERED, UNREACHABLE, UNCONFIRMED, REGISTERED = range(4)
 
 IP_PKTINFO = getattr(socket, "IP_PKTINFO", 8)  # Linux; Python before 3.14 has no name for it
@@ -27,6 +29,10 @@ def datagram(esn, opcode, payload=b"", version=3):
     return b"QMRS" + bytes([version]) + esn + bytes([opcode]) + struct.pack("<H", len(payload)) + payload
 
 
+def basic_registration(esn, services=b"", version=1):
+    return datagram(esn, REGISTRATION, bytes([len(services)]) + services, version)
+
+
 def registration(esn, suid, services=b"", pending=False, version=3):
     """An extended one."""
     payload = suid + bytes([pending, len(services)]) + services
@@ -41,27 +47,38 @@ def split_datagram(data):
     return Datagram(data[4], data[5:13], data[13], data[16:])
 
 
+def message(message_type, payload=b""):
+    """Between the server and an application."""
+    return b"QMRA\x04" + bytes([message_type]) + struct.pack("<H", len(payload)) + payload
+
+
 def notice(esn, suid, address, availability, services=b""):
     """Of a confirmed registration; the address as text."""
     payload = esn + suid + b"\x00" + struct.pack("<I", address_number(address))
     payload += bytes([availability, len(services)]) + services
-    return b"QMRA\x04\x01" + struct.pack("<H", len(payload)) + payload
+    return message(NOTICE, payload)
 
 
 def report(esn, address):
     """The address as a number."""
-    return b"QMRA\x04\x02" + struct.pack("<H", 12) + esn + struct.pack("<I", address)
+    return message(REPORT, esn + struct.pack("<I", address))
+
+
+def split_notice(data):
+    """A whole one; the address as a number."""
+    if data[:6] != b"QMRA\x04\x01":
+        raise ValueError(f"not a notice: {data[:64].hex(' ')}")
+    payload = data[8:]
+    return Notice(payload[:8], payload[8:15], payload[15], struct.unpack_from("<I", payload, 16)[0],
+                  payload[20], payload[22:])
 
 
 def take_notices(stream):
     """Takes the whole notices off the front of a bytearray; yields them with the address as a number."""
     while len(stream) >= 8 and len(stream) >= 8 + stream[6] + 256 * stream[7]:
-        if stream[:6] != b"QMRA\x04\x01":
-            raise ValueError(f"not a notice: {bytes(stream[:64]).hex(' ')}")
-        payload = bytes(stream[8:8 + stream[6] + 256 * stream[7]])
-        del stream[:8 + len(payload)]
-        yield Notice(payload[:8], payload[8:15], payload[15], struct.unpack_from("<I", payload, 16)[0],
-                     payload[20], payload[22:])
+        data = bytes(stream[:8 + stream[6] + 256 * stream[7]])
+        del stream[:len(data)]
+        yield split_notice(data)
 
 
 def free_port(kind):

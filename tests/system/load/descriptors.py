@@ -17,7 +17,7 @@ sys.path.insert(0, str(pathlib.Path(__file__).resolve().parent.parent))
 
 from foreground import wait_for  # noqa: E402
 from scene import Crowd, Scene, check, limit_descriptors, run  # noqa: E402
-from wire import take_notices  # noqa: E402
+from wire import split_notice, take_notices  # noqa: E402
 
 DESCRIPTORS = 64  # all of the server's
 NEARLY_ALL = 44  # what it may take for applications, but for a few that the database has now and then
@@ -27,9 +27,9 @@ QUIET = 0.3  # seconds, long beside a tick
 
 def check_views(scene, crowd, served):
     """Each of them knows every radio as it was acknowledged last, once it has been told of the last change."""
-    newest = max(scene.known.values(), key=lambda latest: latest[16:23])
+    newest = max(scene.known.values(), key=lambda latest: split_notice(latest).suid)
     crowd.receive_until(lambda: all(crowd.received[one].endswith(newest) for one in served), "the newest notice")
-    wanted = {latest[8:16]: latest[16:23] for latest in scene.known.values()}
+    wanted = {told.esn: told.suid for told in map(split_notice, scene.known.values())}
     for application in served:
         view = {told.esn: told.suid for told in take_notices(bytearray(crowd.received[application]))}
         check(view == wanted, f"an application knows {len(view)} of {len(wanted)} radios, or in another state")

@@ -18,7 +18,7 @@ import time
 
 from foreground import Service, memory_folder
 from wire import PATIENCE, Radios, address_number, datagram, free_port, notice, registration, split_datagram
-from wire import ACKNOWLEDGEMENT, DEREGISTRATION, REGISTERED
+from wire import ACKNOWLEDGEMENT, DEREGISTRATION, REGISTERED, split_notice
 
 SKIPPED = 77
 FIRST_ADDRESS = address_number("127.1.0.1")
@@ -118,7 +118,7 @@ class Scene:
         with contextlib.closing(sqlite3.connect(self.server.database)) as database:
             rows = database.execute("SELECT esn, suid, ip_address, availability FROM subscribers").fetchall()
         stored = {esn: (suid, address, availability) for esn, suid, address, availability in rows}
-        wanted = {self.esn(number): (latest[16:23], FIRST_ADDRESS + number, REGISTERED)
+        wanted = {self.esn(number): (split_notice(latest).suid, FIRST_ADDRESS + number, REGISTERED)
                   for number, latest in self.known.items()}
         check(stored == wanted, f"{len(wanted)} radios were acknowledged, the database has "
                                 f"{sum(stored.get(esn) == row for esn, row in wanted.items())} of them as they are")

@@ -8,19 +8,22 @@ Says so when all are connected, and how many bytes they have sent when the serve
 """
 
 import os
+import pathlib
 import selectors
 import socket
-import struct
 import subprocess
 import sys
 import time
 
+sys.path.insert(0, str(pathlib.Path(__file__).resolve().parent.parent))
+
+from wire import IGNORED, address_number, message, report  # noqa: E402
+
 PIECE, PAUSE = 5, 0.1  # bytes of a trickle, and seconds to the next ones
 BLOCK = 1 << 16
 
-# Of what the tests' first radio is: 127.1.0.1.
-REPORT = b"QMRA\x04\x02" + struct.pack("<H", 12) + b"load\x00\x00\x00\x00" + bytes([1, 0, 1, 127])
-VALID = b"QMRA\x04\x03\x00\x00" + b"QMRA\x04\x03" + struct.pack("<H", 277) + bytes(277)  # of the type that is ignored
+REPORT = report(b"load" + bytes(4), address_number("127.1.0.1"))  # of the tests' first radio
+VALID = message(IGNORED) + message(IGNORED, bytes(277))  # the shortest and the longest
 RUBBISH = b"rubbish!"
 
 TRICKLE, FLOOD, RUBBISH_FLOOD = "trickle", "flood", "rubbish"
@@ -69,8 +72,8 @@ def trickle(applications):
         return sent
 
 
-def flood(applications, message):
-    content = message * (BLOCK // len(message))
+def flood(applications, piece):
+    content = piece * (BLOCK // len(piece))
     selector, positions, sent = selectors.DefaultSelector(), {}, 0
     for application in applications:
         selector.register(application, selectors.EVENT_WRITE)

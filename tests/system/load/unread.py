@@ -17,10 +17,11 @@ sys.path.insert(0, str(pathlib.Path(__file__).resolve().parent.parent))
 
 from foreground import wait_for  # noqa: E402
 from scene import Crowd, Scene, check, run, want_descriptors  # noqa: E402
+from wire import REGISTERED, notice, split_notice  # noqa: E402
 
 RADIOS = 32  # that register at once
 SERVICES = b"\x01\x02\x03" * 85  # the longest notice
-NOTICE = 8 + 22 + 255
+NOTICE = len(notice(bytes(8), bytes(7), "0.0.0.0", REGISTERED, SERVICES))
 RECEIVE_BUFFER, SEGMENT = 4096, 256  # the system's own buffers, which come first, hold little
 MEMORY = 400 << 20
 LOST = "Network error: write message failed"
@@ -78,7 +79,7 @@ def test(program, folder, options):
         for stream in unread.received.values():
             notices = whole_notices(stream[:-len(last)])
             kept += len(notices)
-            order = [notice[16:23] for notice in notices]
+            order = [split_notice(one).suid for one in notices]
             check(order == sorted(set(order)), "notices came twice, or in another order")
             check(set(notices) <= set(told), "a notice is of no change")
         check(kept == len(told) * options.unread - missing, f"{len(told) * options.unread - kept} notices are missing, "

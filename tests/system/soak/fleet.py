@@ -6,8 +6,8 @@
 import time
 
 from ledger import State
-from wire import (ACKNOWLEDGEMENT, DEREGISTRATION, REGISTERED, REGISTRATION, UNCONFIRMED, Notice, Radios,
-                  address_number, datagram, registration, split_datagram)
+from wire import (ACKNOWLEDGEMENT, DEREGISTRATION, REGISTERED, UNCONFIRMED, Notice, Radios, address_number,
+                  basic_registration, datagram, registration, split_datagram)
 
 FIRST_ADDRESS = address_number("127.1.0.0")
 ADDRESSES = 8  # that are a radio's own
@@ -147,7 +147,7 @@ class Fleet:
         if radio.version > 1:
             data = registration(radio.esn, suid, services, version=radio.version)
         else:
-            data = datagram(radio.esn, REGISTRATION, bytes([len(services)]) + services, version=1)
+            data = basic_registration(radio.esn, services)
         self.send_registration(radio, REGISTER, address, data, State(suid, address, services, radio.version), victim)
 
     def pend(self, radio, address, same=None):

@@ -6,9 +6,14 @@ import json
 import pathlib
 import shutil
 import socket
+import sys
 import time
 
 from wineprefix import parse_records
+
+sys.path.insert(0, str(pathlib.Path(__file__).resolve().parent.parent))
+
+from wire import acknowledgement, registration  # noqa: E402
 
 NAME = "Quill Mere"
 DATA = r"C:\ProgramData\Brackwater\Quill Mere"
@@ -169,7 +174,7 @@ class ForegroundRun:
 
 
 class Radio:
-    """A radio at 127.0.0.2, by the bytes of its protocol."""
+    """A radio at 127.0.0.2."""
 
     ESN = bytes.fromhex("0011aabb22cc33dd")
     SUID = bytes.fromhex("123456789abcdd")
@@ -186,17 +191,14 @@ class Radio:
     def __exit__(self, *_):
         self._socket.close()
 
-    def _message(self, opcode, payload):
-        return b"QMRS" + b"\x03" + self.ESN + bytes([opcode]) + len(payload).to_bytes(2, "little") + payload
-
     def registers(self):
         """Registers, again each second as radios do, and tells whether it was acknowledged."""
-        request = self._message(5, self.SUID + b"\x00\x01\x07")
+        request = registration(self.ESN, self.SUID, b"\x07")
         end = time.monotonic() + 30
         while time.monotonic() < end:
             self._socket.sendto(request, ("127.0.0.1", self._port))
             try:
-                return self._socket.recv(300) == self._message(2, b"\x00")
+                return self._socket.recv(300) == acknowledgement(self.ESN)
             except TimeoutError:
                 pass
         return False
