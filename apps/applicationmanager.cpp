@@ -42,6 +42,20 @@ QString errorText(QAbstractSocket::SocketError error, const QString &address, qu
                                                             QString::number(port));
 }
 
+// Of the registration that awaits confirmation while there is one, else of the confirmed one.
+Qmra::RadioNotice noticeOf(const RadioEntry &radio)
+{
+    const bool pending = !radio.pendingAddress.isNull();
+    Qmra::RadioNotice notice;
+    notice.esn = radio.esn;
+    notice.suid = pending ? radio.pendingSuid : radio.suid;
+    notice.pending = pending;
+    notice.address = (pending ? radio.pendingAddress : radio.address).toIPv4Address();
+    notice.availability = static_cast<quint8>(pending ? quint32{Registered} : radio.availability);
+    notice.services = Qmra::noticeServices(pending ? radio.pendingServices : radio.supportedServices);
+    return notice;
+}
+
 } // namespace
 
 ApplicationManager::ApplicationManager(Quillmere *owner, quint16 port)
@@ -286,13 +300,8 @@ void ApplicationManager::logFault(ApplicationReader::Fault fault) const
 void ApplicationManager::sendRadioNotice(std::shared_ptr<RadioEntry> entry,
                                          ApplicationConnection *application)
 {
-    const Qmra::Message message =
-        entry->pendingAddress.isNull()
-            ? Qmra::encodeNotice(entry->esn, entry->suid, false, entry->address.toIPv4Address(),
-                                 static_cast<quint8>(entry->availability), entry->supportedServices)
-            : Qmra::encodeNotice(entry->esn, entry->pendingSuid, true, entry->pendingAddress.toIPv4Address(),
-                                 Registered, entry->pendingServices);
-    const QByteArrayView bytes(message.bytes.data(), message.size);
+    const Qmra::Message message = Qmra::encodeNotice(noticeOf(*entry));
+    const QByteArrayView bytes = message.view();
     if (application) {
         application->tellOfTable(entry->esn, bytes);
         return;

@@ -67,23 +67,29 @@ RadioReport decodeReport(QByteArrayView payload)
     return {esnAt(payload), qFromLittleEndian<quint32>(payload.data() + ReportAddressOffset)};
 }
 
-Message encodeNotice(const Esn &esn, const Suid &suid, bool pending, quint32 address, quint8 availability,
-                     const ServiceList &services)
+NoticeServices noticeServices(const ServiceList &services)
+{
+    NoticeServices codes(static_cast<quint8>(services.size()));
+    std::transform(services.begin(), services.begin() + codes.size(), codes.begin(),
+                   [](quint32 service) { return static_cast<quint8>(service); });
+    return codes;
+}
+
+Message encodeNotice(const RadioNotice &notice)
 {
     Message message;
-    const auto count = static_cast<quint8>(services.size());
+    const auto count = static_cast<quint8>(notice.services.size());
     const auto payloadLength = static_cast<quint16>(NoticeFixedPayload + count);
     writeHeader(message.bytes.data(), MessageType::RadioNotice, payloadLength);
 
     char *payload = message.bytes.data() + HeaderSize;
-    std::copy(esn.bytes.begin(), esn.bytes.end(), payload);
-    std::copy(suid.bytes.begin(), suid.bytes.end(), payload + SuidOffset);
-    payload[PendingOffset] = pending ? 1 : 0;
-    qToLittleEndian(address, payload + NoticeAddressOffset);
-    payload[AvailabilityOffset] = static_cast<char>(availability);
+    std::copy(notice.esn.bytes.begin(), notice.esn.bytes.end(), payload);
+    std::copy(notice.suid.bytes.begin(), notice.suid.bytes.end(), payload + SuidOffset);
+    payload[PendingOffset] = notice.pending ? 1 : 0;
+    qToLittleEndian(notice.address, payload + NoticeAddressOffset);
+    payload[AvailabilityOffset] = static_cast<char>(notice.availability);
     payload[CountOffset] = static_cast<char>(count);
-    std::transform(services.begin(), services.begin() + count, payload + NoticeFixedPayload,
-                   [](quint32 service) { return static_cast<char>(service); });
+    std::copy_n(notice.services.begin(), count, payload + NoticeFixedPayload);
     message.size = HeaderSize + payloadLength;
     return message;
 }
@@ -105,9 +111,9 @@ std::optional<RadioNotice> decodeNotice(QByteArrayView payload)
     notice.pending = payload[PendingOffset] != 0;
     notice.address = qFromLittleEndian<quint32>(payload.data() + NoticeAddressOffset);
     notice.availability = static_cast<quint8>(payload[AvailabilityOffset]);
-    for (const char service : payload.sliced(NoticeFixedPayload)) {
-        notice.services.push_back(static_cast<quint8>(service));
-    }
+    const QByteArrayView services = payload.sliced(NoticeFixedPayload);
+    notice.services.resize(services.size());
+    std::copy(services.begin(), services.end(), notice.services.begin());
     return notice;
 }
 

@@ -5,10 +5,12 @@
 // Pure functions: no socket, no log, no clock.
 #pragma once
 
+#include "apps/availability.h"
 #include "radio/identity.h"
 
 #include <QByteArray>
 #include <QByteArrayView>
+#include <QVarLengthArray>
 
 #include <array>
 #include <optional>
@@ -16,10 +18,11 @@
 namespace QMR::Qmra {
 
 constexpr qsizetype HeaderSize = 8;
-constexpr quint16 MaximumPayload = 277; // a notice with 255 services
 constexpr quint8 ProtocolVersion = 4;
 constexpr quint16 ReportPayload = 12;
 constexpr quint16 NoticeFixedPayload = 22;
+constexpr quint16 MaximumServices = 255; // of a notice, which counts them in a byte
+constexpr quint16 MaximumPayload = NoticeFixedPayload + MaximumServices;
 
 enum class MessageType : quint8 {
     RadioNotice = 1,
@@ -46,32 +49,43 @@ struct RadioReport
 {
     Esn esn;
     quint32 address = 0; // IPv4, host order
+
+    bool operator==(const RadioReport &) const = default;
 };
 
 // payload: exactly ReportPayload bytes.
 RadioReport decodeReport(QByteArrayView payload);
+
+// The service codes of a notice, all of them in the list itself: nothing is allocated.
+using NoticeServices = QVarLengthArray<quint8, MaximumServices>;
+
+// What a notice can carry of a radio's services: the low 8 bits of each, and as many as their count modulo
+// 256 says.
+NoticeServices noticeServices(const ServiceList &services);
 
 // One radio as the applications are told of it.
 struct RadioNotice
 {
     Esn esn;
     Suid suid;
-    bool pending = false;
-    quint32 address = 0; // IPv4, host order; 0: none
-    quint8 availability = 0;
-    ServiceList services;
+    bool pending = false;    // of a registration that awaits confirmation
+    quint32 address = 0;     // IPv4, host order; 0: none
+    quint8 availability = 0; // an Availability; a byte of any other value passes, too
+    NoticeServices services; // at most MaximumServices
+
+    bool operator==(const RadioNotice &) const = default;
 };
 
 // A whole message in a buffer of fixed size.
 struct Message
 {
-    std::array<char, HeaderSize + MaximumPayload> bytes{};
+    std::array<char, HeaderSize + MaximumPayload> bytes; // undefined beyond size
     qsizetype size = 0;
+
+    QByteArrayView view() const { return {bytes.data(), size}; }
 };
 
-// Of the services the low 8 bits of each are sent, and as many as their count modulo 256 says.
-Message encodeNotice(const Esn &esn, const Suid &suid, bool pending, quint32 address, quint8 availability,
-                     const ServiceList &services);
+Message encodeNotice(const RadioNotice &notice);
 
 // message: a whole notice.
 Esn noticeEsn(QByteArrayView message);

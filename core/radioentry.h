@@ -3,6 +3,7 @@
 
 #pragma once
 
+#include "apps/availability.h"
 #include "radio/identity.h"
 
 #include <QDateTime>
@@ -11,14 +12,6 @@
 #include <memory>
 
 namespace QMR {
-
-// A radio's state, stored in the database and sent to applications as it is.
-enum Availability : quint32 {
-    Deregistered = 0, // has left: out of the table and the database
-    Unreachable = 1, // silent for 12 hours, or three discovery requests unanswered; searched for every 1800 s
-    Unconfirmed = 2, // to be heard from again before it counts as registered; searched for every 300 s
-    Registered = 3,  // in contact; not searched for
-};
 
 // The null address. Copies of one object share its memory; each QHostAddress() has memory of its own.
 inline const QHostAddress &noAddress()

@@ -21,9 +21,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
         }
     }
     if (const auto notice = QMR::Qmra::decodeNotice(payload)) {
-        const auto again = QMR::Qmra::encodeNotice(notice->esn, notice->suid, notice->pending,
-                                                   notice->address, notice->availability, notice->services);
-        if (again.size != QMR::Qmra::HeaderSize + payload.size()) {
+        const auto again = QMR::Qmra::encodeNotice(*notice);
+        if (QMR::Qmra::decodeNotice(again.view().sliced(QMR::Qmra::HeaderSize)) != notice) {
             std::abort();
         }
     }

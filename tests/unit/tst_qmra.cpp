@@ -7,6 +7,8 @@
 
 #include <algorithm>
 
+using namespace Qt::StringLiterals;
+
 using QMR::Esn;
 using QMR::ServiceList;
 using QMR::Suid;
@@ -20,14 +22,15 @@ constexpr Suid SomeSuid{{0x12, 0x34, 0x56, 0x78, 0x9A, 0xBC, 0xDE}};
 // ESN, SUID, not pending, 10.0.0.5, registered; the services follow.
 const QByteArray Fixed = QByteArray::fromHex("0011aabb22cc33dd 123456789abcde 00 0500000a 03");
 
-QByteArray bytes(const Qmra::Message &message)
+// Of the radio of Fixed.
+Qmra::RadioNotice radioNotice(const ServiceList &services)
 {
-    return {message.bytes.data(), message.size};
+    return {SomeEsn, SomeSuid, false, 0x0A000005, QMR::Registered, Qmra::noticeServices(services)};
 }
 
-QByteArray notice(const ServiceList &services)
+QByteArray encoded(const Qmra::RadioNotice &notice)
 {
-    return bytes(Qmra::encodeNotice(SomeEsn, SomeSuid, false, 0x0A000005, 3, services));
+    return Qmra::encodeNotice(notice).view().toByteArray();
 }
 
 // 0, 1, 2 … so that an exchanged or shifted service shows.
@@ -56,13 +59,13 @@ class TestQmra : public QObject
 private slots:
     void noticeOfConfirmedRadioIs32Bytes()
     {
-        QCOMPARE(notice({1, 3}).toHex(' '), QByteArrayLiteral("51 4d 52 41 04 01 18 00 "
-                                                              "00 11 aa bb 22 cc 33 dd "
-                                                              "12 34 56 78 9a bc de "
-                                                              "00 "
-                                                              "05 00 00 0a "
-                                                              "03 "
-                                                              "02 01 03"));
+        QCOMPARE(encoded(radioNotice({1, 3})).toHex(' '), "51 4d 52 41 04 01 18 00 "
+                                                          "00 11 aa bb 22 cc 33 dd "
+                                                          "12 34 56 78 9a bc de "
+                                                          "00 "
+                                                          "05 00 00 0a "
+                                                          "03 "
+                                                          "02 01 03"_ba);
     }
 
     void noticeCarriesWhatItIsGiven_data()
@@ -71,13 +74,14 @@ private slots:
         QTest::addColumn<quint32>("address");
         QTest::addColumn<quint8>("availability");
         QTest::addColumn<QByteArray>("tail"); // pending, address, availability, no services
-        QTest::newRow("pending") << true << 0xC0A80001U << quint8{3}
+        QTest::newRow("pending") << true << 0xC0A80001U << quint8{QMR::Registered}
                                  << QByteArray::fromHex("01 0100a8c0 03 00");
-        QTest::newRow("unconfirmed") << false << 0x7F000002U << quint8{2}
+        QTest::newRow("unconfirmed") << false << 0x7F000002U << quint8{QMR::Unconfirmed}
                                      << QByteArray::fromHex("00 0200007f 02 00");
-        QTest::newRow("unreachable") << false << 0xFFFEFDFCU << quint8{1}
+        QTest::newRow("unreachable") << false << 0xFFFEFDFCU << quint8{QMR::Unreachable}
                                      << QByteArray::fromHex("00 fcfdfeff 01 00");
-        QTest::newRow("gone") << false << 0U << quint8{0} << QByteArray::fromHex("00 00000000 00 00");
+        QTest::newRow("gone") << false << 0U << quint8{QMR::Deregistered}
+                              << QByteArray::fromHex("00 00000000 00 00");
         QTest::newRow("any availability")
             << false << 1U << quint8{0xFF} << QByteArray::fromHex("00 01000000 ff 00");
     }
@@ -88,7 +92,7 @@ private slots:
         QFETCH(quint32, address);
         QFETCH(quint8, availability);
         QFETCH(QByteArray, tail);
-        QCOMPARE(bytes(Qmra::encodeNotice(SomeEsn, SomeSuid, pending, address, availability, {})),
+        QCOMPARE(encoded({SomeEsn, SomeSuid, pending, address, availability, {}}),
                  QByteArray::fromHex("514d5241 04 01 1600 0011aabb22cc33dd 123456789abcde") + tail);
     }
 
@@ -109,13 +113,15 @@ private slots:
         QFETCH(quint32, given);
         QFETCH(int, sent);
         QFETCH(QByteArray, length);
-        QCOMPARE(notice(countingServices(given)), QByteArray::fromHex("514d5241 04 01") + length + Fixed +
-                                                      static_cast<char>(sent) + countingBytes(sent));
+        QCOMPARE(encoded(radioNotice(countingServices(given))), QByteArray::fromHex("514d5241 04 01") +
+                                                                    length + Fixed + static_cast<char>(sent) +
+                                                                    countingBytes(sent));
     }
 
     void servicesAreSentByTheirLowByteInOrder()
     {
-        QCOMPARE(notice({0x102, 3, 0xFFFFFF01, 3}).sliced(29), QByteArray::fromHex("04 02 03 01 03"));
+        QCOMPARE(encoded(radioNotice({0x102, 3, 0xFFFFFF01, 3})).sliced(29),
+                 QByteArray::fromHex("04 02 03 01 03"));
     }
 
     void headerIsDecoded()
@@ -166,8 +172,8 @@ private slots:
         QCOMPARE(decoded->suid.text(), SomeSuid.text());
         QVERIFY(decoded->pending);
         QCOMPARE(decoded->address, 0xC0A80001U);
-        QCOMPARE(decoded->availability, quint8{3});
-        QCOMPARE(decoded->services, (ServiceList{1, 0xFF, 2}));
+        QCOMPARE(decoded->availability, quint8{QMR::Registered});
+        QCOMPARE(decoded->services, (Qmra::NoticeServices{1, 0xFF, 2}));
 
         const QByteArray confirmed = Fixed + '\0';
         QVERIFY(!Qmra::decodeNotice(confirmed)->pending);
@@ -179,8 +185,28 @@ private slots:
             const QByteArray payload = Fixed + static_cast<char>(count) + countingBytes(count);
             const auto decoded = Qmra::decodeNotice(payload);
             QVERIFY2(decoded, qPrintable(QString::number(count)));
-            QCOMPARE(decoded->services, countingServices(static_cast<quint32>(count)));
+            QCOMPARE(QByteArrayView(decoded->services).toByteArray(), countingBytes(count));
         }
+    }
+
+    void decodedNoticeIsTheOneThatWasEncoded()
+    {
+        const Qmra::RadioNotice confirmed = radioNotice({3, 1, 3});
+        Qmra::RadioNotice awaiting = radioNotice({});
+        awaiting.pending = true;
+        Qmra::RadioNotice ofManyServices = radioNotice(countingServices(255));
+        ofManyServices.availability = 0xFF;
+        for (const Qmra::RadioNotice &notice : {confirmed, awaiting, ofManyServices}) {
+            QVERIFY(Qmra::decodeNotice(Qmra::encodeNotice(notice).view().sliced(Qmra::HeaderSize)) == notice);
+        }
+        QVERIFY(confirmed != awaiting);
+    }
+
+    void reportIsDecodedAsItWasEncoded()
+    {
+        const Qmra::RadioReport report{SomeEsn, 0xC0A80001};
+        QVERIFY(Qmra::decodeReport(QByteArrayView(Qmra::encodeReport(report)).sliced(Qmra::HeaderSize)) ==
+                report);
     }
 
     void truncatedNoticeIsNone()

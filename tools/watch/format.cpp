@@ -28,9 +28,18 @@ QString stateName(const QMR::Qmra::RadioNotice &notice)
     if (notice.pending) {
         return u"pending"_s;
     }
-    const QStringList names{u"gone"_s, u"unreachable"_s, u"unconfirmed"_s, u"registered"_s};
-    return notice.availability < names.size() ? names[notice.availability]
-                                              : QString::number(notice.availability);
+    switch (notice.availability) {
+    case QMR::Deregistered:
+        return u"gone"_s;
+    case QMR::Unreachable:
+        return u"unreachable"_s;
+    case QMR::Unconfirmed:
+        return u"unconfirmed"_s;
+    case QMR::Registered:
+        return u"registered"_s;
+    default:
+        return QString::number(notice.availability);
+    }
 }
 
 QString suidText(const QMR::Suid &suid)
@@ -44,7 +53,7 @@ QString addressText(quint32 address)
     return address == 0 ? u"-"_s : QHostAddress(address).toString();
 }
 
-QString servicesText(const QMR::ServiceList &services)
+QString servicesText(const QMR::Qmra::NoticeServices &services)
 {
     QStringList codes;
     std::transform(services.begin(), services.end(), std::back_inserter(codes),

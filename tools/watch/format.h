@@ -15,9 +15,9 @@ namespace WatchTool {
 // number for what the protocol does not know.
 QString stateName(const QMR::Qmra::RadioNotice &notice);
 
-QString suidText(const QMR::Suid &suid);                // "12345/678/9ABCDE"
-QString addressText(quint32 address);                   // "-": none
-QString servicesText(const QMR::ServiceList &services); // "1,3"; "-": none
+QString suidText(const QMR::Suid &suid);                         // "12345/678/9ABCDE"
+QString addressText(quint32 address);                            // "-": none
+QString servicesText(const QMR::Qmra::NoticeServices &services); // "1,3"; "-": none
 
 // "0011AABB22CC33DD 12345/678/9ABCDE 10.0.0.5 registered services 1,3"
 QString noticeLine(const QMR::Qmra::RadioNotice &notice);

@@ -28,11 +28,11 @@ QString colourOf(const QMR::Qmra::RadioNotice &notice)
         return u"36"_s;
     }
     switch (notice.availability) {
-    case 3:
+    case QMR::Registered:
         return u"32"_s;
-    case 2:
+    case QMR::Unconfirmed:
         return u"33"_s;
-    case 1:
+    case QMR::Unreachable:
         return u"31"_s;
     default:
         return u"2"_s;
@@ -44,7 +44,7 @@ QString colourOf(const QMR::Qmra::RadioNotice &notice)
 bool RadioTable::lastIsGone() const
 {
     const auto last = radios.find(changedLast);
-    return last != radios.end() && last->second.availability == 0 && !last->second.pending;
+    return last != radios.end() && last->second.availability == QMR::Deregistered && !last->second.pending;
 }
 
 void RadioTable::apply(const QMR::Qmra::RadioNotice &notice)

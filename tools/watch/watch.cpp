@@ -17,7 +17,6 @@ namespace {
 
 constexpr int RedrawPeriod = 100; // ms
 constexpr int AnyWidth = 1000;
-constexpr quint8 Unconfirmed = 2;
 
 } // namespace
 
@@ -64,7 +63,7 @@ void Watch::connected()
 void Watch::noticed(const QMR::Qmra::RadioNotice &notice)
 {
     if (settings.report) {
-        if (notice.esn != settings.report->esn || notice.pending || notice.availability != Unconfirmed ||
+        if (notice.esn != settings.report->esn || notice.pending || notice.availability != QMR::Unconfirmed ||
             notice.address != settings.report->address.toIPv4Address()) {
             return;
         }
