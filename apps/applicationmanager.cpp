@@ -4,6 +4,7 @@
 #include "apps/applicationmanager.h"
 
 #include "apps/applicationconnection.h"
+#include "core/eventid.h"
 #include "core/quillmere.h"
 #include "service/platform.h"
 
@@ -20,8 +21,6 @@ using namespace std::chrono_literals;
 namespace QMR {
 
 namespace {
-
-constexpr auto EventId = static_cast<int>(0xC0000001);
 
 // A turn of all applications together: radios, timers and a stop of the service wait no longer for it. A
 // registration that waits in the radios' queue waits for one turn for each that is before it.

@@ -4,6 +4,7 @@
 #include "core/quillmere.h"
 
 #include "apps/applicationmanager.h"
+#include "core/eventid.h"
 #include "db/sqlite.h"
 #include "db/writegroup.h"
 #include "radio/registrationmanager.h"
@@ -26,11 +27,6 @@ namespace {
 constexpr auto OrganizationName = "Brackwater";
 constexpr auto ApplicationName = "Quill Mere";
 
-constexpr int VersionMajor = 1;
-constexpr int VersionMinor = 38;
-constexpr int VersionPatch = 3;
-constexpr int VersionBuild = 27;
-
 constexpr auto WritablePatience = 2s; // a file may be denied to us though the system calls it writable
 
 constexpr qint64 SecondTry = 5000; // ms, for what is still owed at a stop
@@ -44,13 +40,11 @@ QString applicationName()
     return QString::fromLatin1(ApplicationName);
 }
 
+// Name, release and build.
 QString versionText(const QString &format)
 {
-    return format.arg(applicationName())
-        .arg(VersionMajor)
-        .arg(VersionMinor)
-        .arg(VersionPatch)
-        .arg(VersionBuild);
+    return format.arg(applicationName(), QString::fromLatin1(QUILLMERE_RELEASE),
+                      QString::fromLatin1(QUILLMERE_BUILD));
 }
 
 } // namespace
@@ -59,7 +53,7 @@ Quillmere::Quillmere(int argc, char **argv) : QtService<QCoreApplication>(argc, 
 {
     // The missing blank between the build number and the next word is deliberate: it is the registered
     // description.
-    setServiceDescription(versionText(u"%1 %2.%3.%4 Build %5"_s) +
+    setServiceDescription(versionText(u"%1 %2 Build %3"_s) +
                           u"Maintains a list of radios on the P25 system and their IP addresses"_s);
 
     prepareSupervision();
@@ -156,7 +150,7 @@ void Quillmere::start()
                                   "Radio Registration Port: %3 (UDP)\n"
                                   "Application Port: %4 (TCP)\n"
                                   "Config Path: %5\n"_s;
-    log(configuration.arg(versionText(u"%1 %2.%3.%4.%5\n"_s), QString::number(minimumDiscoveryPeriod),
+    log(configuration.arg(versionText(u"%1 %2.%3\n"_s), QString::number(minimumDiscoveryPeriod),
                           QString::number(registrationPort), QString::number(applicationPort),
                           configDirectory()),
         Success);
@@ -183,7 +177,6 @@ void Quillmere::stop()
 
 void Quillmere::log(const QString &message, MessageType type) const
 {
-    constexpr auto EventId = static_cast<int>(0xC0000001);
     logMessage(message, type, EventId);
 }
 

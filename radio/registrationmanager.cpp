@@ -3,6 +3,7 @@
 
 #include "radio/registrationmanager.h"
 
+#include "core/eventid.h"
 #include "core/quillmere.h"
 #include "db/writegroup.h"
 
@@ -11,12 +12,6 @@
 using namespace Qt::StringLiterals;
 
 namespace QMR {
-
-namespace {
-
-constexpr auto EventId = static_cast<int>(0xC0000001);
-
-} // namespace
 
 RegistrationManager::RegistrationManager(Quillmere *owner, quint16 registrationPort)
     : server(owner), socket(registrationPort, [this] { radioMessageReceived(); }), port(registrationPort)
