@@ -29,8 +29,8 @@ ApplicationConnection::ApplicationConnection(QTcpSocket *socket)
     connect(&waitTimer, &QTimer::timeout, this, &ApplicationConnection::endWait);
 }
 
-// An arrival is taken in when it comes, but for one that comes while the arrival before is still being read:
-// that one begins a round of its own then.
+// What arrives while an earlier arrival is still being read stays in the socket until that has been read: it
+// begins a round of its own.
 bool ApplicationConnection::hasMessage()
 {
     if (!reader.isReady()) {
@@ -70,7 +70,7 @@ void ApplicationConnection::superviseWait()
     }
 }
 
-// When the event loop was held up, a timer can have its turn before the socket has told of what has come.
+// When the event loop was held up, the timer can fire before the socket has signalled what has arrived.
 void ApplicationConnection::endWait()
 {
     lookingAgain = true;
@@ -107,7 +107,8 @@ qsizetype ApplicationConnection::tell(QByteArrayView notices, qint64 allowance)
 
 bool ApplicationConnection::tellOne(QByteArrayView notice, qint64 &allowance)
 {
-    // Where none of the table has been sent yet, every ESN is behind the last one.
+    // Before the first of the table has been sent there is no last one, which compares as less than every
+    // ESN.
     if (!tableSent && Qmra::noticeEsn(notice) > lastOfTable) {
         return true; // the table will show it
     }

@@ -34,14 +34,15 @@ public:
 
     // What it sends.
 
-    // Whether there is something to read, of what has arrived by now. To be asked when the socket has
-    // something, too.
+    // Whether there is something to read. Takes in what the socket has, and so is to be asked each time
+    // something has arrived.
     bool hasMessage();
     // Only where there is something to read.
     ApplicationReader::Reading readMessage();
     bool isAwaiting() const { return reader.isAwaiting(); }
     ApplicationReader::Fault giveUpWaiting() { return reader.giveUpWaiting(); }
-    // Whether a time-out is no error of the connection now: it is only looked whether more has arrived.
+    // While the end of a wait is made sure of: a time-out that the socket reports then is no error of the
+    // connection, it only says that nothing more has arrived.
     bool isLookingAgain() const { return lookingAgain; }
 
     // What it is told.

@@ -45,8 +45,8 @@ bool ApplicationListener::isListening() const
     return tcpServer.isListening();
 }
 
-// Qt goes on accepting in one go for as long as somebody wants to connect and the queue that is emptied here
-// has not reached its limit.
+// Qt accepts without a pause until nobody wants to connect any more or its queue is full. The queue is
+// emptied here and so never fills up: a limit of 0 is what ends it.
 QTcpSocket *ApplicationListener::take()
 {
     QTcpSocket *const socket = tcpServer.nextPendingConnection();
@@ -58,7 +58,7 @@ QTcpSocket *ApplicationListener::take()
     return socket;
 }
 
-// Qt has closed one that could not be made ready by now.
+// Qt has already closed a connection that it could not make ready.
 bool ApplicationListener::isUsable(const QTcpSocket &socket)
 {
     return socket.socketDescriptor() >= 0;
@@ -71,9 +71,9 @@ void ApplicationListener::review()
     }
 }
 
-// The database and the log are to have descriptors when the applications have taken all others. Qt tells only
-// once of an accept that has failed, and never that it could be tried again: so it is looked at, each time
-// that many applications have been accepted and every second.
+// The database and the log are to have descriptors when the applications have taken all others. Qt reports an
+// accept that has failed only once, and never that it could be tried again: so the free descriptors are
+// counted every second, and in the turn after any application has been accepted.
 void ApplicationListener::limitAccepting()
 {
     acceptable = platform.freeDescriptors(DescriptorReserve + AcceptedAtOnce) - DescriptorReserve;

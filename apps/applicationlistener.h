@@ -27,7 +27,7 @@ public:
     QTcpSocket *take();
     // False: the system has given the connection, but has not let it be made ready.
     static bool isUsable(const QTcpSocket &socket);
-    // To be called some time after connections have been taken: whether there may be more.
+    // To be called some time after connections have been taken: finds out how many more there may be.
     void review();
 
 private:
@@ -35,7 +35,7 @@ private:
 
     QTcpServer tcpServer;
     QTimer acceptTimer;
-    int acceptable = 0; // before it is looked at again how many there may be
+    int acceptable = 0; // how many may be accepted before the free descriptors are counted again
 };
 
 } // namespace QMR

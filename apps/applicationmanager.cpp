@@ -22,8 +22,9 @@ namespace QMR {
 
 namespace {
 
-// A turn of all applications together: radios, timers and a stop of the service wait no longer for it. A
-// registration that waits in the radios' queue waits for one turn for each that is before it.
+// How long a turn of all applications together takes at most: as long may radios, timers and a stop of the
+// service have to wait for it. There may be a turn between any two datagrams, so a registration waits for as
+// many turns as there are datagrams before it.
 constexpr auto LongestTurn = 2ms;
 constexpr int MessagesATurn = 100; // of one application
 
@@ -215,7 +216,7 @@ void ApplicationManager::takeTurn()
     server->commitWrites();
     const QDeadlineTimer turnEnd(LongestTurn, Qt::PreciseTimer);
     listener.review();
-    isLimitOfThisTurn = false;
+    tableLimitIsCurrent = false;
     while (!busy.empty() && !turnEnd.hasExpired()) {
         ApplicationConnection *const application = busy.front();
         busy.pop_front();
@@ -231,13 +232,13 @@ void ApplicationManager::takeTurn()
     }
 }
 
-// The next of its table, if it can take it.
+// Sends the next part of its table, if it can take one.
 void ApplicationManager::serveTable(ApplicationConnection *application)
 {
     if (!wantsTable(*application)) {
         return;
     }
-    if (!std::exchange(isLimitOfThisTurn, true)) {
+    if (!std::exchange(tableLimitIsCurrent, true)) {
         limitTables();
     }
     server->sendRadioTable(*application);
@@ -345,8 +346,9 @@ bool ApplicationManager::wantsTable(const ApplicationConnection &application) co
            application.socket().bytesToWrite() <= tableLimit;
 }
 
-// Each may have its part of what is left before all together reach their bound. One that reads goes on even
-// when nothing is left: the system holds some of its table, and there is a notice more at a time.
+// What is left before all together reach their bound is shared out equally. Even when nothing is left an
+// application that reads gets on: whenever the socket has given all it held to the system, one notice
+// follows.
 void ApplicationManager::limitTables()
 {
     const qint64 left = std::max<qint64>(MaximumUnsentTogether - unsentTogether(), 0);

@@ -82,10 +82,10 @@ private:
     std::map<QTcpSocket *, ApplicationConnection *> applications; // the sockets are the listener's
     std::deque<ApplicationConnection *> busy; // in the order of their turns; only its own turn drops one
     bool turnArranged = false;
-    qint64 tableLimit; // bytes of its table that an application may leave unsent
-    bool isLimitOfThisTurn = false;
-    std::vector<char> heldBack; // whole notices, one behind the other
-    std::vector<char> spare;    // empty, kept for its memory
+    qint64 tableLimit;                // bytes of its table that an application may leave unsent
+    bool tableLimitIsCurrent = false; // it is found anew once a turn
+    std::vector<char> heldBack;       // whole notices, one behind the other
+    std::vector<char> spare;          // empty, kept for its memory
 };
 
 } // namespace QMR

@@ -51,6 +51,7 @@ public:
 private:
     static constexpr qsizetype Capacity = 64LL * 1024;
 
+    // The bytes that are needed before the next read: a payload, or a header.
     qsizetype wanted() const { return header ? header->payloadLength : Qmra::HeaderSize; }
     Fault stop(Fault fault);
     Reading readPayload();

@@ -125,7 +125,7 @@ RadioMessage decodeExtendedRegistration(QByteArrayView datagram)
     return registration;
 }
 
-// The count and the codes; returns where they end.
+// Writes the count and the codes; returns the size of the message, which ends with them.
 quint16 writeServices(Buffer &buffer, qsizetype countOffset, const ServiceList &services)
 {
     auto *at = buffer.begin() + countOffset;
@@ -136,7 +136,7 @@ quint16 writeServices(Buffer &buffer, qsizetype countOffset, const ServiceList &
     return static_cast<quint16>(at - buffer.begin());
 }
 
-// The header of a message of that size.
+// Writes the header in front of a payload that is there; returns the size of the message, which is given.
 quint16 finish(Buffer &buffer, quint8 protocolVersion, const Esn &esn, Opcode opcode, quint16 size)
 {
     writeHeader(buffer, protocolVersion, esn, opcode, static_cast<quint16>(size - HeaderSize));

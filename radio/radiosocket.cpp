@@ -41,7 +41,7 @@ void RadioSocket::readyRead()
     if (bound) {
         hasArrived();
     } else {
-        take(); // a send has bound it to whatever port was free
+        take(); // its first send has bound it to whatever port was free: what comes there is for nobody
     }
 }
 
@@ -56,8 +56,8 @@ RadioSocket::Datagram RadioSocket::take()
     QHostAddress sender;
     const qint64 received = socket.readDatagram(reinterpret_cast<char *>(datagram.bytes.data()),
                                                 Qmrs::MaximumMessage, &sender, &datagram.port);
-    // A failed read has no bytes and is rejected as such. A longer datagram fills the buffer, all zeros
-    // before, but where the system calls it an error the count may say none.
+    // A failed read has no bytes, which the decoder rejects. A datagram longer than the buffer fills it, but
+    // where the system calls that an error the count can be none: then the buffer, all zeros before, tells.
     const bool isCut = received <= 0 && datagram.bytes[0] != 0;
     datagram.size = isCut ? Qmrs::MaximumMessage : std::max<qint64>(received, 0);
     datagram.sender = plainAddress(sender);
