@@ -7,6 +7,8 @@
 
 #include <sqlite3.h>
 
+using namespace Qt::StringLiterals;
+
 namespace {
 
 enum Statement { Begin, Commit, InsertSubscriber, SelectId, InsertService, Update, DeleteServices };
@@ -34,7 +36,7 @@ void bindBlob(sqlite3_stmt *statement, int parameter, const std::array<uint8_t, 
 
 [[noreturn]] void fail(sqlite3 *database)
 {
-    fail(QStringLiteral("SQLite: ") + QString::fromUtf8(sqlite3_errmsg(database)));
+    fail(u"SQLite: "_s + QString::fromUtf8(sqlite3_errmsg(database)));
 }
 
 } // namespace

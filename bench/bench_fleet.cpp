@@ -26,6 +26,8 @@
 #include <utility>
 #include <vector>
 
+using namespace Qt::StringLiterals;
+
 namespace {
 
 constexpr size_t Batch = 64;
@@ -104,8 +106,7 @@ size_t acknowledge(QMR::Qmrs::Buffer &bytes, size_t size)
 
 QString dotted(quint32 address)
 {
-    return QStringLiteral("%1.%2.%3.%4")
-        .arg(address >> 24)
+    return u"%1.%2.%3.%4"_s.arg(address >> 24)
         .arg(address >> 16 & 0xFF)
         .arg(address >> 8 & 0xFF)
         .arg(address & 0xFF);
@@ -125,14 +126,14 @@ bool measure(quint32 radios, const QString &rate, quint16 port)
     const pid_t tool = forked();
     if (tool == 0) {
         ::dup2(output[1], STDOUT_FILENO);
-        const QStringList line{QStringLiteral(QUILLMERE_RADIO_PROGRAM),
-                               QStringLiteral("fleet"),
-                               QStringLiteral("--json"),
-                               QStringLiteral("--server"),
-                               QStringLiteral("127.0.0.1:%1").arg(port),
-                               QStringLiteral("--rate"),
+        const QStringList line{QString::fromUtf8(QUILLMERE_RADIO_PROGRAM),
+                               u"fleet"_s,
+                               u"--json"_s,
+                               u"--server"_s,
+                               u"127.0.0.1:%1"_s.arg(port),
+                               u"--rate"_s,
                                rate,
-                               QStringLiteral("--addresses"),
+                               u"--addresses"_s,
                                dotted(FirstAddress) + QLatin1Char('-') + dotted(FirstAddress + radios - 1)};
         std::vector<QByteArray> arguments;
         arguments.reserve(static_cast<size_t>(line.size()));
@@ -164,15 +165,14 @@ bool measure(quint32 radios, const QString &rate, quint16 port)
     if (summary.isEmpty()) {
         return false;
     }
-    const double sent = summary[QStringLiteral("sent")].toDouble();
-    const QJsonObject latency = summary[QStringLiteral("latencyMs")].toObject();
+    const double sent = summary[u"sent"_s].toDouble();
+    const QJsonObject latency = summary[u"latencyMs"_s].toObject();
     std::printf(
         "%10s /s aimed at %10.0f /s acknowledged %8.0f lost %8.0f repeated   %5.2f us own time each   "
         "%4ld MiB   p50 %.2f ms p99 %.2f ms\n",
-        qPrintable(rate), summary[QStringLiteral("acknowledgedPerSecond")].toDouble(),
-        summary[QStringLiteral("lost")].toDouble(), summary[QStringLiteral("repeated")].toDouble(),
-        (seconds(usage.ru_utime) + seconds(usage.ru_stime)) / sent * 1e6, usage.ru_maxrss / 1024,
-        latency[QStringLiteral("p50")].toDouble(), latency[QStringLiteral("p99")].toDouble());
+        qPrintable(rate), summary[u"acknowledgedPerSecond"_s].toDouble(), summary[u"lost"_s].toDouble(),
+        summary[u"repeated"_s].toDouble(), (seconds(usage.ru_utime) + seconds(usage.ru_stime)) / sent * 1e6,
+        usage.ru_maxrss / 1024, latency[u"p50"_s].toDouble(), latency[u"p99"_s].toDouble());
     std::fflush(stdout);
     return WIFEXITED(status) && WEXITSTATUS(status) == 0;
 }
@@ -182,7 +182,7 @@ bool measure(quint32 radios, const QString &rate, quint16 port)
 int main(int argc, char **argv)
 {
     const quint32 radios = argc > 1 ? QByteArray(argv[1]).toUInt() : 1'000'000;
-    QStringList rates{QStringLiteral("50000"), QStringLiteral("1000000")};
+    QStringList rates{u"50000"_s, u"1000000"_s};
     if (argc > 2) {
         rates.clear();
     }

@@ -107,7 +107,7 @@ double ServerProcess::start()
         [] { ::prctl(PR_SET_PDEATHSIG, SIGKILL); }); // it never outlives a failed benchmark
     QElapsedTimer timer;
     timer.start();
-    process.start(QStringLiteral(QUILLMERE_PROGRAM), QStringList());
+    process.start(QString::fromUtf8(QUILLMERE_PROGRAM), QStringList());
     while (!hasStarted()) {
         if (process.waitForFinished(5) || timer.hasExpired(StartPatience)) {
             fail(u"the server did not start"_s);

@@ -11,29 +11,27 @@
 
 #include <chrono>
 
+using namespace Qt::StringLiterals;
+
 // The statements that make an empty database of schema version 1, 2 or 3, as the programs of their time did.
 inline QStringList schemaHistory(int version)
 {
-    const QString suid = version >= 2 ? QStringLiteral("suid BLOB NOT NULL, ") : QString();
-    const QString protocol =
-        version >= 3 ? QStringLiteral(", protocol_version INTEGER NOT NULL DEFAULT 0") : QString();
+    const QString suid = version >= 2 ? u"suid BLOB NOT NULL, "_s : QString();
+    const QString protocol = version >= 3 ? u", protocol_version INTEGER NOT NULL DEFAULT 0"_s : QString();
     QStringList statements{
-        QStringLiteral(
-            "CREATE TABLE subscribers (id INTEGER PRIMARY KEY, esn BLOB UNIQUE NOT NULL, %1"
-            "ip_address INTEGER NOT NULL, availability INTEGER NOT NULL, "
-            "last_contact_time INTEGER NOT NULL, num_discovery_attempts INTEGER NOT NULL DEFAULT 0, "
-            "last_discovery_attempt INTEGER NOT NULL DEFAULT 0%2)")
-            .arg(suid, protocol),
-        QStringLiteral("CREATE TABLE supported_services (subscriber_id INTEGER NOT NULL, service INTEGER NOT "
-                       "NULL, FOREIGN KEY(subscriber_id) REFERENCES subscribers(id) ON DELETE CASCADE)"),
-        QStringLiteral("CREATE TABLE config (database_version INTEGER NOT NULL)"),
-        QStringLiteral("CREATE INDEX subscribers_esn_idx ON subscribers(esn)"),
-        QStringLiteral(
-            "CREATE INDEX supported_services_subscriber_id_idx ON supported_services(subscriber_id)"),
-        QStringLiteral("INSERT INTO config VALUES (%1)").arg(version),
+        u"CREATE TABLE subscribers (id INTEGER PRIMARY KEY, esn BLOB UNIQUE NOT NULL, %1"
+        "ip_address INTEGER NOT NULL, availability INTEGER NOT NULL, "
+        "last_contact_time INTEGER NOT NULL, num_discovery_attempts INTEGER NOT NULL DEFAULT 0, "
+        "last_discovery_attempt INTEGER NOT NULL DEFAULT 0%2)"_s.arg(suid, protocol),
+        u"CREATE TABLE supported_services (subscriber_id INTEGER NOT NULL, service INTEGER NOT "
+        "NULL, FOREIGN KEY(subscriber_id) REFERENCES subscribers(id) ON DELETE CASCADE)"_s,
+        u"CREATE TABLE config (database_version INTEGER NOT NULL)"_s,
+        u"CREATE INDEX subscribers_esn_idx ON subscribers(esn)"_s,
+        u"CREATE INDEX supported_services_subscriber_id_idx ON supported_services(subscriber_id)"_s,
+        u"INSERT INTO config VALUES (%1)"_s.arg(version),
     };
     if (version >= 2) {
-        statements.append(QStringLiteral("CREATE INDEX subscribers_suid_idx ON subscribers(suid)"));
+        statements.append(u"CREATE INDEX subscribers_suid_idx ON subscribers(suid)"_s);
     }
     return statements;
 }
@@ -41,11 +39,11 @@ inline QStringList schemaHistory(int version)
 // The statements that replace a database, in their order.
 inline QStringList schemaScript()
 {
-    QFile script(QStringLiteral(":/Quillmere.schema"));
+    QFile script(u":/Quillmere.schema"_s);
     if (!script.open(QIODevice::ReadOnly)) {
         qFatal("no schema");
     }
-    QStringList statements = QString::fromUtf8(script.readAll()).split(QStringLiteral(";\r\n"));
+    QStringList statements = QString::fromUtf8(script.readAll()).split(u";\r\n"_s);
     statements.removeLast(); // white space
     for (QString &statement : statements) {
         statement = statement.trimmed();
@@ -55,26 +53,24 @@ inline QStringList schemaScript()
 
 inline QString addVersionColumn()
 {
-    return QStringLiteral("ALTER TABLE subscribers ADD COLUMN protocol_version INTEGER NOT NULL DEFAULT 0");
+    return u"ALTER TABLE subscribers ADD COLUMN protocol_version INTEGER NOT NULL DEFAULT 0"_s;
 }
 
 inline QString deriveVersion()
 {
-    return QStringLiteral(
-        "UPDATE subscribers SET protocol_version = (CASE WHEN suid = '' THEN 1 WHEN suid = -1 "
-        "THEN 1 WHEN suid = x'00000000000000' THEN 1 ELSE 2 END)");
+    return u"UPDATE subscribers SET protocol_version = (CASE WHEN suid = '' THEN 1 WHEN suid = -1 "
+           "THEN 1 WHEN suid = x'00000000000000' THEN 1 ELSE 2 END)"_s;
 }
 
 inline LogRecord replacingRecord()
 {
-    return RecordingLog::record(Scm::EventWarning,
-                                QStringLiteral("Unable to update database.  Replacing database..."));
+    return RecordingLog::record(Scm::EventWarning, u"Unable to update database.  Replacing database..."_s);
 }
 
 // Deliberately a success under identifier 0.
 inline LogRecord failedScriptRecord()
 {
-    return RecordingLog::record(Scm::EventSuccess, QStringLiteral("Database schema: unable to continue"), 0);
+    return RecordingLog::record(Scm::EventSuccess, u"Database schema: unable to continue"_s, 0);
 }
 
 // Tables, then indexes, of the current schema, each with its table.
@@ -98,10 +94,10 @@ class SchemaCheck
 public:
     SchemaCheck()
     {
-        connection = QSqlDatabase::addDatabase(QStringLiteral("QSQLITE"));
+        connection = QSqlDatabase::addDatabase(u"QSQLITE"_s);
         connection.setDatabaseName(server.folder.databaseFile());
         connection.open();
-        QSqlQuery(connection).exec(QStringLiteral("PRAGMA foreign_keys = ON"));
+        QSqlQuery(connection).exec(u"PRAGMA foreign_keys = ON"_s);
     }
     ~SchemaCheck()
     {
@@ -127,8 +123,8 @@ public:
     // Type, name and table of each table and each index that has a statement of its own.
     QList<QVariantList> objects() const
     {
-        return query(QStringLiteral(
-            "SELECT type, name, tbl_name FROM sqlite_master WHERE sql IS NOT NULL ORDER BY type, name"));
+        return query(
+            u"SELECT type, name, tbl_name FROM sqlite_master WHERE sql IS NOT NULL ORDER BY type, name"_s);
     }
 
     QByteArray fileContent() const

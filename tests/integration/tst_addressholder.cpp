@@ -5,16 +5,17 @@
 
 #include <QTest>
 
+using namespace Qt::StringLiterals;
+
 namespace {
 
-const QString Here = QStringLiteral("127.0.0.2");
-const QString There = QStringLiteral("127.0.0.3");
-const QString LocalIpv6 = QStringLiteral("::1");
+const QString Here = u"127.0.0.2"_s;
+const QString There = u"127.0.0.3"_s;
+const QString LocalIpv6 = u"::1"_s;
 
 QString unexpected(const ScriptedRadio &radio, const QString &address)
 {
-    return QStringLiteral("Radio %1 deregistered from unexpected address %2 [ignored]")
-        .arg(radio.esnText(), address);
+    return u"Radio %1 deregistered from unexpected address %2 [ignored]"_s.arg(radio.esnText(), address);
 }
 
 } // namespace
@@ -51,14 +52,12 @@ private slots:
 
         const auto outcome = scene->settle();
         QCOMPARE(outcome.log, (QStringList{first->deregisteredText(), second->registeredText()}));
-        QCOMPARE(
-            outcome.notices,
-            (QStringList{QStringLiteral("01: confirmed 0.0.0.0 suid 123456789ABC01 services 1 state 0"),
-                         QStringLiteral("02: confirmed 127.0.0.2 suid 123456789ABC02 services 2 state 3")}));
-        QCOMPARE(scene->known(first->esn), QStringLiteral("gone"));
+        QCOMPARE(outcome.notices,
+                 (QStringList{u"01: confirmed 0.0.0.0 suid 123456789ABC01 services 1 state 0"_s,
+                              u"02: confirmed 127.0.0.2 suid 123456789ABC02 services 2 state 3"_s}));
+        QCOMPARE(scene->known(first->esn), u"gone"_s);
         QCOMPARE(scene->stored(),
-                 QStringList{QStringLiteral(
-                     "02: 127.0.0.2 suid 123456789ABC02 services 2 version 3 state 3 heard 0")});
+                 QStringList{u"02: 127.0.0.2 suid 123456789ABC02 services 2 version 3 state 3 heard 0"_s});
         QVERIFY(!first->hasReceived());
     }
 
@@ -74,9 +73,8 @@ private slots:
         QVERIFY(second->isAcknowledged());
 
         QCOMPARE(scene->settle().log, (QStringList{first->deregisteredText(), second->registeredText()}));
-        QCOMPARE(scene->known(first->esn), QStringLiteral("gone"));
-        QCOMPARE(scene->known(second->esn),
-                 QStringLiteral("127.0.0.2 suid 123456789ABC02 services 2 version 3 state 3"));
+        QCOMPARE(scene->known(first->esn), u"gone"_s);
+        QCOMPARE(scene->known(second->esn), u"127.0.0.2 suid 123456789ABC02 services 2 version 3 state 3"_s);
         QCOMPARE(scene->stored().size(), 1);
     }
 
@@ -91,7 +89,7 @@ private slots:
         QVERIFY(second->isAcknowledged());
 
         QCOMPARE(scene->settle().log, (QStringList{first->deregisteredText(), second->registeredText()}));
-        QCOMPARE(scene->known(first->esn), QStringLiteral("gone"));
+        QCOMPARE(scene->known(first->esn), u"gone"_s);
         QVERIFY(scene->stored().isEmpty());
     }
 
@@ -108,10 +106,8 @@ private slots:
 
         const auto outcome = scene->settle();
         QCOMPARE(outcome.log, (QStringList{first->deregisteredText(), second->registeredText()}));
-        QCOMPARE(outcome.notices[0],
-                 QStringLiteral("01: confirmed 127.0.0.2 suid 123456789ABC01 services 1 state 3"));
-        QCOMPARE(scene->known(first->esn),
-                 QStringLiteral("127.0.0.2 suid 123456789ABC01 services 1 version 3 state 3"));
+        QCOMPARE(outcome.notices[0], u"01: confirmed 127.0.0.2 suid 123456789ABC01 services 1 state 3"_s);
+        QCOMPARE(scene->known(first->esn), u"127.0.0.2 suid 123456789ABC01 services 1 version 3 state 3"_s);
         QCOMPARE(scene->stored().size(), 2);
     }
 
@@ -128,14 +124,13 @@ private slots:
         second->registers("\2");
         QVERIFY(second->isAcknowledged());
         QCOMPARE(scene->settle().log, (QStringList{first->deregisteredText(), second->registeredText()}));
-        QCOMPARE(scene->known(first->esn),
-                 QStringLiteral("127.0.0.2 suid 123456789ABC01 services 1 version 3 state 3"));
+        QCOMPARE(scene->known(first->esn), u"127.0.0.2 suid 123456789ABC01 services 1 version 3 state 3"_s);
         QCOMPARE(scene->stored().size(), 2);
 
         second->registers("\2");
         QVERIFY(second->isAcknowledged());
         QCOMPARE(scene->settle().log, (QStringList{first->deregisteredText(), second->registeredText()}));
-        QCOMPARE(scene->known(first->esn), QStringLiteral("gone"));
+        QCOMPARE(scene->known(first->esn), u"gone"_s);
     }
 
     // Deliberate: the walk ends at the first holder. When that is the radio itself, one further on keeps the
@@ -153,13 +148,12 @@ private slots:
         first->registers("\1");
         QVERIFY(first->isAcknowledged());
         QCOMPARE(scene->settle().log, QStringList{first->registeredText()});
-        QCOMPARE(scene->known(second->esn),
-                 QStringLiteral("127.0.0.2 suid 123456789ABC02 services 2 version 3 state 3"));
+        QCOMPARE(scene->known(second->esn), u"127.0.0.2 suid 123456789ABC02 services 2 version 3 state 3"_s);
 
         // Of the two the first one leaves by address.
         second->deregistersByAddress();
         QCOMPARE(scene->settle().log, QStringList{first->deregisteredText()});
-        QCOMPARE(scene->known(first->esn), QStringLiteral("gone"));
+        QCOMPARE(scene->known(first->esn), u"gone"_s);
     }
 
     void leavingByAddressPassesOverVersion1()
@@ -174,8 +168,7 @@ private slots:
         scene->settle();
         first->deregistersByAddress();
         QCOMPARE(scene->settle().log, QStringList{second->deregisteredText()});
-        QCOMPARE(scene->known(first->esn),
-                 QStringLiteral("127.0.0.2 suid 00000000000000 services 1 version 1 state 3"));
+        QCOMPARE(scene->known(first->esn), u"127.0.0.2 suid 00000000000000 services 1 version 1 state 3"_s);
     }
 
     // Only a stored row can have no ESN and yet speak a later version.
@@ -187,8 +180,7 @@ private slots:
         const auto outcome = scene->settle();
         QCOMPARE(outcome.log, QStringList());
         QCOMPARE(outcome.notices, QStringList());
-        QCOMPARE(scene->known(QMR::Esn{}),
-                 QStringLiteral("127.0.0.2 suid 123456789ABC01 services 1 version 2 state 3"));
+        QCOMPARE(scene->known(QMR::Esn{}), u"127.0.0.2 suid 123456789ABC01 services 1 version 2 state 3"_s);
     }
 
     void aRadioWithoutAnEsnStaysAtVersion1()
@@ -200,8 +192,7 @@ private slots:
         scene->settle();
         first->deregisters();
         QCOMPARE(scene->settle().log, QStringList());
-        QCOMPARE(scene->known(QMR::Esn{}),
-                 QStringLiteral("127.0.0.2 suid 00000000000000 services 1 version 1 state 3"));
+        QCOMPARE(scene->known(QMR::Esn{}), u"127.0.0.2 suid 00000000000000 services 1 version 1 state 3"_s);
     }
 
     // Deliberate: a sender without an IPv4 form has the value 0, as every missing address has. The first
@@ -218,13 +209,11 @@ private slots:
         const auto outcome = scene->settle();
         QCOMPARE(outcome.log, (QStringList{unexpected(*first, LocalIpv6), second->registeredText()}));
         QCOMPARE(outcome.notices,
-                 QStringList{QStringLiteral("02: confirmed 0.0.0.0 suid 123456789ABC02 services 2 state 3")});
-        QCOMPARE(scene->known(first->esn),
-                 QStringLiteral("127.0.0.2 suid 123456789ABC01 services 1 version 3 state 3"));
-        QCOMPARE(scene->known(second->esn),
-                 QStringLiteral("::1 suid 123456789ABC02 services 2 version 3 state 3"));
+                 QStringList{u"02: confirmed 0.0.0.0 suid 123456789ABC02 services 2 state 3"_s});
+        QCOMPARE(scene->known(first->esn), u"127.0.0.2 suid 123456789ABC01 services 1 version 3 state 3"_s);
+        QCOMPARE(scene->known(second->esn), u"::1 suid 123456789ABC02 services 2 version 3 state 3"_s);
         QCOMPARE(scene->stored().last(),
-                 QStringLiteral("02: 0.0.0.0 suid 123456789ABC02 services 2 version 3 state 3 heard 0"));
+                 u"02: 0.0.0.0 suid 123456789ABC02 services 2 version 3 state 3 heard 0"_s);
     }
 
     void anIpv6SenderIsItsOwnHolderWhenItComesFirst()
@@ -250,7 +239,7 @@ private slots:
         second->registers("\2");
         QVERIFY(second->isAcknowledged());
         QCOMPARE(scene->settle().log, (QStringList{first->deregisteredText(), second->registeredText()}));
-        QCOMPARE(scene->known(first->esn), QStringLiteral("gone"));
+        QCOMPARE(scene->known(first->esn), u"gone"_s);
     }
 
     void anIpv6RadioLeaves_data()
@@ -271,7 +260,7 @@ private slots:
         scene->settle();
         byAddress ? second->deregistersByAddress() : second->deregisters();
         QCOMPARE(scene->settle().log, QStringList{second->deregisteredText()});
-        QCOMPARE(scene->known(second->esn), QStringLiteral("gone"));
+        QCOMPARE(scene->known(second->esn), u"gone"_s);
     }
 
     // Its value is 0, as that of the radio's address.
@@ -290,7 +279,7 @@ private slots:
         QVERIFY(first->isAcknowledged());
         scene->settle();
         const QString known = scene->known(first->esn);
-        const QString other = QStringLiteral("2001:db8::2");
+        const QString other = u"2001:db8::2"_s;
         scene->server->deregisterRadioByAddress(QHostAddress(other));
         QCOMPARE(scene->settle().log, QStringList());
         scene->server->deregisterRadio(first->esn, QHostAddress(other));

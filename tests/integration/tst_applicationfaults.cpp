@@ -15,16 +15,18 @@
 #include <memory>
 #include <vector>
 
+using namespace Qt::StringLiterals;
+
 using QMR::RadioPointer;
 
 namespace {
 
-const QString Connected = QStringLiteral("Application connected from 127.0.0.1");
-const QString Disconnected = QStringLiteral("Application disconnected from 127.0.0.1");
-const QString Lost = QStringLiteral("Network error: write message failed");
+const QString Connected = u"Application connected from 127.0.0.1"_s;
+const QString Disconnected = u"Application disconnected from 127.0.0.1"_s;
+const QString Lost = u"Network error: write message failed"_s;
 
 // Matches every text but Disconnected.
-const QRegularExpression NotTheEnd(QStringLiteral("^(?!Application disconnected from )"));
+const QRegularExpression NotTheEnd(u"^(?!Application disconnected from )"_s);
 
 constexpr qint64 MaximumUnsent = 64LL * 1024 * 1024;
 constexpr qint64 LargestNotice = 8 + 277;
@@ -70,7 +72,7 @@ private slots:
         breakConnection(applications[0]->connection());
         (*server)->notifyApplications((*server)->findRadio(radio->esn));
         QVERIFY(applications[1]->sees(*radio, QMR::Registered));
-        const QString error = QStringLiteral("Network error 7 on connection to 127.0.0.1:%1").arg(port);
+        const QString error = u"Network error 7 on connection to 127.0.0.1:%1"_s.arg(port);
         QCOMPARE(server->log.takeOnce(2), (QList{RecordingLog::record(Scm::EventWarning, error),
                                                  RecordingLog::record(Scm::EventInformation, Disconnected)}));
         radio->registers();
@@ -90,8 +92,8 @@ private slots:
         }
         const QStringList records = server->log.takeMessagesOnce(2);
         QCOMPARE(records.size(), 2);
-        QVERIFY(records[0].startsWith(QStringLiteral("Application connected from")));
-        QVERIFY(records[1].startsWith(QStringLiteral("Application disconnected from")));
+        QVERIFY(records[0].startsWith(u"Application connected from"_s));
+        QVERIFY(records[1].startsWith(u"Application disconnected from"_s));
     }
 
     void vanishInTheMiddleOfANotice_data()
@@ -124,7 +126,7 @@ private slots:
         QTRY_COMPARE(server->log.count(Disconnected), qsizetype{Count / 2});
         const QStringList others = server->log.takeMessages().filter(NotTheEnd);
         QCOMPARE(others.size(), isWriteAfterResetANetworkError() ? qsizetype{Count / 2} : 0);
-        QCOMPARE(others.filter(QStringLiteral("Network error 7 on connection to 127.0.0.1:")), others);
+        QCOMPARE(others.filter(u"Network error 7 on connection to 127.0.0.1:"_s), others);
         (*server)->notifyApplications(entry);
         for (size_t i = 1; i < Count; i += 2) {
             QCOMPARE(applications[i]->receives(1).size(), 1);
@@ -149,7 +151,7 @@ private slots:
     void whatHasArrivedOutlivesAFailedWrite()
     {
         constexpr int Messages = 3000;
-        const QString invalid = QStringLiteral("QMRA protocol error detected: invalid message (1)");
+        const QString invalid = u"QMRA protocol error detected: invalid message (1)"_s;
         connectApplications(2);
         QTcpSocket &connection = applications[0]->connection();
         const quint16 port = connection.localPort();
@@ -168,7 +170,7 @@ private slots:
         server->log.whenWritten({});
         QStringList expected(Messages, invalid);
         if (isWriteAfterResetANetworkError()) {
-            expected.append(QStringLiteral("Network error 7 on connection to 127.0.0.1:%1").arg(port));
+            expected.append(u"Network error 7 on connection to 127.0.0.1:%1"_s.arg(port));
         }
         QCOMPARE(server->log.takeMessages(), expected + QStringList{Disconnected});
     }
@@ -178,8 +180,7 @@ private slots:
     {
         connectApplications(1);
         QTcpSocket &connection = applications[0]->connection();
-        const QString error =
-            QStringLiteral("Network error 7 on connection to 127.0.0.1:%1").arg(connection.localPort());
+        const QString error = u"Network error 7 on connection to 127.0.0.1:%1"_s.arg(connection.localPort());
         applications[0]->sends(ScriptedApplication::message(9, QByteArray()).repeated(1500));
         server->log.whenWritten([](const LogRecord &) { QTest::qSleep(5); }); // ends the turn
         QVERIFY(runsUntil([this] { return !server->log.records().isEmpty(); }));
@@ -192,7 +193,7 @@ private slots:
         QCOMPARE(server->log.count(Disconnected), 0);
         server->stop();
         QCOMPARE(server->log.takeMessages().last(3),
-                 (QStringList{error, Disconnected, QStringLiteral("Service stopped")}));
+                 (QStringList{error, Disconnected, u"Service stopped"_s}));
     }
 
     void applicationThatNeverReadsCostsABoundedMemory()

@@ -13,12 +13,14 @@
 
 #include <memory>
 
+using namespace Qt::StringLiterals;
+
 using QMR::ApplicationManager;
 
 namespace {
 
-const QString Connected = QStringLiteral("Application connected from 127.0.0.1");
-const QString Disconnected = QStringLiteral("Application disconnected from 127.0.0.1");
+const QString Connected = u"Application connected from 127.0.0.1"_s;
+const QString Disconnected = u"Application disconnected from 127.0.0.1"_s;
 
 Notice noticeOf(const ScriptedRadio &radio, int availability, const QByteArray &services = QByteArray())
 {
@@ -51,13 +53,11 @@ private slots:
     void peerIsKnownByItsPlainIpv4Address()
     {
         QTcpSocket peer;
-        QVERIFY(peer.bind(QHostAddress(QStringLiteral("127.0.0.77"))));
+        QVERIFY(peer.bind(QHostAddress(u"127.0.0.77"_s)));
         peer.connectToHost(QHostAddress::LocalHost, server->applicationPort());
-        QCOMPARE(server->log.takeMessagesOnce(1),
-                 QStringList{QStringLiteral("Application connected from 127.0.0.77")});
+        QCOMPARE(server->log.takeMessagesOnce(1), QStringList{u"Application connected from 127.0.0.77"_s});
         peer.close();
-        QCOMPARE(server->log.takeMessagesOnce(1),
-                 QStringList{QStringLiteral("Application disconnected from 127.0.0.77")});
+        QCOMPARE(server->log.takeMessagesOnce(1), QStringList{u"Application disconnected from 127.0.0.77"_s});
     }
 
     void nothingIsKeptOfOneThatHasGone()
@@ -81,9 +81,9 @@ private slots:
 
     void snapshotComesFirstAndInEsnOrder()
     {
-        ScriptedRadio last(server->registrationPort(), 0xF0, QStringLiteral("127.0.0.2"));
-        ScriptedRadio first(server->registrationPort(), 0x01, QStringLiteral("127.0.0.3"));
-        ScriptedRadio middle(server->registrationPort(), 0x7F, QStringLiteral("127.0.0.4"));
+        ScriptedRadio last(server->registrationPort(), 0xF0, u"127.0.0.2"_s);
+        ScriptedRadio first(server->registrationPort(), 0x01, u"127.0.0.3"_s);
+        ScriptedRadio middle(server->registrationPort(), 0x7F, u"127.0.0.4"_s);
         for (ScriptedRadio *radio : {&last, &first, &middle}) {
             radio->registers(QByteArray::fromHex("0301"));
             QVERIFY(radio->isAcknowledged());
@@ -99,9 +99,9 @@ private slots:
 
     void esnsAreOrderedAsUnsignedBytes()
     {
-        ScriptedRadio high(server->registrationPort(), 0x01, QStringLiteral("127.0.0.2"));
+        ScriptedRadio high(server->registrationPort(), 0x01, u"127.0.0.2"_s);
         high.esn.bytes[0] = 0x80;
-        ScriptedRadio low(server->registrationPort(), 0x02, QStringLiteral("127.0.0.3"));
+        ScriptedRadio low(server->registrationPort(), 0x02, u"127.0.0.3"_s);
         low.esn.bytes[0] = 0x7F;
         for (ScriptedRadio *radio : {&high, &low}) {
             radio->registers();
@@ -113,18 +113,18 @@ private slots:
 
     void snapshotShowsEachRadioAsItIs()
     {
-        ScriptedRadio registered(server->registrationPort(), 1, QStringLiteral("127.0.0.2"));
-        ScriptedRadio pendingOnly(server->registrationPort(), 2, QStringLiteral("127.0.0.3"));
-        ScriptedRadio both(server->registrationPort(), 3, QStringLiteral("127.0.0.4"));
-        ScriptedRadio doubted(server->registrationPort(), 4, QStringLiteral("127.0.0.5"));
-        ScriptedRadio lost(server->registrationPort(), 5, QStringLiteral("127.0.0.6"));
+        ScriptedRadio registered(server->registrationPort(), 1, u"127.0.0.2"_s);
+        ScriptedRadio pendingOnly(server->registrationPort(), 2, u"127.0.0.3"_s);
+        ScriptedRadio both(server->registrationPort(), 3, u"127.0.0.4"_s);
+        ScriptedRadio doubted(server->registrationPort(), 4, u"127.0.0.5"_s);
+        ScriptedRadio lost(server->registrationPort(), 5, u"127.0.0.6"_s);
         registered.registers(QByteArray::fromHex("01"));
         QVERIFY(registered.isAcknowledged());
         pendingOnly.registersPending(QByteArray::fromHex("02"));
         QVERIFY(pendingOnly.isAcknowledged());
         both.registers(QByteArray::fromHex("03"));
         QVERIFY(both.isAcknowledged());
-        both.movesTo(QStringLiteral("127.0.0.44"));
+        both.movesTo(u"127.0.0.44"_s);
         both.suid.bytes[0] = 0x99;
         both.registersPending(QByteArray::fromHex("0101"));
         QVERIFY(both.isAcknowledged());
@@ -211,9 +211,8 @@ private slots:
         QCOMPARE(server->log.takeOnce(1).size(), 1);
         application.sends(ScriptedApplication::message(9, QByteArray()));
         application.connection().disconnectFromHost();
-        QCOMPARE(
-            server->log.takeMessagesOnce(2),
-            (QStringList{QStringLiteral("QMRA protocol error detected: invalid message (1)"), Disconnected}));
+        QCOMPARE(server->log.takeMessagesOnce(2),
+                 (QStringList{u"QMRA protocol error detected: invalid message (1)"_s, Disconnected}));
     }
 
     void takenPortIsLoggedAndRadiosAreServedOn()
@@ -224,14 +223,12 @@ private slots:
         server->log.take();
         server->object().start();
         QCOMPARE(server->log.take().first(),
-                 RecordingLog::record(Scm::EventError,
-                                      QStringLiteral("Failed to listen for application connections")));
+                 RecordingLog::record(Scm::EventError, u"Failed to listen for application connections"_s));
 
         ScriptedRadio radio(server->registrationPort(), 1);
         radio.registers();
         QVERIFY(radio.isAcknowledged());
-        QCOMPARE(server->query(QStringLiteral("SELECT count(*) FROM subscribers")),
-                 (QList<QVariantList>{{1LL}}));
+        QCOMPARE(server->query(u"SELECT count(*) FROM subscribers"_s), (QList<QVariantList>{{1LL}}));
         QCOMPARE(server->log.takeMessages().last(), radio.registeredText());
     }
 
@@ -258,7 +255,7 @@ private slots:
         ScriptedApplication application(server->applicationPort());
         QCOMPARE(server->log.takeOnce(1).size(), 1);
         server->stop();
-        QCOMPARE(server->log.takeMessages(), (QStringList{Disconnected, QStringLiteral("Service stopped")}));
+        QCOMPARE(server->log.takeMessages(), (QStringList{Disconnected, u"Service stopped"_s}));
         QTRY_COMPARE(application.connection().state(), QAbstractSocket::UnconnectedState);
         server->start();
         const ScriptedApplication again(server->applicationPort());

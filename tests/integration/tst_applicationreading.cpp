@@ -13,16 +13,17 @@
 #include <memory>
 #include <vector>
 
+using namespace Qt::StringLiterals;
+
 namespace {
 
-const QString BadHeader = QStringLiteral("QMRA Protocol error: invalid message (2)");
-const QString BadVersion =
-    QStringLiteral("QMRA protocol version not supported.  Update connected applications");
-const QString BadLength = QStringLiteral("QMRA protocol error detected: invalid payload length");
-const QString BadType = QStringLiteral("QMRA protocol error detected: invalid message (1)");
-const QString Timeout = QStringLiteral("Network error: read timeout");
-const QString Connected = QStringLiteral("Application connected from 127.0.0.1");
-const QString Disconnected = QStringLiteral("Application disconnected from 127.0.0.1");
+const QString BadHeader = u"QMRA Protocol error: invalid message (2)"_s;
+const QString BadVersion = u"QMRA protocol version not supported.  Update connected applications"_s;
+const QString BadLength = u"QMRA protocol error detected: invalid payload length"_s;
+const QString BadType = u"QMRA protocol error detected: invalid message (1)"_s;
+const QString Timeout = u"Network error: read timeout"_s;
+const QString Connected = u"Application connected from 127.0.0.1"_s;
+const QString Disconnected = u"Application disconnected from 127.0.0.1"_s;
 
 const LogRecord BadHeaderRecord = RecordingLog::record(Scm::EventWarning, BadHeader);
 const LogRecord BadVersionRecord = RecordingLog::record(Scm::EventError, BadVersion);
@@ -190,7 +191,7 @@ private slots:
         bool isTimed = false;
         QTimer::singleShot(50, this, [&isTimed] { isTimed = true; });
         for (quint8 serial = 2; serial < 12; ++serial) {
-            ScriptedRadio other(server->registrationPort(), serial, QStringLiteral("127.0.0.3"));
+            ScriptedRadio other(server->registrationPort(), serial, u"127.0.0.3"_s);
             other.registers();
             QVERIFY(other.isAcknowledged());
         }
@@ -208,7 +209,7 @@ private slots:
         serverIsIdle();
         server->log.take();
         server->stop();
-        QCOMPARE(server->log.takeMessages(), (QStringList{Disconnected, QStringLiteral("Service stopped")}));
+        QCOMPARE(server->log.takeMessages(), (QStringList{Disconnected, u"Service stopped"_s}));
     }
 
     // Each has its own half second.
@@ -453,7 +454,7 @@ private:
     // Proves that the server has come back to its event loop, with nothing more to do for the application.
     void serverIsIdle()
     {
-        ScriptedRadio other(server->registrationPort(), 0xEE, QStringLiteral("127.0.0.9"));
+        ScriptedRadio other(server->registrationPort(), 0xEE, u"127.0.0.9"_s);
         other.registers();
         QVERIFY(other.isAcknowledged());
         other.deregisters();
@@ -465,8 +466,7 @@ private:
     QList<LogRecord> takeRecords()
     {
         QList<LogRecord> records = server->log.take();
-        records.removeIf(
-            [](const LogRecord &record) { return record.message.startsWith(QStringLiteral("Radio ")); });
+        records.removeIf([](const LogRecord &record) { return record.message.startsWith(u"Radio "_s); });
         return records;
     }
 

@@ -12,6 +12,8 @@
 #include <random>
 #include <vector>
 
+using namespace Qt::StringLiterals;
+
 using QMR::Esn;
 using QMR::Suid;
 
@@ -172,15 +174,15 @@ private:
             return view->radios().contains(last);
         };
         QTRY_VERIFY_WITH_TIMEOUT(std::all_of(views.begin(), views.end(), hasLast), 60000);
-        QCOMPARE(server->log.count(QStringLiteral("Network error: write message failed")), 0);
+        QCOMPARE(server->log.count(u"Network error: write message failed"_s), 0);
     }
 
     ApplicationView::Table tableOfTheDatabase() const
     {
         ApplicationView::Table table;
-        const auto rows = server->query(QStringLiteral(
-            "SELECT esn, suid, ip_address, availability, (SELECT group_concat(service, '') FROM "
-            "supported_services WHERE subscriber_id = subscribers.id) FROM subscribers"));
+        const auto rows = server->query(
+            u"SELECT esn, suid, ip_address, availability, (SELECT group_concat(service, '') FROM "
+            "supported_services WHERE subscriber_id = subscribers.id) FROM subscribers"_s);
         for (const QVariantList &row : rows) {
             Notice notice;
             const QByteArray esn = row[0].toByteArray();

@@ -7,6 +7,8 @@
 
 #include <QTest>
 
+using namespace Qt::StringLiterals;
+
 // The main job from end to end: a datagram in, a row, a record, a notice, an acknowledgement out.
 class TestFirstRegistration : public QObject
 {
@@ -18,10 +20,10 @@ private slots:
         TestServer server;
         server.start();
         ScriptedApplication application(server.applicationPort());
-        QTRY_COMPARE(server.log.count(QStringLiteral("Application connected from 127.0.0.1")), 1);
+        QTRY_COMPARE(server.log.count(u"Application connected from 127.0.0.1"_s), 1);
         server.log.take();
 
-        ScriptedRadio radio(server.registrationPort(), 0xDD, QStringLiteral("127.0.0.5"));
+        ScriptedRadio radio(server.registrationPort(), 0xDD, u"127.0.0.5"_s);
         radio.registers(QByteArray::fromHex("0103"));
 
         QVERIFY(radio.isAcknowledged());
@@ -29,16 +31,14 @@ private slots:
         QCOMPARE(server.log.take(),
                  QList{RecordingLog::record(
                      Scm::EventInformation,
-                     QStringLiteral(
-                         "Radio 0011AABB22CC33DD with SUID {WACN: 0x12345, System: 0x678, Unit: 0x9ABCDD} "
-                         "registered with address 127.0.0.5"))});
-        QCOMPARE(server.query(QStringLiteral(
-                     "SELECT hex(esn), hex(suid), ip_address, availability, last_contact_time, "
-                     "num_discovery_attempts, last_discovery_attempt, protocol_version "
-                     "FROM subscribers")),
-                 (QList<QVariantList>{{QStringLiteral("0011AABB22CC33DD"), QStringLiteral("123456789ABCDD"),
-                                       2130706437LL, 3LL, server.clock.seconds(), 0LL, 0LL, 3LL}}));
-        QCOMPARE(server.query(QStringLiteral("SELECT service FROM supported_services")),
+                     u"Radio 0011AABB22CC33DD with SUID {WACN: 0x12345, System: 0x678, Unit: 0x9ABCDD} "
+                     "registered with address 127.0.0.5"_s)});
+        QCOMPARE(server.query(u"SELECT hex(esn), hex(suid), ip_address, availability, last_contact_time, "
+                              "num_discovery_attempts, last_discovery_attempt, protocol_version "
+                              "FROM subscribers"_s),
+                 (QList<QVariantList>{{u"0011AABB22CC33DD"_s, u"123456789ABCDD"_s, 2130706437LL, 3LL,
+                                       server.clock.seconds(), 0LL, 0LL, 3LL}}));
+        QCOMPARE(server.query(u"SELECT service FROM supported_services"_s),
                  (QList<QVariantList>{{1LL}, {3LL}}));
     }
 };

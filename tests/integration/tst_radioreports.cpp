@@ -9,6 +9,8 @@
 
 #include <memory>
 
+using namespace Qt::StringLiterals;
+
 // What an application's report does to a radio, and which changes of a radio applications are told of.
 class TestRadioReports : public QObject
 {
@@ -22,8 +24,7 @@ private slots:
         application = std::make_unique<ScriptedApplication>(server->applicationPort());
         other = std::make_unique<ScriptedApplication>(server->applicationPort());
         radio = std::make_unique<ScriptedRadio>(server->registrationPort(), 1);
-        bystander =
-            std::make_unique<ScriptedRadio>(server->registrationPort(), 2, QStringLiteral("127.0.0.3"));
+        bystander = std::make_unique<ScriptedRadio>(server->registrationPort(), 2, u"127.0.0.3"_s);
         QTRY_COMPARE(server->log.records().size(), 2);
     }
 
@@ -74,14 +75,13 @@ private slots:
     {
         QTest::addColumn<QByteArray>("esn"); // empty: that of the radio
         QTest::addColumn<QString>("address");
-        QTest::newRow("another address") << QByteArray() << QStringLiteral("127.0.0.3");
-        QTest::newRow("no address") << QByteArray() << QStringLiteral("0.0.0.0");
-        QTest::newRow("bytes of the address reversed") << QByteArray() << QStringLiteral("2.0.0.127");
-        QTest::newRow("unknown ESN") << QByteArray::fromHex("0011aabb22cc3399")
-                                     << QStringLiteral("127.0.0.2");
+        QTest::newRow("another address") << QByteArray() << u"127.0.0.3"_s;
+        QTest::newRow("no address") << QByteArray() << u"0.0.0.0"_s;
+        QTest::newRow("bytes of the address reversed") << QByteArray() << u"2.0.0.127"_s;
+        QTest::newRow("unknown ESN") << QByteArray::fromHex("0011aabb22cc3399") << u"127.0.0.2"_s;
         QTest::newRow("ESN differing in its first byte")
-            << QByteArray::fromHex("0111aabb22cc3301") << QStringLiteral("127.0.0.2");
-        QTest::newRow("ESN of zeros") << QByteArray(8, '\0') << QStringLiteral("127.0.0.2");
+            << QByteArray::fromHex("0111aabb22cc3301") << u"127.0.0.2"_s;
+        QTest::newRow("ESN of zeros") << QByteArray(8, '\0') << u"127.0.0.2"_s;
     }
 
     void ignoredReport()
@@ -122,7 +122,7 @@ private slots:
     {
         registers();
         const QHostAddress confirmed = radio->address();
-        radio->movesTo(QStringLiteral("127.0.0.22"));
+        radio->movesTo(u"127.0.0.22"_s);
         radio->registersPending();
         QVERIFY(application->seesPending(*radio));
         application->reports(radio->esn, radio->address()); // the pending address: ignored
@@ -201,7 +201,7 @@ private slots:
     {
         registers();
         connect(&application->connection(), &QTcpSocket::readyRead, this,
-                [this] { rowsWhenTold = server->query(QStringLiteral("SELECT count(*) FROM subscribers")); });
+                [this] { rowsWhenTold = server->query(u"SELECT count(*) FROM subscribers"_s); });
         radio->deregisters();
         QVERIFY(application->seesGone(*radio));
         QCOMPARE(rowsWhenTold, (QList<QVariantList>{{0LL}}));
@@ -217,7 +217,7 @@ private:
 
     qlonglong availability() const
     {
-        const QString select = QStringLiteral("SELECT availability FROM subscribers WHERE hex(esn) = '%1'");
+        const QString select = u"SELECT availability FROM subscribers WHERE hex(esn) = '%1'"_s;
         return server->query(select.arg(radio->esnText()))[0][0].toLongLong();
     }
 
@@ -228,7 +228,7 @@ private:
         // Read behind what has been sent before: the server is through with it.
         application->sends(ScriptedApplication::message(9, QByteArray()));
         QCOMPARE(server->log.takeMessagesOnce(1),
-                 QStringList{QStringLiteral("QMRA protocol error detected: invalid message (1)")});
+                 QStringList{u"QMRA protocol error detected: invalid message (1)"_s});
         bystander->registers();
         QVERIFY(application->sees(*bystander, QMR::Registered));
     }

@@ -7,6 +7,8 @@
 
 #include <functional>
 
+using namespace Qt::StringLiterals;
+
 namespace {
 
 // What the radio of serial 01 does.
@@ -15,9 +17,9 @@ using Steps = QList<Step>;
 
 constexpr int NoAcknowledgement = -1;
 
-const QString Here = QStringLiteral("127.0.0.2");
-const QString There = QStringLiteral("127.0.0.3");
-const QString Elsewhere = QStringLiteral("127.0.0.4");
+const QString Here = u"127.0.0.2"_s;
+const QString There = u"127.0.0.3"_s;
+const QString Elsewhere = u"127.0.0.4"_s;
 
 Step at(const QString &address, const Step &step, quint8 version = 3)
 {
@@ -54,24 +56,23 @@ Step registersBasic(const char *services = "0103")
 const Step Leaves = [](ScriptedRadio &radio) { radio.deregisters(); };
 const Step LeavesByAddress = [](ScriptedRadio &radio) { radio.deregistersByAddress(); };
 
-const QString Suid1 = QStringLiteral("{WACN: 0x12345, System: 0x678, Unit: 0x9ABC01}");
-const QString Suid2 = QStringLiteral("{WACN: 0x12345, System: 0x678, Unit: 0x9ABC02}");
-const QString NoSuid = QStringLiteral("{WACN: 0x0, System: 0x0, Unit: 0x0}");
+const QString Suid1 = u"{WACN: 0x12345, System: 0x678, Unit: 0x9ABC01}"_s;
+const QString Suid2 = u"{WACN: 0x12345, System: 0x678, Unit: 0x9ABC02}"_s;
+const QString NoSuid = u"{WACN: 0x0, System: 0x0, Unit: 0x0}"_s;
 
 QStringList registered(const QString &address, const QString &suid = Suid1)
 {
-    return {registeredText(QStringLiteral("01"), suid, address)};
+    return {registeredText(u"01"_s, suid, address)};
 }
 
 QStringList deregistered(const QString &address, const QString &suid = Suid1)
 {
-    return {deregisteredText(QStringLiteral("01"), suid, address)};
+    return {deregisteredText(u"01"_s, suid, address)};
 }
 
 QStringList unexpected(const QString &address)
 {
-    return {QStringLiteral("Radio 0011AABB22CC3301 deregistered from unexpected address %1 [ignored]")
-                .arg(address)};
+    return {u"Radio 0011AABB22CC3301 deregistered from unexpected address %1 [ignored]"_s.arg(address)};
 }
 
 } // namespace
@@ -285,11 +286,9 @@ private:
     static void deregistrationRows()
     {
         row("unknown leaves", {}, at(Here, Leaves),
-            {QStringLiteral("Unknown Radio 0011AABB22CC3301 deregistered [ignored]")}, "", NoAcknowledgement,
-            "gone", "");
+            {u"Unknown Radio 0011AABB22CC3301 deregistered [ignored]"_s}, "", NoAcknowledgement, "gone", "");
         row("leaves twice", {at(Here, confirms()), at(Here, Leaves)}, at(Here, Leaves),
-            {QStringLiteral("Unknown Radio 0011AABB22CC3301 deregistered [ignored]")}, "", NoAcknowledgement,
-            "gone", "");
+            {u"Unknown Radio 0011AABB22CC3301 deregistered [ignored]"_s}, "", NoAcknowledgement, "gone", "");
         row("confirmed, leaves", {at(Here, confirms())}, at(Here, Leaves), deregistered(Here),
             "confirmed 0.0.0.0 suid 123456789ABC01 services 1,3 state 0", NoAcknowledgement, "gone", "");
         row("confirmed, leaves elsewhere", {at(Here, confirms())}, at(There, Leaves), unexpected(There), "",

@@ -11,15 +11,16 @@
 #include <QTest>
 #include <QTimer>
 
+using namespace Qt::StringLiterals;
+
 namespace {
 
-const QString InvalidMessage = QStringLiteral("QMRS Protocol error: invalid message received (1)");
-const QString InvalidOpcodeForVersion =
-    QStringLiteral("QMRS Protocol error: invalid opcode for protocol version");
-const QString InvalidOpcode = QStringLiteral("QMRS Protocol error: invalid message (2)");
-const QString InvalidLength = QStringLiteral("Protocol error: invalid length");
-const QString CannotBind = QStringLiteral("Unable to bind registration socket");
-const QString WriteFailed = QStringLiteral("Network error: write message failed");
+const QString InvalidMessage = u"QMRS Protocol error: invalid message received (1)"_s;
+const QString InvalidOpcodeForVersion = u"QMRS Protocol error: invalid opcode for protocol version"_s;
+const QString InvalidOpcode = u"QMRS Protocol error: invalid message (2)"_s;
+const QString InvalidLength = u"Protocol error: invalid length"_s;
+const QString CannotBind = u"Unable to bind registration socket"_s;
+const QString WriteFailed = u"Network error: write message failed"_s;
 
 constexpr Scm::Dword NoId = 0;
 
@@ -238,8 +239,7 @@ private slots:
         QCOMPARE(server.log.takeMessages(), QStringList{InvalidOpcode});
         // Each of the others raises a notification of its own.
         QCOMPARE(server.log.takeMessagesOnce(2),
-                 (QStringList{QStringLiteral("Unknown Radio 0011AABB22CC3301 deregistered [ignored]"),
-                              InvalidMessage}));
+                 (QStringList{u"Unknown Radio 0011AABB22CC3301 deregistered [ignored]"_s, InvalidMessage}));
     }
 
     // Each bad datagram brings the next: the socket is never idle.
@@ -268,12 +268,11 @@ private slots:
         server->start();
         QCOMPARE(server.log.count(CannotBind), 1);
         QVERIFY(server.log.records().contains(RecordingLog::record(Scm::EventError, CannotBind)));
-        QVERIFY(server.log.records().last().message.startsWith(
-            QStringLiteral("Quill Mere 1.38.3.27\n Service started")));
+        QVERIFY(server.log.records().last().message.startsWith(u"Quill Mere 1.38.3.27\n Service started"_s));
         server.log.take();
 
         ScriptedApplication application(server.applicationPort());
-        QTRY_COMPARE(server.log.count(QStringLiteral("Application connected from 127.0.0.1")), 1);
+        QTRY_COMPARE(server.log.count(u"Application connected from 127.0.0.1"_s), 1);
         // It receives nothing, and can still send.
         ScriptedRadio radio(server.registrationPort(), 0x01);
         server->registerRadio(radio.esn, 3, radio.suid, radio.address(), radio.port(), false, {});
@@ -292,7 +291,7 @@ private slots:
         ScriptedRadio radio(server.registrationPort(), 0x01);
         server->registerRadio(radio.esn, 3, radio.suid, radio.address(), radio.port(), false, {});
         QUdpSocket observer;
-        QVERIFY(observer.bind(QHostAddress(QStringLiteral("127.0.0.3"))));
+        QVERIFY(observer.bind(QHostAddress(u"127.0.0.3"_s)));
         server->registerRadio(radio.esn, 3, radio.suid, observer.localAddress(), observer.localPort(), false,
                               {});
         QTRY_VERIFY(observer.hasPendingDatagrams());
@@ -301,7 +300,7 @@ private slots:
         QVERIFY(port != server.registrationPort());
         server.log.take();
 
-        ScriptedRadio other(static_cast<quint16>(port), 0x02, QStringLiteral("127.0.0.4"));
+        ScriptedRadio other(static_cast<quint16>(port), 0x02, u"127.0.0.4"_s);
         other.registers();
         other.sends("?");
         // What is sent later is dealt with later.
@@ -310,8 +309,7 @@ private slots:
         for (int i = 0; i < 100; ++i) {
             QCoreApplication::processEvents();
         }
-        QCOMPARE(server.log.takeMessages(),
-                 QStringList{QStringLiteral("Application connected from 127.0.0.1")});
+        QCOMPARE(server.log.takeMessages(), QStringList{u"Application connected from 127.0.0.1"_s});
         QVERIFY(!server->findRadio(other.esn));
         QVERIFY(!other.hasReceived());
     }
@@ -333,8 +331,7 @@ private slots:
         QCOMPARE(scene.server.log.take(),
                  (QList{RecordingLog::record(Scm::EventInformation, radio.registeredText()),
                         RecordingLog::record(Scm::EventError, WriteFailed)}));
-        QCOMPARE(scene.known(radio.esn),
-                 QStringLiteral("127.0.0.2 suid 123456789ABC01 services 1 version 3 state 3"));
+        QCOMPARE(scene.known(radio.esn), u"127.0.0.2 suid 123456789ABC01 services 1 version 3 state 3"_s);
         QCOMPARE(scene.stored().size(), 1);
     }
 

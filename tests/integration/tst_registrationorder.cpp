@@ -5,11 +5,13 @@
 
 #include <QTest>
 
+using namespace Qt::StringLiterals;
+
 namespace {
 
-const QString Here = QStringLiteral("127.0.0.2");
-const QString There = QStringLiteral("127.0.0.3");
-const QString WriteFailed = QStringLiteral("Network error: write message failed");
+const QString Here = u"127.0.0.2"_s;
+const QString There = u"127.0.0.3"_s;
+const QString WriteFailed = u"Network error: write message failed"_s;
 
 } // namespace
 
@@ -34,7 +36,7 @@ private slots:
         TestServer server;
         server.start();
         ScriptedApplication application(server.applicationPort());
-        QTRY_COMPARE(server.log.count(QStringLiteral("Application connected from 127.0.0.1")), 1);
+        QTRY_COMPARE(server.log.count(u"Application connected from 127.0.0.1"_s), 1);
         server.log.take();
         ScriptedRadio radio(server.registrationPort(), 0x01, Here);
         bool noticed = false;
@@ -65,12 +67,10 @@ private slots:
         radio.registers("\1");
         QVERIFY(radio.isAcknowledged());
         const qint64 sinceEpoch = -scene.server.clock.seconds();
-        QCOMPARE(atRecord, QStringList{QStringLiteral("01: 127.0.0.2 suid 123456789ABC01 services 1 "
-                                                      "version 3 state 0 heard %1")
-                                           .arg(sinceEpoch)});
+        QCOMPARE(atRecord, QStringList{u"01: 127.0.0.2 suid 123456789ABC01 services 1 "
+                                       "version 3 state 0 heard %1"_s.arg(sinceEpoch)});
         QCOMPARE(scene.stored(),
-                 QStringList{QStringLiteral(
-                     "01: 127.0.0.2 suid 123456789ABC01 services 1 version 3 state 3 heard 0")});
+                 QStringList{u"01: 127.0.0.2 suid 123456789ABC01 services 1 version 3 state 3 heard 0"_s});
     }
 
     void aKnownRadioIsLoggedBeforeItIsUpdated()
@@ -88,11 +88,10 @@ private slots:
         });
         radio.registers("\2");
         QVERIFY(radio.isAcknowledged());
-        QCOMPARE(atRecord, QStringList{QStringLiteral(
-                               "01: 127.0.0.2 suid 123456789ABC01 services 1 version 3 state 3 heard 0")});
+        QCOMPARE(atRecord,
+                 QStringList{u"01: 127.0.0.2 suid 123456789ABC01 services 1 version 3 state 3 heard 0"_s});
         QCOMPARE(scene.stored(),
-                 QStringList{QStringLiteral(
-                     "01: 127.0.0.3 suid 123456789ABC01 services 2 version 3 state 3 heard 0")});
+                 QStringList{u"01: 127.0.0.3 suid 123456789ABC01 services 2 version 3 state 3 heard 0"_s});
     }
 
     void aRadioThatLeavesIsLoggedBeforeItIsForgotten_data()
@@ -122,13 +121,12 @@ private slots:
         radio.deregisters();
         scene.settle();
         // A pending registration is off its queue before it is logged, and never stored.
-        QCOMPARE(atRecord,
-                 pending ? QStringLiteral("pending 127.0.0.2 suid 123456789ABC01 services 1 for 17 s; "
-                                          "in the wrong queue")
-                         : QStringLiteral("127.0.0.2 suid 123456789ABC01 services 1 version 3 state 3"));
+        QCOMPARE(atRecord, pending ? u"pending 127.0.0.2 suid 123456789ABC01 services 1 for 17 s; "
+                                     "in the wrong queue"_s
+                                   : u"127.0.0.2 suid 123456789ABC01 services 1 version 3 state 3"_s);
         QCOMPARE(rowsAtRecord, pending ? 0 : 1);
         QVERIFY(!queuedAtRecord);
-        QCOMPARE(scene.known(radio.esn), QStringLiteral("gone"));
+        QCOMPARE(scene.known(radio.esn), u"gone"_s);
         QCOMPARE(scene.stored(), QStringList());
     }
 
@@ -198,17 +196,17 @@ private slots:
         scene.restart();
         QCOMPARE(scene.server->findRadio(radio.esn)->address, QHostAddress(Here));
         QCOMPARE(scene.known(radio.esn),
-                 QStringLiteral("127.0.0.2 suid 123456789ABC01 services 1 version 3 state 2; searched for"));
+                 u"127.0.0.2 suid 123456789ABC01 services 1 version 3 state 2; searched for"_s);
 
         byAddress ? radio.deregistersByAddress() : radio.deregisters();
         const auto outcome = scene.settle();
         QCOMPARE(outcome.log, QStringList{radio.deregisteredText()});
         QCOMPARE(outcome.notices,
-                 QStringList{QStringLiteral("01: confirmed 0.0.0.0 suid 123456789ABC01 services 1 state 0")});
-        QCOMPARE(scene.known(radio.esn), QStringLiteral("gone"));
+                 QStringList{u"01: confirmed 0.0.0.0 suid 123456789ABC01 services 1 state 0"_s});
+        QCOMPARE(scene.known(radio.esn), u"gone"_s);
         QVERIFY(scene.server->dueForDiscovery().empty());
         scene.restart();
-        QCOMPARE(scene.known(radio.esn), QStringLiteral("gone"));
+        QCOMPARE(scene.known(radio.esn), u"gone"_s);
     }
 
     void aRegistrationEndsTheSearch_data()
@@ -232,18 +230,16 @@ private slots:
         radio.registers("\1");
         QVERIFY(radio.isAcknowledged());
         scene.server.query(
-            QStringLiteral("UPDATE subscribers SET num_discovery_attempts = 2, availability = %1")
-                .arg(storedAs));
+            u"UPDATE subscribers SET num_discovery_attempts = 2, availability = %1"_s.arg(storedAs));
         scene.server.clock.advance(silence);
         scene.restart();
-        QCOMPARE(scene.known(radio.esn),
-                 QStringLiteral("127.0.0.2 suid 123456789ABC01 services 1 version 3 state %1; searched for")
-                     .arg(availability));
+        QCOMPARE(
+            scene.known(radio.esn),
+            u"127.0.0.2 suid 123456789ABC01 services 1 version 3 state %1; searched for"_s.arg(availability));
 
         radio.registers("\1");
         QVERIFY(radio.isAcknowledged());
-        QCOMPARE(scene.known(radio.esn),
-                 QStringLiteral("127.0.0.2 suid 123456789ABC01 services 1 version 3 state 3"));
+        QCOMPARE(scene.known(radio.esn), u"127.0.0.2 suid 123456789ABC01 services 1 version 3 state 3"_s);
         QCOMPARE(scene.server->findRadio(radio.esn)->discoveryAttempts, quint16{0});
         QCOMPARE(scene.server->findRadio(radio.esn)->lastContactTime, scene.server.clock.now());
     }
@@ -253,11 +249,11 @@ private slots:
         const QMR::Esn esn{{0x00, 0x11, 0xAA, 0xBB, 0x22, 0xCC, 0x33, 0xDD}};
         const QString joined = QMR::Quillmere::esnText(esn);
         const QString separated = QMR::Quillmere::esnText(esn, true);
-        QCOMPARE(joined, QStringLiteral("0011AABB22CC33DD"));
-        QCOMPARE(separated, QStringLiteral("00:11:AA:BB:22:CC:33:DD"));
+        QCOMPARE(joined, u"0011AABB22CC33DD"_s);
+        QCOMPARE(separated, u"00:11:AA:BB:22:CC:33:DD"_s);
         QVERIFY(QMR::Quillmere::esnText(esn).isSharedWith(joined));
         QVERIFY(QMR::Quillmere::esnText(esn, true).isSharedWith(separated));
-        QCOMPARE(QMR::Quillmere::esnText(QMR::Esn{}), QStringLiteral("0000000000000000"));
+        QCOMPARE(QMR::Quillmere::esnText(QMR::Esn{}), u"0000000000000000"_s);
     }
 
     void esnTextsAreForgottenWithTheirRadio_data()

@@ -7,6 +7,8 @@
 
 #include <memory>
 
+using namespace Qt::StringLiterals;
+
 // A data folder of this test's own, found by the server while the object lives: empty at first, gone
 // afterwards.
 class DataFolder
@@ -18,7 +20,7 @@ public:
 
     // Where the server's configuration and database lie, "…/Brackwater/Quill Mere".
     QString path() const;
-    QString databaseFile() const { return path() + QStringLiteral("/qmr.db"); }
+    QString databaseFile() const { return path() + u"/qmr.db"_s; }
     void writeConfiguration(const QByteArray &content) const;
 
 private:

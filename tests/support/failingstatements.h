@@ -10,6 +10,8 @@
 
 #include <limits>
 
+using namespace Qt::StringLiterals;
+
 // From one moment on, in the middle of a transaction too, the server's statements of a kind about radios'
 // rows fail with a result code of SQLite's, all of them or the first few.
 class FailingStatements
@@ -24,11 +26,10 @@ public:
     // kind: "UPDATE", say. What the trigger would do is only prepared, which is what fails.
     void begin(const QString &kind) const
     {
-        run(QStringLiteral("CREATE TEMP TRIGGER failing BEFORE %1 ON subscribers WHEN 0 "
-                           "BEGIN SELECT * FROM failing; END")
-                .arg(kind));
+        run(u"CREATE TEMP TRIGGER failing BEFORE %1 ON subscribers WHEN 0 "
+            "BEGIN SELECT * FROM failing; END"_s.arg(kind));
     }
-    void end() const { run(QStringLiteral("DROP TRIGGER IF EXISTS failing")); }
+    void end() const { run(u"DROP TRIGGER IF EXISTS failing"_s); }
 
 private:
     void run(const QString &statement) const { runSql(connection, statement); }

@@ -8,20 +8,22 @@
 #include <QSqlDatabase>
 #include <QSqlQuery>
 
+using namespace Qt::StringLiterals;
+
 // Another process's connection to the database. One at a time; what it has open is rolled back with it.
 class OtherConnection
 {
 public:
     explicit OtherConnection(const TestServer &server)
     {
-        database = QSqlDatabase::addDatabase(QStringLiteral("QSQLITE"), QStringLiteral("other"));
+        database = QSqlDatabase::addDatabase(u"QSQLITE"_s, u"other"_s);
         database.setDatabaseName(server.folder.databaseFile());
         database.open();
     }
     ~OtherConnection()
     {
         database = QSqlDatabase();
-        QSqlDatabase::removeDatabase(QStringLiteral("other"));
+        QSqlDatabase::removeDatabase(u"other"_s);
     }
     Q_DISABLE_COPY_MOVE(OtherConnection)
 

@@ -5,14 +5,16 @@
 
 #include <QTest>
 
+using namespace Qt::StringLiterals;
+
 namespace {
 
 constexpr quint8 WitnessSerial = 0xFE;
 const QString AllRows =
-    QStringLiteral("SELECT hex(substr(esn, 8)), ip_address, hex(suid), "
-                   "(SELECT group_concat(service) FROM (SELECT service FROM supported_services "
-                   "WHERE subscriber_id = subscribers.id ORDER BY rowid)), protocol_version, availability, "
-                   "last_contact_time FROM subscribers WHERE hex(substr(esn, 8)) <> 'FE' ORDER BY esn");
+    u"SELECT hex(substr(esn, 8)), ip_address, hex(suid), "
+    "(SELECT group_concat(service) FROM (SELECT service FROM supported_services "
+    "WHERE subscriber_id = subscribers.id ORDER BY rowid)), protocol_version, availability, "
+    "last_contact_time FROM subscribers WHERE hex(substr(esn, 8)) <> 'FE' ORDER BY esn"_s;
 
 template<size_t Size>
 QString hex(const std::array<quint8, Size> &bytes)
@@ -33,18 +35,16 @@ QString codes(const List &services)
 
 QString noticeText(const Notice &notice)
 {
-    return QStringLiteral("%1: %2 %3 suid %4 services %5 state %6")
-        .arg(hex(notice.esn.bytes).last(2),
-             notice.pending ? QStringLiteral("pending") : QStringLiteral("confirmed"),
-             QHostAddress(notice.address).toString(), hex(notice.suid.bytes), codes(notice.services),
-             QString::number(notice.availability));
+    return u"%1: %2 %3 suid %4 services %5 state %6"_s.arg(
+        hex(notice.esn.bytes).last(2), notice.pending ? u"pending"_s : u"confirmed"_s,
+        QHostAddress(notice.address).toString(), hex(notice.suid.bytes), codes(notice.services),
+        QString::number(notice.availability));
 }
 
 } // namespace
 
 RegistrationScene::RegistrationScene()
-    : begin(server.clock.seconds()),
-      witness(server.registrationPort(), WitnessSerial, QStringLiteral("127.0.0.250"))
+    : begin(server.clock.seconds()), witness(server.registrationPort(), WitnessSerial, u"127.0.0.250"_s)
 {
     server.start();
     connectApplication();
@@ -54,7 +54,7 @@ RegistrationScene::RegistrationScene()
 void RegistrationScene::connectApplication()
 {
     application = std::make_unique<ScriptedApplication>(server.applicationPort());
-    const QString connected = QStringLiteral("Application connected from 127.0.0.1");
+    const QString connected = u"Application connected from 127.0.0.1"_s;
     if (!QTest::qWaitFor([&] { return server.log.count(connected) == 1; })) {
         qFatal("the application is not served");
     }
@@ -97,31 +97,29 @@ QString RegistrationScene::known(const QMR::Esn &esn) const
 {
     const QMR::RadioPointer radio = server->findRadio(esn);
     if (!radio) {
-        return QStringLiteral("gone");
+        return u"gone"_s;
     }
     QStringList texts;
     if (!radio->address.isNull()) {
-        texts.append(QStringLiteral("%1 suid %2 services %3 version %4 state %5")
-                         .arg(radio->address.toString(), hex(radio->suid.bytes),
-                              codes(radio->supportedServices), QString::number(radio->protocolVersion),
-                              QString::number(radio->availability)));
+        texts.append(u"%1 suid %2 services %3 version %4 state %5"_s.arg(
+            radio->address.toString(), hex(radio->suid.bytes), codes(radio->supportedServices),
+            QString::number(radio->protocolVersion), QString::number(radio->availability)));
     }
     if (!radio->pendingAddress.isNull()) {
-        texts.append(QStringLiteral("pending %1 suid %2 services %3 for %4 s")
-                         .arg(radio->pendingAddress.toString(), hex(radio->pendingSuid.bytes),
-                              codes(radio->pendingServices),
-                              QString::number(server.clock.now().secsTo(radio->pendingDeadline))));
+        texts.append(u"pending %1 suid %2 services %3 for %4 s"_s.arg(
+            radio->pendingAddress.toString(), hex(radio->pendingSuid.bytes), codes(radio->pendingServices),
+            QString::number(server.clock.now().secsTo(radio->pendingDeadline))));
     }
     const auto isIn = [&radio](const auto &queue) {
         return std::find(queue.begin(), queue.end(), radio) != queue.end();
     };
     if (isIn(server->dueForDiscovery())) {
-        texts.append(QStringLiteral("searched for"));
+        texts.append(u"searched for"_s);
     }
     if (isIn(server->awaitingConfirmation()) == radio->pendingAddress.isNull()) {
-        texts.append(QStringLiteral("in the wrong queue"));
+        texts.append(u"in the wrong queue"_s);
     }
-    return texts.join(QStringLiteral("; "));
+    return texts.join(u"; "_s);
 }
 
 QStringList RegistrationScene::stored() const
@@ -138,22 +136,20 @@ QStringList RegistrationScene::textOf(const QList<QVariantList> &rows) const
 {
     QStringList texts;
     for (const QVariantList &row : rows) {
-        texts.append(QStringLiteral("%1: %2 suid %3 services %4 version %5 state %6 heard %7")
-                         .arg(row[0].toString(), QHostAddress(row[1].toUInt()).toString(), row[2].toString(),
-                              row[3].toString(), row[4].toString(), row[5].toString(),
-                              QString::number(row[6].toLongLong() - begin)));
+        texts.append(u"%1: %2 suid %3 services %4 version %5 state %6 heard %7"_s.arg(
+            row[0].toString(), QHostAddress(row[1].toUInt()).toString(), row[2].toString(), row[3].toString(),
+            row[4].toString(), row[5].toString(), QString::number(row[6].toLongLong() - begin)));
     }
     return texts;
 }
 
 QString registeredText(const QString &serial, const QString &suidText, const QString &address)
 {
-    return QStringLiteral("Radio 0011AABB22CC33%1 with SUID %2 registered with address %3")
-        .arg(serial, suidText, address);
+    return u"Radio 0011AABB22CC33%1 with SUID %2 registered with address %3"_s.arg(serial, suidText, address);
 }
 
 QString deregisteredText(const QString &serial, const QString &suidText, const QString &address)
 {
-    return QStringLiteral("Radio 0011AABB22CC33%1 with SUID %2 deregistered from address %3")
-        .arg(serial, suidText, address);
+    return u"Radio 0011AABB22CC33%1 with SUID %2 deregistered from address %3"_s.arg(serial, suidText,
+                                                                                     address);
 }

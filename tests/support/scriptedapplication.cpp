@@ -7,6 +7,8 @@
 
 #include <algorithm>
 
+using namespace Qt::StringLiterals;
+
 namespace {
 
 constexpr qsizetype HeaderSize = 8;
@@ -29,7 +31,7 @@ quint8 at(const QByteArray &bytes, qsizetype offset)
 
 char *toString(const Notice &notice)
 {
-    const QString text = QStringLiteral("%1 %2 pending %3 address %4 availability %5 services %6")
+    const QString text = u"%1 %2 pending %3 address %4 availability %5 services %6"_s
                              .arg(notice.esn.text(), notice.suid.text())
                              .arg(notice.pending)
                              .arg(QHostAddress(notice.address).toString())

@@ -6,6 +6,8 @@
 #include <QNetworkDatagram>
 #include <QTest>
 
+using namespace Qt::StringLiterals;
+
 ScriptedRadio::ScriptedRadio(quint16 port, quint8 serial, const QString &address) : serverPort(port)
 {
     esn.bytes = {0x00, 0x11, 0xAA, 0xBB, 0x22, 0xCC, 0x33, serial};
@@ -15,14 +17,14 @@ ScriptedRadio::ScriptedRadio(quint16 port, quint8 serial, const QString &address
 
 QString ScriptedRadio::registeredText() const
 {
-    return QStringLiteral("Radio %1 with SUID %2 registered with address %3")
-        .arg(esnText(), suidText(), address().toString());
+    return u"Radio %1 with SUID %2 registered with address %3"_s.arg(esnText(), suidText(),
+                                                                     address().toString());
 }
 
 QString ScriptedRadio::deregisteredText() const
 {
-    return QStringLiteral("Radio %1 with SUID %2 deregistered from address %3")
-        .arg(esnText(), suidText(), address().toString());
+    return u"Radio %1 with SUID %2 deregistered from address %3"_s.arg(esnText(), suidText(),
+                                                                       address().toString());
 }
 
 void ScriptedRadio::movesTo(const QString &address)

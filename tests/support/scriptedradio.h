@@ -8,13 +8,15 @@
 #include <QHostAddress>
 #include <QUdpSocket>
 
+using namespace Qt::StringLiterals;
+
 // One radio at a loopback address of its own, speaking to a server in this process or another. It writes its
 // datagrams byte by byte, so that a scenario does not rest on the codec it tests.
 class ScriptedRadio
 {
 public:
     // serial: the last byte of its ESN and of its SUID. address: its own.
-    ScriptedRadio(quint16 serverPort, quint8 serial, const QString &address = QStringLiteral("127.0.0.2"));
+    ScriptedRadio(quint16 serverPort, quint8 serial, const QString &address = u"127.0.0.2"_s);
 
     QMR::Esn esn;
     QMR::Suid suid;

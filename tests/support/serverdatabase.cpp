@@ -11,6 +11,8 @@
 
 #include <utility>
 
+using namespace Qt::StringLiterals;
+
 namespace {
 
 QSqlDatabase defaultConnection()
@@ -33,7 +35,7 @@ StatementTrace::Observer &observing()
 int keepStatement(unsigned, void *, void *, void *text)
 {
     const QString statement = QString::fromUtf8(static_cast<const char *>(text));
-    if (!statement.startsWith(QStringLiteral("--"))) {
+    if (!statement.startsWith(u"--"_s)) {
         traced().append(statement);
         if (observing()) {
             observing()(statement);

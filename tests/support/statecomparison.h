@@ -11,6 +11,8 @@
 #include <map>
 #include <memory>
 
+using namespace Qt::StringLiterals;
+
 struct sqlite3;
 struct sqlite3_stmt;
 
@@ -58,5 +60,5 @@ QString linesOf(const QList<Value> &values)
         const std::unique_ptr<char[]> text(toString(value));
         texts.append(QString::fromUtf8(text.get()));
     }
-    return texts.join(QStringLiteral("\n    "));
+    return texts.join(u"\n    "_s);
 }

@@ -9,6 +9,8 @@
 #include <QList>
 #include <QString>
 
+using namespace Qt::StringLiterals;
+
 // A row of the database as an earlier run of the server may have left it, for the ESN and the SUID that a
 // ScriptedRadio of the same serial has. Times in seconds since 1970.
 struct SupervisedRadio
@@ -18,7 +20,7 @@ struct SupervisedRadio
     qint64 lastContact = 0;
     qint64 lastDiscovery = 0;
     int attempts = 0;
-    QString address = QStringLiteral("127.0.0.2");
+    QString address = u"127.0.0.2"_s;
 };
 
 // Starts the server on a database that holds these radios.

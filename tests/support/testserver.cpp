@@ -11,6 +11,8 @@
 #include <QTimerEvent>
 #include <QUdpSocket>
 
+using namespace Qt::StringLiterals;
+
 namespace {
 
 char programName[] = "quillmere";
@@ -117,10 +119,10 @@ quint16 freeTcpPort()
 
 QList<QVariantList> runSql(const QString &databaseFile, const QString &statement)
 {
-    const QString connection = QStringLiteral("test");
+    const QString connection = u"test"_s;
     QList<QVariantList> rows;
     {
-        QSqlDatabase database = QSqlDatabase::addDatabase(QStringLiteral("QSQLITE"), connection);
+        QSqlDatabase database = QSqlDatabase::addDatabase(u"QSQLITE"_s, connection);
         database.setDatabaseName(databaseFile);
         if (!database.open()) {
             qFatal("cannot open %s", qPrintable(databaseFile));

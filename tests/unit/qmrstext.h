@@ -9,13 +9,15 @@
 #include <QString>
 #include <QStringList>
 
+using namespace Qt::StringLiterals;
+
 namespace QmrsText {
 
-inline const QString InvalidHeader = QStringLiteral("invalid header");
-inline const QString InvalidOpcodeForVersion = QStringLiteral("invalid opcode for version");
-inline const QString InvalidOpcode = QStringLiteral("invalid opcode");
-inline const QString InvalidDeregistrationLength = QStringLiteral("invalid deregistration length");
-inline const QString InvalidRegistrationLength = QStringLiteral("invalid registration length");
+inline const QString InvalidHeader = u"invalid header"_s;
+inline const QString InvalidOpcodeForVersion = u"invalid opcode for version"_s;
+inline const QString InvalidOpcode = u"invalid opcode"_s;
+inline const QString InvalidDeregistrationLength = u"invalid deregistration length"_s;
+inline const QString InvalidRegistrationLength = u"invalid registration length"_s;
 
 template<size_t Size>
 QString hex(const std::array<quint8, Size> &bytes)
@@ -30,16 +32,13 @@ inline QString registration(const QString &esn, quint32 version, const QString &
     for (const quint32 service : services) {
         codes.append(QString::number(service));
     }
-    return QStringLiteral("registers %1 version %2 suid %3 %4 services [%5]")
-        .arg(esn)
-        .arg(version)
-        .arg(suid, pending ? QStringLiteral("pending") : QStringLiteral("confirmed"),
-             codes.join(QLatin1Char(',')));
+    return u"registers %1 version %2 suid %3 %4 services [%5]"_s.arg(esn).arg(version).arg(
+        suid, pending ? u"pending"_s : u"confirmed"_s, codes.join(QLatin1Char(',')));
 }
 
 inline QString deregistration(const QString &esn)
 {
-    return QStringLiteral("deregisters %1").arg(esn);
+    return u"deregisters %1"_s.arg(esn);
 }
 
 inline QString decoded(const QByteArray &datagram)

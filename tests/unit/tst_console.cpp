@@ -7,6 +7,8 @@
 
 #include <limits>
 
+using namespace Qt::StringLiterals;
+
 using namespace Console;
 
 // Each row: a text, and the value's own text; empty for a text that is refused.
@@ -56,8 +58,7 @@ private slots:
     void numberHasOnlyDigitsAndIsInRange()
     {
         check([](const QString &text) { return parseNumber(text, 5, 10); },
-              [](quint64 value) { return QString::number(value); },
-              QStringLiteral("'%1' is not a number from 5 to 10"));
+              [](quint64 value) { return QString::number(value); }, u"'%1' is not a number from 5 to 10"_s);
     }
 
     void portIsFrom1To65535_data()
@@ -68,7 +69,7 @@ private slots:
     {
         check(
             parsePort, [](quint16 port) { return QString::number(port); },
-            QStringLiteral("'%1' is not a port (1 to 65535)"));
+            u"'%1' is not a port (1 to 65535)"_s);
     }
 
     void addressIsADottedQuad_data()
@@ -90,25 +91,21 @@ private slots:
     {
         check(
             parseAddress, [](const QHostAddress &address) { return address.toString(); },
-            QStringLiteral("'%1' is not an IPv4 address"));
+            u"'%1' is not an IPv4 address"_s);
     }
 
     void endpointHasADefaultPort()
     {
-        QCOMPARE((*parseEndpoint(QStringLiteral("10.0.0.1"))).text(), QStringLiteral("10.0.0.1:9361"));
-        QCOMPARE((*parseEndpoint(QStringLiteral("10.0.0.1"), 7)).text(), QStringLiteral("10.0.0.1:7"));
-        QCOMPARE((*parseEndpoint(QStringLiteral("10.0.0.1:80"))).text(), QStringLiteral("10.0.0.1:80"));
+        QCOMPARE((*parseEndpoint(u"10.0.0.1"_s)).text(), u"10.0.0.1:9361"_s);
+        QCOMPARE((*parseEndpoint(u"10.0.0.1"_s, 7)).text(), u"10.0.0.1:7"_s);
+        QCOMPARE((*parseEndpoint(u"10.0.0.1:80"_s)).text(), u"10.0.0.1:80"_s);
     }
     void endpointTellsWhichPartIsWrong()
     {
-        QCOMPARE(parseEndpoint(QStringLiteral("10.0.0:80")).error,
-                 QStringLiteral("'10.0.0' is not an IPv4 address"));
-        QCOMPARE(parseEndpoint(QStringLiteral("10.0.0.1:0")).error,
-                 QStringLiteral("'0' is not a port (1 to 65535)"));
-        QCOMPARE(parseEndpoint(QStringLiteral("10.0.0.1:")).error,
-                 QStringLiteral("'' is not a port (1 to 65535)"));
-        QCOMPARE(parseEndpoint(QStringLiteral("10.0.0.1:80:80")).error,
-                 QStringLiteral("'80:80' is not a port (1 to 65535)"));
+        QCOMPARE(parseEndpoint(u"10.0.0:80"_s).error, u"'10.0.0' is not an IPv4 address"_s);
+        QCOMPARE(parseEndpoint(u"10.0.0.1:0"_s).error, u"'0' is not a port (1 to 65535)"_s);
+        QCOMPARE(parseEndpoint(u"10.0.0.1:"_s).error, u"'' is not a port (1 to 65535)"_s);
+        QCOMPARE(parseEndpoint(u"10.0.0.1:80:80"_s).error, u"'80:80' is not a port (1 to 65535)"_s);
     }
 
     void secondsAreMilliseconds_data()
@@ -134,7 +131,7 @@ private slots:
     {
         check(
             parseSeconds, [](qint64 value) { return QString::number(value); },
-            QStringLiteral("'%1' is not a number of seconds (0.001 to 31536000)"));
+            u"'%1' is not a number of seconds (0.001 to 31536000)"_s);
     }
 
     void esnIs16DigitsOr8Pairs_data()
@@ -155,43 +152,42 @@ private slots:
     {
         check(
             parseEsn, [](const QMR::Esn &esn) { return esn.text(); },
-            QStringLiteral("'%1' is not an ESN (16 hexadecimal digits, or 8 pairs with ':' between)"));
+            u"'%1' is not an ESN (16 hexadecimal digits, or 8 pairs with ':' between)"_s);
     }
 
     void suidIsPackedMostSignificantFirst()
     {
         const QMR::Suid expected{{0x12, 0x34, 0x56, 0x78, 0x9A, 0xBC, 0xDE}};
-        QCOMPARE((*parseSuid(QStringLiteral("12345.678.9ABCDE"))).text(), expected.text());
-        QVERIFY(*parseSuid(QStringLiteral("12345.678.9abcde")) == expected);
-        QVERIFY(*parseSuid(QStringLiteral("0.0.0")) == QMR::Suid{});
-        QVERIFY(*parseSuid(QStringLiteral("FFFFF.FFF.FFFFFF")) ==
-                (QMR::Suid{{0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF}}));
-        QCOMPARE(suidText(expected), QStringLiteral("12345.678.9ABCDE"));
-        QCOMPARE(suidText(QMR::Suid{{0, 0, 0x10, 0x02, 0, 0, 0x0F}}), QStringLiteral("00001.002.00000F"));
+        QCOMPARE((*parseSuid(u"12345.678.9ABCDE"_s)).text(), expected.text());
+        QVERIFY(*parseSuid(u"12345.678.9abcde"_s) == expected);
+        QVERIFY(*parseSuid(u"0.0.0"_s) == QMR::Suid{});
+        QVERIFY(*parseSuid(u"FFFFF.FFF.FFFFFF"_s) == (QMR::Suid{{0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF}}));
+        QCOMPARE(suidText(expected), u"12345.678.9ABCDE"_s);
+        QCOMPARE(suidText(QMR::Suid{{0, 0, 0x10, 0x02, 0, 0, 0x0F}}), u"00001.002.00000F"_s);
     }
 
     void suidTellsWhichFieldIsWrong_data()
     {
         QTest::addColumn<QString>("text");
         QTest::addColumn<QString>("reason");
-        const QString form = QStringLiteral("it is WACN.System.Unit, as in 12345.678.9ABCDE");
-        const QString wacn = QStringLiteral("the WACN is a hexadecimal number from 0 to FFFFF");
-        const QString system = QStringLiteral("the System is a hexadecimal number from 0 to FFF");
-        const QString unit = QStringLiteral("the Unit is a hexadecimal number from 0 to FFFFFF");
-        QTest::newRow("one field") << QStringLiteral("123456789ABCDE") << form;
-        QTest::newRow("four fields") << QStringLiteral("1.2.3.4") << form;
-        QTest::newRow("WACN 21 bits") << QStringLiteral("100000.1.1") << wacn;
-        QTest::newRow("WACN 36 bits") << QStringLiteral("100000001.1.1") << wacn;
-        QTest::newRow("System 13 bits") << QStringLiteral("1.1000.1") << system;
-        QTest::newRow("System empty") << QStringLiteral("1..1") << system;
-        QTest::newRow("Unit 25 bits") << QStringLiteral("1.1.1000000") << unit;
-        QTest::newRow("Unit not hexadecimal") << QStringLiteral("1.1.-1") << unit;
+        const QString form = u"it is WACN.System.Unit, as in 12345.678.9ABCDE"_s;
+        const QString wacn = u"the WACN is a hexadecimal number from 0 to FFFFF"_s;
+        const QString system = u"the System is a hexadecimal number from 0 to FFF"_s;
+        const QString unit = u"the Unit is a hexadecimal number from 0 to FFFFFF"_s;
+        QTest::newRow("one field") << u"123456789ABCDE"_s << form;
+        QTest::newRow("four fields") << u"1.2.3.4"_s << form;
+        QTest::newRow("WACN 21 bits") << u"100000.1.1"_s << wacn;
+        QTest::newRow("WACN 36 bits") << u"100000001.1.1"_s << wacn;
+        QTest::newRow("System 13 bits") << u"1.1000.1"_s << system;
+        QTest::newRow("System empty") << u"1..1"_s << system;
+        QTest::newRow("Unit 25 bits") << u"1.1.1000000"_s << unit;
+        QTest::newRow("Unit not hexadecimal") << u"1.1.-1"_s << unit;
     }
     void suidTellsWhichFieldIsWrong()
     {
         QFETCH(QString, text);
         QFETCH(QString, reason);
-        QCOMPARE(parseSuid(text).error, QStringLiteral("'%1' is not a SUID: %2").arg(text, reason));
+        QCOMPARE(parseSuid(text).error, u"'%1' is not a SUID: %2"_s.arg(text, reason));
     }
 };
 

@@ -5,6 +5,8 @@
 
 #include <QTest>
 
+using namespace Qt::StringLiterals;
+
 using QMR::Esn;
 using QMR::Suid;
 
@@ -16,8 +18,8 @@ private slots:
     void esnTextRunsTogetherOrSeparated()
     {
         const Esn esn{{0x00, 0x11, 0xAA, 0xBB, 0x22, 0xCC, 0x33, 0xDD}};
-        QCOMPARE(esn.text(), QStringLiteral("0011AABB22CC33DD"));
-        QCOMPARE(esn.text(true), QStringLiteral("00:11:AA:BB:22:CC:33:DD"));
+        QCOMPARE(esn.text(), u"0011AABB22CC33DD"_s);
+        QCOMPARE(esn.text(true), u"00:11:AA:BB:22:CC:33:DD"_s);
     }
 
     void suidTextShowsItsThreeFields()
@@ -26,14 +28,14 @@ private slots:
         QCOMPARE(suid.wacn(), 0x12345U);
         QCOMPARE(suid.system(), 0x678U);
         QCOMPARE(suid.unit(), 0x9ABCDEU);
-        QCOMPARE(suid.text(), QStringLiteral("{WACN: 0x12345, System: 0x678, Unit: 0x9ABCDE}"));
+        QCOMPARE(suid.text(), u"{WACN: 0x12345, System: 0x678, Unit: 0x9ABCDE}"_s);
     }
 
     void suidTextHasNoLeadingZeros()
     {
-        QCOMPARE(Suid{}.text(), QStringLiteral("{WACN: 0x0, System: 0x0, Unit: 0x0}"));
+        QCOMPARE(Suid{}.text(), u"{WACN: 0x0, System: 0x0, Unit: 0x0}"_s);
         const Suid suid{{0x00, 0x00, 0x10, 0x02, 0x00, 0x00, 0x0F}};
-        QCOMPARE(suid.text(), QStringLiteral("{WACN: 0x1, System: 0x2, Unit: 0xF}"));
+        QCOMPARE(suid.text(), u"{WACN: 0x1, System: 0x2, Unit: 0xF}"_s);
     }
 
     void esnsCompareByteWise()

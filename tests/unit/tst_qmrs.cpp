@@ -5,6 +5,8 @@
 
 #include <QTest>
 
+using namespace Qt::StringLiterals;
+
 using namespace QmrsText;
 
 namespace {
@@ -21,9 +23,9 @@ const QByteArray ExtendedPending =
 const QByteArray ExtendedWithoutEsn =
     QByteArray::fromHex("514d5253 02 0000000000000000 05 0900 0123456789abcd 00 00");
 
-const QString Esn = QStringLiteral("0011aabb22cc33dd");
-const QString Suid = QStringLiteral("123456789abcde");
-const QString NoSuid = QStringLiteral("00000000000000");
+const QString Esn = u"0011aabb22cc33dd"_s;
+const QString Suid = u"123456789abcde"_s;
+const QString NoSuid = u"00000000000000"_s;
 
 QByteArray with(QByteArray datagram, qsizetype offset, int value)
 {
@@ -57,7 +59,7 @@ private slots:
             << with(Basic, 4, 3) << registration(Esn, 1, NoSuid, false, {1, 2, 3});
         QTest::newRow("basic, all-zero ESN stays")
             << QByteArray::fromHex("514d5253 01 0000000000000000 01 0100 00")
-            << registration(QStringLiteral("0000000000000000"), 1, NoSuid, false, {});
+            << registration(u"0000000000000000"_s, 1, NoSuid, false, {});
         QTest::newRow("extended registration") << Extended << registration(Esn, 3, Suid, false, {3, 2});
         QTest::newRow("extended, pending") << ExtendedPending << registration(Esn, 3, Suid, true, {});
         QTest::newRow("extended, pending byte 2")
@@ -67,20 +69,17 @@ private slots:
         QTest::newRow("extended version 2 is never pending")
             << with(ExtendedPending, 4, 2) << registration(Esn, 2, Suid, false, {});
         QTest::newRow("extended without an ESN gets one from its SUID")
-            << ExtendedWithoutEsn
-            << registration(QStringLiteral("f10123456789abcd"), 2, QStringLiteral("0123456789abcd"), false,
-                            {});
+            << ExtendedWithoutEsn << registration(u"f10123456789abcd"_s, 2, u"0123456789abcd"_s, false, {});
         QTest::newRow("extended, neither ESN nor SUID")
             << QByteArray::fromHex("514d5253 03 0000000000000000 05 0900 00000000000000 00 00")
-            << registration(QStringLiteral("f100000000000000"), 3, NoSuid, false, {});
+            << registration(u"f100000000000000"_s, 3, NoSuid, false, {});
         QTest::newRow("extended, one ESN bit set is an ESN")
             << QByteArray::fromHex("514d5253 03 0000000000000001 05 0900 0123456789abcd 00 00")
-            << registration(QStringLiteral("0000000000000001"), 3, QStringLiteral("0123456789abcd"), false,
-                            {});
+            << registration(u"0000000000000001"_s, 3, u"0123456789abcd"_s, false, {});
         QTest::newRow("deregistration") << Deregistration << deregistration(Esn);
         QTest::newRow("deregistration, version 1") << with(Deregistration, 4, 1) << deregistration(Esn);
         QTest::newRow("deregistration by address")
-            << DeregistrationByAddress << deregistration(QStringLiteral("0000000000000000"));
+            << DeregistrationByAddress << deregistration(u"0000000000000000"_s);
     }
 
     void decodes()

@@ -8,6 +8,8 @@
 
 #include <random>
 
+using namespace Qt::StringLiterals;
+
 using namespace QmrsText;
 
 namespace {
@@ -135,8 +137,7 @@ private slots:
             const QByteArray datagram = source.next();
             const QString expected = meaningOf(datagram);
             if (decoded(datagram) != expected) {
-                QFAIL(qPrintable(
-                    QStringLiteral("%1: %2 is not %3").arg(hexOf(datagram), decoded(datagram), expected)));
+                QFAIL(qPrintable(u"%1: %2 is not %3"_s.arg(hexOf(datagram), decoded(datagram), expected)));
             }
             ++kinds[expected.section(QLatin1Char(' '), 0, expected.startsWith(u"invalid") ? -1 : 0)];
         }

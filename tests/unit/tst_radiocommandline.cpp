@@ -6,6 +6,8 @@
 
 #include <QTest>
 
+using namespace Qt::StringLiterals;
+
 using RadioTool::Command;
 using RadioTool::CommandLine;
 using RadioTool::Settings;
@@ -32,7 +34,7 @@ private slots:
     {
         const Settings settings = accepted("register --suid 12345.678.9ABCDE");
         QCOMPARE(settings.command, Command::Register);
-        QCOMPARE(settings.server.text(), QStringLiteral("127.0.0.1:9361"));
+        QCOMPARE(settings.server.text(), u"127.0.0.1:9361"_s);
         QVERIFY(settings.radio.esn.isZero());
         QCOMPARE(int{settings.radio.protocolVersion}, 3);
         QVERIFY(settings.radio.services.empty());
@@ -48,12 +50,12 @@ private slots:
             accepted("register --server 10.0.0.1:99 --esn 00:11:AA:BB:22:CC:33:DD --suid 12345.678.9ABCDE "
                      "--services 1,3,255,0 --protocol 3 --pending --from 127.0.0.2 --stay 2.5 "
                      "--listen-port 77 --timeout 300 --retries 2 --json");
-        QCOMPARE(settings.server.text(), QStringLiteral("10.0.0.1:99"));
-        QCOMPARE(settings.radio.esn.text(), QStringLiteral("0011AABB22CC33DD"));
+        QCOMPARE(settings.server.text(), u"10.0.0.1:99"_s);
+        QCOMPARE(settings.radio.esn.text(), u"0011AABB22CC33DD"_s);
         QCOMPARE(settings.radio.suid.unit(), 0x9ABCDEU);
         QVERIFY((settings.radio.services == QMR::ServiceList{1, 3, 255, 0}));
         QVERIFY(settings.radio.pending && settings.json && settings.stay);
-        QCOMPARE(settings.from->toString(), QStringLiteral("127.0.0.2"));
+        QCOMPARE(settings.from->toString(), u"127.0.0.2"_s);
         QCOMPARE(settings.stayTime, 2500);
         QCOMPARE(*settings.listenPort, quint16{77});
         QCOMPARE(settings.timeout, 300);
@@ -77,8 +79,7 @@ private slots:
 
     void deregisterIsByEsnOrByAddress()
     {
-        QCOMPARE(accepted("deregister --esn 0011AABB22CC33DD").radio.esn.text(),
-                 QStringLiteral("0011AABB22CC33DD"));
+        QCOMPARE(accepted("deregister --esn 0011AABB22CC33DD").radio.esn.text(), u"0011AABB22CC33DD"_s);
         QVERIFY(accepted("deregister --by-address").radio.esn.isZero());
     }
 
@@ -112,8 +113,8 @@ private slots:
         first.esn.bytes = {0, 0, 0, 0, 0, 0, 0, 0xFF};
         first.suid.bytes = {0x12, 0x34, 0x56, 0x78, 0, 0xFF, 0xFF};
         const RadioTool::Identity second = RadioTool::fleetMember(first, 0, 1);
-        QCOMPARE(second.esn.text(), QStringLiteral("0000000000000100"));
-        QCOMPARE(second.suid.text(), QStringLiteral("{WACN: 0x12345, System: 0x678, Unit: 0x10000}"));
+        QCOMPARE(second.esn.text(), u"0000000000000100"_s);
+        QCOMPARE(second.suid.text(), u"{WACN: 0x12345, System: 0x678, Unit: 0x10000}"_s);
         QVERIFY(!second.pending);
     }
 
@@ -241,14 +242,12 @@ private slots:
 
     void moreThan255ServicesAreTooMany()
     {
-        const QStringList codes(256, QStringLiteral("1"));
+        const QStringList codes(256, u"1"_s);
         const auto parseServices = [](const QStringList &list) {
-            return CommandLine::parse({QStringLiteral("register"), QStringLiteral("--suid"),
-                                       QStringLiteral("1.1.1"), QStringLiteral("--services"),
-                                       list.join(QLatin1Char(','))});
+            return CommandLine::parse(
+                {u"register"_s, u"--suid"_s, u"1.1.1"_s, u"--services"_s, list.join(QLatin1Char(','))});
         };
-        QCOMPARE(parseServices(codes).text,
-                 QStringLiteral("--services: 256 services are too many (255 at most)"));
+        QCOMPARE(parseServices(codes).text, u"--services: 256 services are too many (255 at most)"_s);
         QCOMPARE(parseServices(codes.mid(1)).settings.radio.services.size(), size_t{255});
     }
 };

@@ -4,6 +4,8 @@
 #include <QFile>
 #include <QTest>
 
+using namespace Qt::StringLiterals;
+
 // The schema script as it is compiled in. It is split and run at its line ends, so each byte counts.
 class TestSchemaResource : public QObject
 {
@@ -12,7 +14,7 @@ class TestSchemaResource : public QObject
 private slots:
     void initTestCase()
     {
-        QFile file(QStringLiteral(":/Quillmere.schema"));
+        QFile file(u":/Quillmere.schema"_s);
         QVERIFY(file.open(QIODevice::ReadOnly));
         script = file.readAll();
     }

@@ -27,7 +27,7 @@ int main(int argc, char *argv[])
 {
     const QCoreApplication application(argc, argv);
     QCoreApplication::setApplicationName(u"quillmere-radio"_s);
-    QCoreApplication::setApplicationVersion(QStringLiteral(QUILLMERE_VERSION));
+    QCoreApplication::setApplicationVersion(QString::fromLatin1(QUILLMERE_VERSION));
 
     const auto commandLine = RadioTool::CommandLine::parse(QCoreApplication::arguments().mid(1));
     switch (commandLine.kind) {

@@ -12,7 +12,7 @@ int main(int argc, char *argv[])
 {
     const QCoreApplication application(argc, argv);
     QCoreApplication::setApplicationName(u"quillmere-watch"_s);
-    QCoreApplication::setApplicationVersion(QStringLiteral(QUILLMERE_VERSION));
+    QCoreApplication::setApplicationVersion(QString::fromLatin1(QUILLMERE_VERSION));
 
     const auto commandLine = WatchTool::CommandLine::parse(QCoreApplication::arguments().mid(1));
     switch (commandLine.kind) {

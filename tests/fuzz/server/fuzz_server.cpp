@@ -10,6 +10,8 @@
 #include <cstdio>
 #include <cstdlib>
 
+using namespace Qt::StringLiterals;
+
 namespace {
 
 constexpr int MostSteps = 50;
@@ -38,9 +40,9 @@ QString live(QByteArrayView bytes, bool isToldInSteps)
     if (scene.difference().isEmpty()) {
         scene.end();
     }
-    return scene.difference().isEmpty() ? QString()
-                                        : scene.difference() + QStringLiteral("\nafter:\n    ") +
-                                              scene.steps().join(QStringLiteral("\n    "));
+    return scene.difference().isEmpty()
+               ? QString()
+               : scene.difference() + u"\nafter:\n    "_s + scene.steps().join(u"\n    "_s);
 }
 
 } // namespace

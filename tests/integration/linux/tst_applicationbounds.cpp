@@ -14,6 +14,8 @@
 #include <array>
 #include <memory>
 
+using namespace Qt::StringLiterals;
+
 namespace {
 
 char programName[] = "quillmere";
@@ -172,7 +174,7 @@ void TestApplicationBounds::whatOneIsToldIsNotLeftForTheNext()
         told += application->takeTold().size();
     }
     QCOMPARE(told, 3 * NoticeSize);
-    QCOMPARE(log->count(QStringLiteral("Network error: write message failed")), 2);
+    QCOMPARE(log->count(u"Network error: write message failed"_s), 2);
 }
 
 void TestApplicationBounds::aTableIsNoMoreThanAMebibyteAhead_data()
@@ -213,7 +215,7 @@ void TestApplicationBounds::nothingIsToldToOneThatHasEnded()
     QCOMPARE(late->takeTold().size(), NoticeSize);
     late->ends(QAbstractSocket::RemoteHostClosedError);
     settle();
-    QCOMPARE(log->count(QStringLiteral("Application disconnected from 127.0.0.1")), 1);
+    QCOMPARE(log->count(u"Application disconnected from 127.0.0.1"_s), 1);
 }
 
 void TestApplicationBounds::whoeverComesTogetherSharesATurn()

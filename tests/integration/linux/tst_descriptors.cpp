@@ -17,10 +17,12 @@
 #include <memory>
 #include <vector>
 
+using namespace Qt::StringLiterals;
+
 namespace {
 
-const QString Connected = QStringLiteral("Application connected from 127.0.0.1");
-const QString Disconnected = QStringLiteral("Application disconnected from 127.0.0.1");
+const QString Connected = u"Application connected from 127.0.0.1"_s;
+const QString Disconnected = u"Application disconnected from 127.0.0.1"_s;
 
 // Holds every file descriptor that the process may still have, but for a number of them.
 class DescriptorShortage
@@ -85,9 +87,9 @@ private slots:
             radio.registers(QByteArray::fromHex("01"));
             QVERIFY(radio.isAcknowledged());
             QVERIFY(before.sees(radio, QMR::Registered, QByteArray::fromHex("01")));
-            QCOMPARE(server.log.count(QStringLiteral("Application connected from 127.0.0.1")), 0);
+            QCOMPARE(server.log.count(u"Application connected from 127.0.0.1"_s), 0);
         }
-        QTRY_COMPARE(server.log.count(QStringLiteral("Application connected from 127.0.0.1")), 2);
+        QTRY_COMPARE(server.log.count(u"Application connected from 127.0.0.1"_s), 2);
         QTRY_COMPARE(early.bytesAvailable(), 31);
         QTRY_COMPARE(late.bytesAvailable(), 31);
         ScriptedApplication after(server.applicationPort());
@@ -117,7 +119,7 @@ private slots:
             QVERIFY(radio.isAcknowledged());
             QCOMPARE(server.log.takeMessages(),
                      QStringList(Acceptable, Connected) + QStringList(radio.registeredText()));
-            QCOMPARE(server.query(QStringLiteral("SELECT service FROM supported_services")),
+            QCOMPARE(server.query(u"SELECT service FROM supported_services"_s),
                      QList<QVariantList>{QVariantList{int{round}}});
 
             // Some go, and one has its place: the waiting ones have taken from the reserve.
@@ -165,7 +167,7 @@ private slots:
             QTRY_VERIFY(isTimed);
             QCOMPARE(server.log.records().size(), 0);
         }
-        QTRY_COMPARE(server.log.count(QStringLiteral("Application connected from 127.0.0.1")), 1);
+        QTRY_COMPARE(server.log.count(u"Application connected from 127.0.0.1"_s), 1);
     }
 };
 

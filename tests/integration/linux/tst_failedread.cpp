@@ -10,6 +10,8 @@
 
 #include <cerrno>
 
+using namespace Qt::StringLiterals;
+
 namespace {
 
 int readsToFail = 0;
@@ -45,7 +47,7 @@ private slots:
         readsToFail = 3;
         radio.deregisters();
         QTRY_COMPARE(readsToFail, 0);
-        const QString invalid = QStringLiteral("QMRS Protocol error: invalid message received (1)");
+        const QString invalid = u"QMRS Protocol error: invalid message received (1)"_s;
         QCOMPARE(scene.settle().log, (QStringList{invalid, invalid, invalid, radio.deregisteredText()}));
         QVERIFY(!radio.hasReceived());
     }

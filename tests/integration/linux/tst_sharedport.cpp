@@ -7,6 +7,8 @@
 #include <QTest>
 #include <QUdpSocket>
 
+using namespace Qt::StringLiterals;
+
 // Linux gives a port to two sockets if both agree to share it, and each datagram to one of them. On Windows
 // the system's default is to share.
 class TestSharedPort : public QObject
@@ -20,7 +22,7 @@ private slots:
         QUdpSocket squatter;
         QVERIFY(squatter.bind(server.registrationPort(), QAbstractSocket::ShareAddress));
         server->start();
-        QCOMPARE(server.log.count(QStringLiteral("Unable to bind registration socket")), 1);
+        QCOMPARE(server.log.count(u"Unable to bind registration socket"_s), 1);
     }
 };
 

@@ -17,6 +17,8 @@
 #include <cerrno>
 #include <cstdarg>
 
+using namespace Qt::StringLiterals;
+
 namespace {
 
 bool refuses = false;
@@ -67,16 +69,15 @@ private slots:
         const QStringList records = server.log.takeMessagesOnce(1);
         refuses = false;
         QCOMPARE(records.size(), 1);
-        QVERIFY2(records.first().startsWith(QStringLiteral("Network error ")) &&
-                     records.first().endsWith(QStringLiteral(" on connection to :0")),
+        QVERIFY2(records.first().startsWith(u"Network error "_s) &&
+                     records.first().endsWith(u" on connection to :0"_s),
                  qPrintable(records.first()));
 
         QTRY_COMPARE(deleted.count(), 1);
 
         // The next one is told of everything, and nothing is written to the first.
         ScriptedApplication application(server.applicationPort());
-        QCOMPARE(server.log.takeMessagesOnce(1),
-                 QStringList{QStringLiteral("Application connected from 127.0.0.1")});
+        QCOMPARE(server.log.takeMessagesOnce(1), QStringList{u"Application connected from 127.0.0.1"_s});
         ScriptedRadio radio(server.registrationPort(), 1);
         radio.registers();
         QVERIFY(radio.isAcknowledged());

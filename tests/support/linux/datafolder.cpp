@@ -8,14 +8,15 @@
 #include <QFileInfo>
 #include <QTemporaryDir>
 
+using namespace Qt::StringLiterals;
+
 namespace {
 
 // In memory where there is such a file system: the database waits for the disk at every write.
 QString folderTemplate()
 {
-    const QFileInfo memory(QStringLiteral("/dev/shm"));
-    return (memory.isWritable() ? memory.filePath() : QDir::tempPath()) +
-           QStringLiteral("/quillmere-test-XXXXXX");
+    const QFileInfo memory(u"/dev/shm"_s);
+    return (memory.isWritable() ? memory.filePath() : QDir::tempPath()) + u"/quillmere-test-XXXXXX"_s;
 }
 
 } // namespace
@@ -39,12 +40,12 @@ DataFolder::~DataFolder()
 
 QString DataFolder::path() const
 {
-    return d->folder.path() + QStringLiteral("/Brackwater/Quill Mere");
+    return d->folder.path() + u"/Brackwater/Quill Mere"_s;
 }
 
 void DataFolder::writeConfiguration(const QByteArray &content) const
 {
-    QFile file(path() + QStringLiteral("/qmr.cfg"));
+    QFile file(path() + u"/qmr.cfg"_s);
     if (!file.open(QIODevice::WriteOnly) || file.write(content) != content.size()) {
         qFatal("cannot write %s", qPrintable(file.fileName()));
     }
