@@ -73,6 +73,18 @@ int stored(const TestServer &server, int service)
         .toInt();
 }
 
+// Another radio's row goes, then the first one's is changed. A lock shows at the commit alone.
+QMR::WriteResult resultOfTheSecondRetry(const TestServer &server)
+{
+    const QMR::WriteTurn turn(server->writeGroup());
+    const auto result = server->writeGroup()->retry(QMR::RowWrite::Delete, QMR::SubscriberRow(esnOf(1)));
+    if (result != QMR::WriteResult::Stored) {
+        return result;
+    }
+    return server->writeGroup()->retry(QMR::RowWrite::Update,
+                                       QMR::SubscriberRow(*server->findRadio(esnOf(0))));
+}
+
 } // namespace
 
 // When what is owed is tried again, how much of it at a time, and in which order.
@@ -158,6 +170,37 @@ private slots:
         QVERIFY(!server->writeGroup()->isLockedOut());
         QCOMPARE(server->timerForRetry().interval(), Pause);
         statements.end();
+    }
+
+    void retryTellsALockFromAnotherFailure()
+    {
+        ImpatientServer server;
+        registers(server, 0);
+        registers(server, 1);
+        const FailingStatements statements(server, SQLITE_FULL);
+        statements.begin(u"UPDATE"_s);
+        {
+            const DatabaseLock lock(server.folder.databaseFile(), DatabaseLock::Shared);
+            // It fails for want of room itself, but the lock is in the way of those that it was written with.
+            QCOMPARE(resultOfTheSecondRetry(server), QMR::WriteResult::Locked);
+        }
+        QCOMPARE(resultOfTheSecondRetry(server), QMR::WriteResult::Failed);
+        statements.end();
+        QCOMPARE(resultOfTheSecondRetry(server), QMR::WriteResult::Stored);
+    }
+
+    void retryInALostGroupTellsALock()
+    {
+        ImpatientServer server;
+        registers(server, 0);
+        registers(server, 1);
+        server.query(
+            u"CREATE TRIGGER stop BEFORE UPDATE ON subscribers BEGIN SELECT RAISE(ROLLBACK, 'no'); END"_s);
+        {
+            const DatabaseLock lock(server.folder.databaseFile(), DatabaseLock::Shared);
+            QCOMPARE(resultOfTheSecondRetry(server), QMR::WriteResult::Locked);
+        }
+        QCOMPARE(resultOfTheSecondRetry(server), QMR::WriteResult::Failed);
     }
 
     void whatFailsAgainDoesNotKeepTheOthersFromTheirTurn()
