@@ -18,12 +18,12 @@ target_sources(quillmere_service PRIVATE
     linux/dispatcher.cpp
     linux/errors.cpp
     linux/eventlog.cpp
-    linux/eventsink.cpp
     linux/platform.cpp
     linux/services.cpp
     linux/startparameters.cpp
     linux/stopsignals.cpp
     linux/systemd.cpp
+    linux/systemlog.cpp
     linux/unitfile.cpp
     ${CMAKE_CURRENT_BINARY_DIR}/unittemplate.cpp)
 find_package(Threads REQUIRED)

@@ -1,11 +1,12 @@
 # SPDX-FileCopyrightText: 2026 The Quillmere developers
 # SPDX-License-Identifier: MIT
 
-"""A radio and an application in a few lines: radio.py register ESN | garbage | flood ESN | follow ESN
+"""A radio and an application in a few lines: radio.py register ESN | garbage | flood ESN | crowd ESN | follow ESN
 
 register: sends a basic registration for the ESN (16 hexadecimal digits) and waits for its acknowledgement.
 garbage:  sends a registration whose length is wrong, which is logged and not answered.
 flood:    60000 such registrations, none of which gets lost: after each hundred the ESN registers.
+crowd:    as register, for 2000 radios one after the other: the ESN and those that follow it.
 follow:   connects as an application and reads until a notice about the ESN arrives.
 Exit code 0: it came.
 """
@@ -55,6 +56,11 @@ def flood(esn):
     return 0
 
 
+def crowd(esn):
+    first = int.from_bytes(esn, "big")
+    return 0 if all(register(number.to_bytes(8, "big")) == 0 for number in range(first, first + 2000)) else 1
+
+
 def follow(esn):
     with socket.create_connection(SERVER, timeout=PATIENCE) as application:
         stream = bytearray()
@@ -67,5 +73,5 @@ def follow(esn):
 
 
 if __name__ == "__main__":
-    ACTIONS = {"register": register, "garbage": garbage, "flood": flood, "follow": follow}
+    ACTIONS = {"register": register, "garbage": garbage, "flood": flood, "crowd": crowd, "follow": follow}
     sys.exit(ACTIONS[sys.argv[1]](bytes.fromhex((sys.argv + ["", ""])[2])))

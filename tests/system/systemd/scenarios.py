@@ -484,5 +484,40 @@ def flood(host):
     host.wait(lambda: recorded() == 60000, "60000 records", 30)
 
 
+def no_journal(host):
+    """a journal that does not read its records holds nobody up"""
+    def journald(number):
+        host.container.run("systemctl", "kill", "--kill-who=main", f"--signal={number}", "systemd-journald.service")
+
+    host.install()
+    host.start()
+    pid = host.property("MainPID")
+    journald("STOP")
+    try:
+        host.radio("crowd", "0A00000000000000")
+    finally:
+        journald("CONT")
+    host.radio("register", "0B00000000000000")
+    host.has_record("Radio 0B00000000000000 with SUID", PRIORITY="6", EVENT_ID="3221225473")
+
+    # Sockets made anew, with a journald that reads them.
+    sockets = ["systemd-journald.socket", "systemd-journald-dev-log.socket"]
+    host.container.run("systemctl", "stop", "systemd-journald.service", *sockets)
+    host.radio("register", "0C00000000000000")
+    host.container.run("systemctl", "start", *sockets, "systemd-journald.service")
+    host.radio("register", "0D00000000000000")
+    host.has_record("Radio 0D00000000000000 with SUID", PRIORITY="6", EVENT_ID="3221225473")
+    host.check(host.property("MainPID") == pid, "the service ran on")
+
+    journald("STOP")
+    try:
+        host.radio("crowd", "0E00000000000000")
+        host.quillmere("-t")
+        host.status(NOT_RUNNING)
+    finally:
+        journald("CONT")
+    host.check(host.property("Result") == "success", "it stopped in good order")
+
+
 SCENARIOS = [whole_life, killed, with_account, abused_socket, frozen, places, hopeless_places, unusable_database,
-             uninstalled_while_running, by_systemctl, signals, full_disk, new_unit, foreground, no_bus, flood]
+             uninstalled_while_running, by_systemctl, signals, full_disk, new_unit, foreground, no_bus, flood, no_journal]

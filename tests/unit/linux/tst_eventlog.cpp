@@ -1,8 +1,6 @@
 // SPDX-FileCopyrightText: 2026 The Quillmere developers
 // SPDX-License-Identifier: MIT
 
-#include "service/linux/eventsink.h"
-
 #include "service/linux/eventlog.h"
 
 #include <QDir>
@@ -22,7 +20,7 @@
 using namespace Qt::StringLiterals;
 using namespace Linux;
 
-class TestEventSink : public QObject
+class TestEventLog : public QObject
 {
     Q_OBJECT
 
@@ -56,7 +54,7 @@ private:
     }
 };
 
-void TestEventSink::writesTheLineToTheLetter_data()
+void TestEventLog::writesTheLineToTheLetter_data()
 {
     QTest::addColumn<QString>("message");
     QTest::addColumn<int>("type");
@@ -81,7 +79,7 @@ void TestEventSink::writesTheLineToTheLetter_data()
         "e\xf0\x9f\x93\xbb\"");
 }
 
-void TestEventSink::writesTheLineToTheLetter()
+void TestEventLog::writesTheLineToTheLetter()
 {
     QFETCH(QString, message);
     QFETCH(int, type);
@@ -94,7 +92,7 @@ void TestEventSink::writesTheLineToTheLetter()
              "{\"time\":\"2026-11-21T10:00:00.123Z\",\"source\":\"Quill Mere\"," + middle + "}\n");
 }
 
-void TestEventSink::appendsToTheFile()
+void TestEventLog::appendsToTheFile()
 {
     const QTemporaryDir folder;
     const QString path = folder.filePath(u"Größe/../log"_s);
@@ -108,7 +106,7 @@ void TestEventSink::appendsToTheFile()
     qunsetenv("QUILLMERE_EVENTLOG");
 }
 
-void TestEventSink::functionsFillTheRecord()
+void TestEventLog::functionsFillTheRecord()
 {
     const QTemporaryDir folder;
     const QString path = folder.filePath(u"log"_s);
@@ -134,7 +132,7 @@ void TestEventSink::functionsFillTheRecord()
     qunsetenv("QUILLMERE_EVENTLOG");
 }
 
-void TestEventSink::writersDoNotMixTheirLines()
+void TestEventLog::writersDoNotMixTheirLines()
 {
     constexpr int Writers = 8;
     constexpr int Records = 200;
@@ -163,7 +161,7 @@ void TestEventSink::writersDoNotMixTheirLines()
     }
 }
 
-void TestEventSink::unwritableSinkLosesTheRecord_data()
+void TestEventLog::unwritableSinkLosesTheRecord_data()
 {
     QTest::addColumn<QString>("path");
     QTest::newRow("no folder") << u"/nowhere/at/all/log"_s;
@@ -172,7 +170,7 @@ void TestEventSink::unwritableSinkLosesTheRecord_data()
     QTest::newRow("pipe that nobody reads") << u"pipe"_s;
 }
 
-void TestEventSink::unwritableSinkLosesTheRecord()
+void TestEventLog::unwritableSinkLosesTheRecord()
 {
     QFETCH(QString, path);
     const QTemporaryDir folder;
@@ -185,7 +183,7 @@ void TestEventSink::unwritableSinkLosesTheRecord()
     qunsetenv("QUILLMERE_EVENTLOG");
 }
 
-void TestEventSink::fileThatIsRenamedIsMadeAnew()
+void TestEventLog::fileThatIsRenamedIsMadeAnew()
 {
     const QTemporaryDir folder;
     const QString path = folder.filePath(u"log"_s);
@@ -202,7 +200,7 @@ void TestEventSink::fileThatIsRenamedIsMadeAnew()
     qunsetenv("QUILLMERE_EVENTLOG");
 }
 
-void TestEventSink::pipeMayLoseItsReader()
+void TestEventLog::pipeMayLoseItsReader()
 {
     const QTemporaryDir folder;
     const QByteArray path = QFile::encodeName(folder.filePath(u"pipe"_s));
@@ -219,7 +217,7 @@ void TestEventSink::pipeMayLoseItsReader()
     qunsetenv("QUILLMERE_EVENTLOG");
 }
 
-void TestEventSink::errorOutputIsASinkToo()
+void TestEventLog::errorOutputIsASinkToo()
 {
     const QTemporaryDir folder;
     const QString path = folder.filePath(u"errors"_s);
@@ -237,5 +235,5 @@ void TestEventSink::errorOutputIsASinkToo()
     QCOMPARE(content(path), jsonLine(record(u"one"_s)));
 }
 
-QTEST_GUILESS_MAIN(TestEventSink)
-#include "tst_eventsink.moc"
+QTEST_GUILESS_MAIN(TestEventLog)
+#include "tst_eventlog.moc"
