@@ -77,6 +77,7 @@ struct Scene
 
     QStringList parameters;
     std::atomic<Scm::Dword> accepted{Scm::AcceptStop};
+    std::atomic<bool> obeys{true}; // the stop control
     Scm::Handle status = nullptr;
     QSemaphore mayRun;
     QSemaphore controlled;
@@ -99,7 +100,7 @@ bool report(Scm::Dword state)
 void handleControl(Scm::Dword control)
 {
     scene->append(control);
-    if (control == Scm::ControlStop) {
+    if (control == Scm::ControlStop && scene->obeys) {
         report(Scm::StateStopPending);
         report(Scm::StateStopped);
     }
@@ -197,6 +198,8 @@ private slots:
     void refusesControls();
     void refusesControlsWhileStarting();
     void stopWaitsForTheStart();
+    void stopWaitsThoughTheMainFunctionHasReturned();
+    void oneSignalIsOneStop();
     void handlersNeedADispatcher();
     void reportsEveryState();
     void processHasOneDispatcher();
@@ -442,6 +445,38 @@ void TestDispatcher::stopWaitsForTheStart()
     QCOMPARE(notify->next(), QByteArray("STATUS=Stopped\nSTOPPING=1"));
     thread.join();
     QCOMPARE(scene->controls(), QList<Scm::Dword>{Scm::ControlStop});
+}
+
+void TestDispatcher::stopWaitsThoughTheMainFunctionHasReturned()
+{
+    start();
+    QTRY_VERIFY_WITH_TIMEOUT(mainHasEnded, 60000);
+    QVERIFY(report(Scm::StateStartPending));
+    QCOMPARE(notify->next(), QByteArray("STATUS=Starting"));
+    ::kill(::getpid(), SIGTERM);
+    QCOMPARE(send(200).error, Scm::Dword(ErrorCannotAcceptControl));
+    QVERIFY(scene->controls().isEmpty());
+    QVERIFY(report(Scm::StateRunning));
+    QCOMPARE(notify->next(), QByteArray("STATUS=Running\nREADY=1"));
+    QCOMPARE(notify->next(), QByteArray("STATUS=Stopping\nSTOPPING=1"));
+    QCOMPARE(notify->next(), QByteArray("STATUS=Stopped\nSTOPPING=1"));
+    thread.join();
+    QCOMPARE(scene->controls(), QList<Scm::Dword>{Scm::ControlStop});
+}
+
+void TestDispatcher::oneSignalIsOneStop()
+{
+    scene->obeys = false;
+    start();
+    ::kill(::getpid(), SIGTERM);
+    scene->controlled.acquire();
+    for (const Scm::Dword control : {200u, 201u}) {
+        QCOMPARE(send(control).error, 0u);
+    }
+    QCOMPARE(scene->controls(), (QList<Scm::Dword>{Scm::ControlStop, 200, 201}));
+    scene->obeys = true;
+    stop();
+    QCOMPARE(scene->controls(), (QList<Scm::Dword>{Scm::ControlStop, 200, 201, Scm::ControlStop}));
 }
 
 void TestDispatcher::handlersNeedADispatcher()
