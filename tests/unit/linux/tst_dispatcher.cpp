@@ -163,13 +163,20 @@ private:
     std::array<struct sigaction, 3> before{};
 };
 
-// In a process of its own: a service whose main function returns without having registered a handler.
+// In a process of its own: a service that is to stop, and whose main function then returns without having
+// registered a handler.
 constexpr auto WithoutAHandler = "QUILLMERE_TEST_WITHOUT_A_HANDLER";
 
 Scm::Bool runWithoutAHandler()
 {
     std::u16string name = u"Quill Mere";
-    const Scm::ServiceMain main = [](Scm::Dword, Scm::Char **) {};
+    const Scm::ServiceMain main = [](Scm::Dword, Scm::Char **) {
+        const QByteArray socket = qgetenv("RUNTIME_DIRECTORY") + ControlSocketName;
+        ::kill(::getpid(), SIGTERM);
+        for (int turn = 0; turn < 2; ++turn) { // the dispatcher has seen the signal by then
+            (void)sendControl(socket, 200, 60000);
+        }
+    };
     const std::array<Scm::TableEntry, 2> table = {{{name.data(), main}, {nullptr, nullptr}}};
     return startServiceCtrlDispatcher(table.data());
 }
@@ -338,8 +345,6 @@ void TestDispatcher::serviceWithoutAHandlerEndsByTheSignal()
         ::posix_spawn(&process, program.constData(), nullptr, nullptr, arguments.data(), environ);
     qunsetenv(WithoutAHandler);
     QCOMPARE(error, 0);
-    QTRY_VERIFY_WITH_TIMEOUT(QFile::exists(QFile::decodeName(socket())), 60000); // made after the signals
-    ::kill(process, SIGTERM);
     int status = 0;
     QCOMPARE(::waitpid(process, &status, 0), process);
     QVERIFY(WIFSIGNALED(status));
