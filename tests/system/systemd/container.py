@@ -102,6 +102,13 @@ class Container:
             last = text.read()[-500:].decode(errors="replace")
         raise CannotBoot(f"systemd does not boot in systemd-nspawn: {last}")
 
+    def restart(self):
+        """As the machine restarts: it shuts down, and the same root boots again."""
+        self.run("systemctl", "reboot")
+        self.nspawn.wait(timeout=120)
+        self.leader = None
+        self._boot()
+
     def path(self, inside):
         """Where a file of the container lies for this process."""
         return self.root + inside
