@@ -22,8 +22,7 @@ namespace Linux {
 constexpr auto ControlSocketName = "/control"; // below the service's runtime directory
 constexpr int AnswerMilliseconds = 2000;       // a service that has not answered by then is taken for frozen
 
-// The stop control is only asked for here, never carried out: a service that accepts it answers 0, and
-// systemd then stops it.
+// What became of a control: a pause, a continuation, an interrogation or a user code. A stop is systemd's.
 struct ControlAnswer
 {
     Scm::Dword error = 0; // 0: the control was carried out

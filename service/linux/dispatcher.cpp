@@ -145,14 +145,10 @@ Scm::Dword refusal(Scm::Dword control, Scm::Dword accepted)
         (control >= Scm::ControlUserFirst && control <= Scm::ControlUserLast)) {
         return 0;
     }
-    if (control < Scm::ControlStop || control > Scm::ControlContinue) {
-        return ErrorInvalidParameter;
+    if (control != Scm::ControlPause && control != Scm::ControlContinue) {
+        return ErrorInvalidParameter; // a stop comes by signal
     }
-    const Scm::Dword needed = control == Scm::ControlStop ? Scm::AcceptStop : Scm::AcceptPauseContinue;
-    if (!(accepted & needed)) {
-        return Scm::ErrorServiceNotAcceptingControl;
-    }
-    return 0;
+    return accepted & Scm::AcceptPauseContinue ? 0 : Scm::Dword(Scm::ErrorServiceNotAcceptingControl);
 }
 
 ControlAnswer carryOut(Scm::Dword control)
@@ -161,7 +157,7 @@ ControlAnswer carryOut(Scm::Dword control)
     ControlAnswer answer;
     answer.error =
         before.isReady() ? refusal(control, before.status->controlsAccepted) : ErrorCannotAcceptControl;
-    if (answer.error == 0 && control != Scm::ControlStop) {
+    if (answer.error == 0) {
         before.handler(control);
     }
     if (const auto status = told().status) {

@@ -14,13 +14,12 @@ namespace {
 
 thread_local Scm::Dword threadError = 0;
 
-const std::array<std::pair<Scm::Dword, const char *>, 22> texts = {{
+const std::array<std::pair<Scm::Dword, const char *>, 21> texts = {{
     {0, "The operation completed successfully."},
     {Scm::ErrorAccessDenied, "Access is denied."},
     {ErrorInvalidHandle, "The handle is invalid."},
     {ErrorWriteFault, "The system cannot write to the specified device."},
     {ErrorInvalidParameter, "The parameter is incorrect."},
-    {ErrorInsufficientBuffer, "The data area passed to a system call is too small."},
     {ErrorInvalidName, "The filename, directory name, or volume label syntax is incorrect."},
     {ErrorInvalidLevel, "The system call level is not correct."},
     {Scm::ErrorServiceNotAcceptingControl, "The requested control is not valid for this service."},

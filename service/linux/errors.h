@@ -15,7 +15,6 @@ enum Error : Scm::Dword {
     ErrorInvalidHandle = 6,
     ErrorWriteFault = 29,
     ErrorInvalidParameter = 87,
-    ErrorInsufficientBuffer = 122,
     ErrorInvalidName = 123,
     ErrorInvalidLevel = 124,
     ErrorRequestTimeout = 1053,

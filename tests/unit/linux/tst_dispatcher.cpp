@@ -395,8 +395,8 @@ void TestDispatcher::carriesOutControls()
         scene->controlled.acquire();
         QCOMPARE(scene->controls().last(), control);
     }
-    // The stop control is only asked for here; systemd brings it.
-    QCOMPARE(send(Scm::ControlStop).error, 0u);
+    // A stop is systemd's, and comes by signal.
+    QCOMPARE(send(Scm::ControlStop).error, Scm::Dword(ErrorInvalidParameter));
     QCOMPARE(scene->controls().size(), 5);
     stop();
 }
@@ -405,7 +405,7 @@ void TestDispatcher::refusesControls_data()
 {
     QTest::addColumn<uint>("control");
     QTest::addColumn<uint>("error");
-    QTest::newRow("stop") << 1u << uint(Scm::ErrorServiceNotAcceptingControl);
+    QTest::newRow("stop") << 1u << uint(ErrorInvalidParameter);
     QTest::newRow("pause") << 2u << uint(Scm::ErrorServiceNotAcceptingControl);
     QTest::newRow("continue") << 3u << uint(Scm::ErrorServiceNotAcceptingControl);
     QTest::newRow("shutdown") << 5u << uint(ErrorInvalidParameter);
@@ -430,7 +430,7 @@ void TestDispatcher::refusesControlsWhileStarting()
     dispatch();
     QCOMPARE(notify->next(), QByteArray("STATUS=Starting"));
     QCOMPARE(send(200).error, Scm::Dword(ErrorCannotAcceptControl));
-    QCOMPARE(send(Scm::ControlStop).error, Scm::Dword(ErrorCannotAcceptControl));
+    QCOMPARE(send(Scm::ControlPause).error, Scm::Dword(ErrorCannotAcceptControl));
     scene->mayRun.release();
     QCOMPARE(notify->next(), QByteArray("STATUS=Running\nREADY=1"));
     QVERIFY(scene->controls().isEmpty());
