@@ -17,6 +17,9 @@
 
 #include <unistd.h>
 
+#include <memory>
+#include <utility>
+
 using namespace Qt::StringLiterals;
 
 namespace Linux {
@@ -63,6 +66,20 @@ QString unitFile(const QString &unit)
         }
     }
     return {};
+}
+
+// What enabling the unit makes.
+QString linkAtBoot(const QString &unit)
+{
+    return QFile::decodeName(places().unitFolders.first()) + u"/multi-user.target.wants/" + unit +
+           u".service";
+}
+
+// Whether systemd runs here at all: not in a rescue system, nor while another one's disk is worked on.
+bool isBooted()
+{
+    const QByteArray mark = places().runtimeFolder + "/systemd/system";
+    return ::access(mark.constData(), F_OK) == 0;
 }
 
 // A link in our folder is an administrator's: a mask, or a unit that lies elsewhere.
@@ -142,19 +159,24 @@ Beginning beginning(const UnitState &state, const QByteArray &invocationBefore)
     }
 }
 
-bool waitForBeginning(Systemd &systemd, const QByteArray &invocationBefore)
+bool waitForBeginning(std::unique_ptr<Systemd> systemd, const QString &unit,
+                      const QByteArray &invocationBefore)
 {
     const QDeadlineTimer deadline(places().timeoutMilliseconds);
     do {
         UnitState state;
-        if (systemd.query(state)) {
+        if (!systemd->query(state)) {
+            // One that was started anew has closed the connection.
+            systemd.reset();
+            systemd = std::make_unique<Systemd>(unit);
+        } else {
             const Beginning now = beginning(state, invocationBefore);
             if (now == Beginning::Begun) {
                 return true;
             }
             if (now == Beginning::Failed) {
                 // A start that failed leaves the service stopped; only one that ran is started again.
-                (void)systemd.stop();
+                (void)systemd->stop();
                 fail(ErrorProcessAborted);
                 return false;
             }
@@ -265,8 +287,14 @@ Scm::Bool deleteService(Scm::Handle handle)
         return fail(Scm::ErrorAccessDenied);
     }
     Systemd systemd(service->unit);
-    if (!systemd.disable()) {
-        return 0;
+    if (systemd.isReached()) {
+        if (!systemd.disable()) {
+            return 0;
+        }
+    } else if (isBooted()) {
+        return fail(ErrorManagerUnavailable);
+    } else {
+        QFile::remove(linkAtBoot(service->unit));
     }
     if (!QFile::remove(file)) {
         return fail(Scm::ErrorAccessDenied);
@@ -305,7 +333,10 @@ Scm::Bool queryServiceStatus(Scm::Handle handle, Scm::Status *status)
     }
     Systemd systemd(service->unit);
     UnitState state;
-    if (!query(systemd, state)) {
+    if (!systemd.isReached() && ::access(runtimeDirectory(*service).constData(), F_OK) == 0) {
+        // Who cannot ask sees the folder that systemd makes as it starts the service, and removes at its end.
+        state.state = Scm::StateRunning;
+    } else if (!query(systemd, state)) {
         return 0;
     }
     *status = statusOf(state);
@@ -318,9 +349,9 @@ Scm::Bool startService(Scm::Handle handle, Scm::Dword argc, const Scm::Char **ar
     if (!service) {
         return 0;
     }
-    Systemd systemd(service->unit);
+    auto systemd = std::make_unique<Systemd>(service->unit);
     UnitState before;
-    if (!query(systemd, before)) {
+    if (!query(*systemd, before)) {
         return 0;
     }
     if (before.state != Scm::StateStopped) {
@@ -335,9 +366,10 @@ Scm::Bool startService(Scm::Handle handle, Scm::Dword argc, const Scm::Char **ar
     }
     const QByteArray directory = runtimeDirectory(*service);
     if (!parameters.isEmpty() && !storeStartParameters(directory, parameters)) {
+        ::rmdir(directory.constData()); // if it is empty: then nobody else's
         return 0;
     }
-    if (!systemd.start()) {
+    if (!systemd->start()) {
         const Scm::Dword error = lastError();
         if (!parameters.isEmpty()) {
             (void)takeStartParameters(directory);
@@ -345,7 +377,7 @@ Scm::Bool startService(Scm::Handle handle, Scm::Dword argc, const Scm::Char **ar
         }
         return fail(error);
     }
-    return waitForBeginning(systemd, before.invocation) ? 1 : 0;
+    return waitForBeginning(std::move(systemd), service->unit, before.invocation) ? 1 : 0;
 }
 
 Scm::Bool controlService(Scm::Handle handle, Scm::Dword control, Scm::Status *status)

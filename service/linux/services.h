@@ -33,13 +33,15 @@ Scm::Handle createService(Scm::Handle manager, const Scm::Char *name, const Scm:
 Scm::Handle openService(Scm::Handle manager, const Scm::Char *name, Scm::Dword access);
 
 // Disables the unit and removes its file. A running service goes on. What this program did not write (a
-// package's unit, an administrator's mask) is not touched: access denied.
+// package's unit, an administrator's mask) is not touched: access denied. Where no systemd runs it is done
+// all the same.
 Scm::Bool deleteService(Scm::Handle service);
 
 // Level 1 (the description) only.
 Scm::Bool changeServiceConfig2(Scm::Handle service, Scm::Dword infoLevel, void *info);
 
-// The state as systemd has it. The controls that the service accepts are not known to systemd and stay 0.
+// The state as systemd has it; to who cannot ask, a service with a runtime directory runs. The controls that
+// the service accepts are not known to systemd and stay 0.
 Scm::Bool queryServiceStatus(Scm::Handle service, Scm::Status *status);
 
 // Starts the unit and waits until its process has reported that it is starting, not until it runs. 1056: it
@@ -47,9 +49,9 @@ Scm::Bool queryServiceStatus(Scm::Handle service, Scm::Status *status);
 // it never reported.
 Scm::Bool startService(Scm::Handle service, Scm::Dword argc, const Scm::Char **argv);
 
-// A stop is systemd's; all else goes to the service itself. status: filled in when the control was carried
-// out. 1052: not accepted by the service; 1061: it is starting or stopping; 1062: it does not run; 87: no
-// control that can be sent; 1053: no answer.
+// A stop is systemd's, whether the service accepts one or not; all else goes to the service itself. status:
+// filled in when the control was carried out. 1052: not accepted by the service; 1061: it is starting or
+// stopping; 1062: it does not run; 87: no control that can be sent; 1053: no answer.
 Scm::Bool controlService(Scm::Handle service, Scm::Dword control, Scm::Status *status);
 
 } // namespace Linux

@@ -6,7 +6,6 @@
 #include "service/linux/errors.h"
 
 #include <QDeadlineTimer>
-#include <QFile>
 
 #include <systemd/sd-bus.h>
 
@@ -168,12 +167,13 @@ Places &places()
 
 Systemd::Systemd(const QString &unitName) : unit(unitName.toLatin1() + ".service")
 {
+    const QDeadlineTimer deadline(places().timeoutMilliseconds);
     // systemd itself listens to root only.
     if (::geteuid() == 0) {
-        connectTo(places().managerSocket, false);
+        connectTo(places().managerSocket, false, deadline);
     }
     if (!bus) {
-        connectTo(places().busSocket, true);
+        connectTo(places().busSocket, true, deadline);
     }
 }
 
@@ -182,7 +182,7 @@ Systemd::~Systemd()
     sd_bus_close_unref(bus);
 }
 
-void Systemd::connectTo(const QByteArray &socket, bool isBus)
+void Systemd::connectTo(const QByteArray &socket, bool isBus, const QDeadlineTimer &deadline)
 {
     const QByteArray address = "unix:path=" + socket;
     const auto limit = static_cast<std::uint64_t>(places().timeoutMilliseconds) * 1000;
@@ -190,7 +190,6 @@ void Systemd::connectTo(const QByteArray &socket, bool isBus)
                  sd_bus_set_bus_client(bus, isBus ? 1 : 0) >= 0 &&
                  sd_bus_set_method_call_timeout(bus, limit) >= 0 && sd_bus_start(bus) >= 0;
     // A call would wait for the connection as long as the library pleases.
-    const QDeadlineTimer deadline(places().timeoutMilliseconds);
     while (works && sd_bus_is_ready(bus) == 0) {
         const auto left = static_cast<std::uint64_t>(deadline.remainingTime()) * 1000;
         works = left > 0 && sd_bus_process(bus, nullptr) >= 0 &&
@@ -216,11 +215,8 @@ bool Systemd::callManager(const char *method, const char *types, Arguments... ar
 
 bool Systemd::query(UnitState &state)
 {
-    if (!bus) {
-        return guess(state);
-    }
     char *path = nullptr;
-    if (sd_bus_path_encode(UnitObjects, unit.constData(), &path) < 0) {
+    if (!bus || sd_bus_path_encode(UnitObjects, unit.constData(), &path) < 0) {
         fail(ErrorManagerUnavailable);
         return false;
     }
@@ -243,24 +239,11 @@ bool Systemd::query(UnitState &state)
     state.state = stateOf(shown.active, shown.status);
     state.isMasked = load == "masked";
     state.isLoaded = !load.empty() && load != "not-found";
-    state.waitsForRestart = std::string_view(shown.sub) == "auto-restart";
+    // Newer ones tell "auto-restart-queued" too.
+    state.waitsForRestart = std::string_view(shown.sub).starts_with("auto-restart");
     state.hasReported = *shown.status != '\0';
     state.exitCode = static_cast<Scm::Dword>(shown.exitCode);
     state.invocation = shown.invocation;
-    return true;
-}
-
-// Whoever cannot ask sees the folder that systemd makes as it starts the service, and removes at its end.
-bool Systemd::guess(UnitState &state) const
-{
-    const QByteArray folder = places().runtimeFolder + '/' + unit.chopped(qstrlen(".service"));
-    if (!QFile::exists(QFile::decodeName(folder))) {
-        fail(ErrorManagerUnavailable);
-        return false;
-    }
-    state = {};
-    state.isLoaded = true;
-    state.state = Scm::StateRunning;
     return true;
 }
 

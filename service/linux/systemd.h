@@ -10,6 +10,7 @@
 #include <QByteArrayList>
 #include <QString>
 
+class QDeadlineTimer;
 struct sd_bus;
 
 namespace Linux {
@@ -47,6 +48,8 @@ public:
     ~Systemd();
     Q_DISABLE_COPY_MOVE(Systemd)
 
+    bool isReached() const { return bus != nullptr; }
+
     // A unit that systemd does not know is stopped and not loaded.
     bool query(UnitState &state);
 
@@ -61,8 +64,7 @@ public:
     bool reload();
 
 private:
-    void connectTo(const QByteArray &socket, bool isBus);
-    bool guess(UnitState &state) const;
+    void connectTo(const QByteArray &socket, bool isBus, const QDeadlineTimer &deadline);
     template<typename... Arguments>
     bool callManager(const char *method, const char *types, Arguments... arguments);
 

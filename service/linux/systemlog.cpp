@@ -112,7 +112,7 @@ bool sendToStream(const QByteArray &path, const QByteArray &line)
 
 LogPlaces &logPlaces()
 {
-    static LogPlaces places;
+    static LogPlaces &places = *new LogPlaces; // as long as anybody may log
     return places;
 }
 

@@ -111,6 +111,12 @@ void FakeSystemd::fails(const QByteArray &method, const QByteArray &error)
     failures.insert(method, error);
 }
 
+void FakeSystemd::breaksAtQuery(int number)
+{
+    const std::lock_guard lock(mutex);
+    queriesToBreak = number;
+}
+
 void FakeSystemd::listensAtTheBusOnly()
 {
     Linux::places().managerSocket = QFile::encodeName(folder.filePath(u"nowhere"_s));
@@ -151,12 +157,13 @@ void FakeSystemd::serveConnection(int descriptor)
         },
         this);
     std::array<pollfd, 2> descriptors = {{{ending, POLLIN, 0}, {descriptor, POLLIN, 0}}};
+    isBroken = false;
     bool goesOn = sd_bus_start(bus) >= 0;
     while (goesOn && descriptors[0].revents == 0) {
         int done = 0;
-        while (!isSilent && (done = sd_bus_process(bus, nullptr)) > 0) {
+        while (!isSilent && !isBroken && (done = sd_bus_process(bus, nullptr)) > 0) {
         }
-        goesOn = done >= 0 && (isSilent || sd_bus_is_open(bus) > 0);
+        goesOn = done >= 0 && !isBroken && (isSilent || sd_bus_is_open(bus) > 0);
         if (goesOn) {
             descriptors[1].events = isSilent ? 0 : static_cast<short>(sd_bus_get_events(bus));
             (void)::poll(descriptors.data(), descriptors.size(), -1);
@@ -186,6 +193,10 @@ int FakeSystemd::answer(sd_bus_message *call)
         return sd_bus_reply_method_errorf(call, SD_BUS_ERROR_UNKNOWN_OBJECT, "no such object");
     }
     const std::lock_guard lock(mutex);
+    if (isProperties && queriesToBreak > 0 && --queriesToBreak == 0) {
+        isBroken = true;
+        return 1;
+    }
     if (!isProperties) {
         received.append(textOf(call));
     }

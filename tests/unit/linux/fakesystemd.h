@@ -29,6 +29,8 @@ public:
     void thenShows(const QByteArray &properties);
     // The method is answered with this D-Bus error.
     void fails(const QByteArray &method, const QByteArray &error);
+    // The connection ends in place of the answer when properties are asked for this many times from now on.
+    void breaksAtQuery(int number);
     // It takes calls from here on and answers none, as long as it lives.
     void fallsSilent() { isSilent = true; }
     // Nobody listens at the manager's socket, and at the bus a bus daemon stands between.
@@ -58,6 +60,8 @@ private:
     mutable std::mutex mutex;
     QByteArray shown;
     QByteArray shownNext;
+    int queriesToBreak = 0;
+    bool isBroken = false; // the connection that is served
     QMap<QByteArray, QByteArray> failures;
     QByteArrayList received;
     std::thread thread;

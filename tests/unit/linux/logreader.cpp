@@ -1,7 +1,7 @@
 // SPDX-FileCopyrightText: 2026 The Quillmere developers
 // SPDX-License-Identifier: MIT
 
-#include "logreader.h"
+#include "tests/unit/linux/logreader.h"
 
 #include <QDir>
 

@@ -71,6 +71,7 @@ private slots:
     void cleanup();
     void tellsTheStatus();
     void statusOfADeletedService();
+    void whoCannotAskSeesTheRuntimeFolder();
     void startsAndWaitsForTheReport();
     void startHandsParametersOver();
     void startNeedsAPlaceForItsParameters();
@@ -80,6 +81,7 @@ private slots:
     void startThatSystemdRefusesLeavesNoParameters();
     void startThatFailsAtOnceIsStopped();
     void startThatEndedAlreadyHasBegun();
+    void startOutlivesALostConnection();
     void startThatNeverReportsTimesOut();
     void sendsControls_data();
     void sendsControls();
@@ -132,6 +134,24 @@ void TestServiceControl::statusOfADeletedService()
     systemd->shows(Shown::Absent);
     QVERIFY(!queryServiceStatus(&handle, &status));
     QCOMPARE(Linux::lastError(), Scm::Dword(Scm::ErrorServiceDoesNotExist));
+}
+
+void TestServiceControl::whoCannotAskSeesTheRuntimeFolder()
+{
+    QVERIFY(QDir(systemd->runtimeFolder()).mkdir(u"quill-mere"_s));
+    systemd->shows(Shown::Stopped); // who can ask believes systemd
+    QCOMPARE(queryServiceStatus(&handle, &status), 1);
+    QCOMPARE(status.currentState, Scm::Dword(Scm::StateStopped));
+    places().managerSocket = "/nowhere";
+    places().busSocket = "/nowhere";
+    QCOMPARE(queryServiceStatus(&handle, &status), 1);
+    QCOMPARE(status.currentState, Scm::Dword(Scm::StateRunning));
+    // What would change something is not left to a guess.
+    QVERIFY(!startService(&handle, 0, nullptr));
+    QCOMPARE(Linux::lastError(), Scm::Dword(ErrorManagerUnavailable));
+    QVERIFY(QDir(systemd->runtimeFolder()).rmdir(u"quill-mere"_s));
+    QVERIFY(!queryServiceStatus(&handle, &status));
+    QCOMPARE(Linux::lastError(), Scm::Dword(ErrorManagerUnavailable));
 }
 
 void TestServiceControl::startsAndWaitsForTheReport()
@@ -226,6 +246,17 @@ void TestServiceControl::startThatEndedAlreadyHasBegun()
     systemd->shows(Shown::Stopped);
     systemd->thenShows("LoadState=loaded\nActiveState=inactive\nInvocationID=2\nExecMainStatus=0\n");
     QCOMPARE(startService(&handle, 0, nullptr), 1);
+}
+
+// systemd is started anew, say.
+void TestServiceControl::startOutlivesALostConnection()
+{
+    systemd->shows(Shown::Stopped);
+    systemd->thenShows(Shown::Running);
+    systemd->breaksAtQuery(2);
+    places().timeoutMilliseconds = 5000;
+    QCOMPARE(startService(&handle, 0, nullptr), 1);
+    QCOMPARE(systemd->connections(), 2);
 }
 
 void TestServiceControl::startThatNeverReportsTimesOut()

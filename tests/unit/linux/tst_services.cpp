@@ -4,6 +4,7 @@
 #include "service/linux/services.h"
 
 #include "service/linux/errors.h"
+#include "service/linux/systemd.h"
 #include "service/linux/unitfile.h"
 #include "tests/unit/linux/fakesystemd.h"
 
@@ -72,6 +73,7 @@ private slots:
     void openNeedsAUnit();
     void deletedServiceCanBeOpenedUntilItStops();
     void deleteDisablesAndRemoves();
+    void deletesWhereNoSystemdRuns();
     void deleteFailures();
     void changesTheDescription();
     void leavesAnAdministratorsLinkAlone();
@@ -302,6 +304,26 @@ void TestServices::deleteDisablesAndRemoves()
     const QByteArrayList expected = {"Reload", "DisableUnitFiles [quill-mere.service] false", "Reload",
                                      "ResetFailedUnit quill-mere.service"};
     QCOMPARE(systemd->calls(), expected);
+    closeServiceHandle(service);
+}
+
+// A rescue system, say, that works on the disk of another.
+void TestServices::deletesWhereNoSystemdRuns()
+{
+    Scm::Handle service = create();
+    const QString wants = systemd->unitFolder() + u"/multi-user.target.wants";
+    const QString link = wants + u"/quill-mere.service";
+    QVERIFY(QDir().mkdir(wants) && QFile::link(unitPath(), link));
+    places().managerSocket = "/nowhere";
+    places().busSocket = "/nowhere";
+    QVERIFY(QDir().mkpath(systemd->runtimeFolder() + u"/systemd/system"));
+    QVERIFY(!deleteService(service)); // it runs, but cannot be reached
+    QCOMPARE(Linux::lastError(), Scm::Dword(ErrorManagerUnavailable));
+    QVERIFY(QFile::exists(unitPath()));
+    QVERIFY(QDir().rmdir(systemd->runtimeFolder() + u"/systemd/system"));
+    QCOMPARE(deleteService(service), 1);
+    QVERIFY(!QFile::exists(unitPath()));
+    QVERIFY(!QFileInfo(link).isSymLink());
     closeServiceHandle(service);
 }
 

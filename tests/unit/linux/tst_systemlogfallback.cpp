@@ -3,7 +3,7 @@
 
 #include "service/linux/systemlog.h"
 
-#include "logreader.h"
+#include "tests/unit/linux/logreader.h"
 
 #include <QFile>
 #include <QTemporaryDir>
