@@ -70,6 +70,7 @@ private slots:
     void printsNamesAsTheyAre();
     void keepsAnOrdinaryName();
     void cutsALongName();
+    void warnsOnceOfEachFault();
     void backslashesEndTheName();
     void instanceIsTheLatestObject();
     void hasPlainDefaults();
@@ -259,8 +260,8 @@ void TestQtServiceBase::consoleStartPassesTheArgumentsOn()
 {
     FakeScm scm;
     scm.services[Name] = {};
-    QCOMPARE(execute({u"one"_s, u"two"_s}).exitCode, 0);
-    QCOMPARE(scm.services.value(Name).startParameters, QStringList({u"one"_s, u"two"_s}));
+    QCOMPARE(execute({u"one"_s, u"Größe"_s}).exitCode, 0);
+    QCOMPARE(scm.services.value(Name).startParameters, QStringList({u"one"_s, u"Größe"_s}));
     // It is starting now; a second start is refused.
     const Outcome again = execute(QStringList());
     QCOMPARE(again.exitCode, -4);
@@ -338,6 +339,21 @@ void TestQtServiceBase::cutsALongName()
     QTest::ignoreMessage(QtWarningMsg, "QtService: 'name' contains backslashes '\\'.");
     const TestService both({}, u'\\' + QString(299, u'x'));
     QCOMPARE(both.serviceName(), QChar(0) + QString(254, u'x'));
+}
+
+void TestQtServiceBase::warnsOnceOfEachFault()
+{
+    static QStringList warnings;
+    warnings.clear();
+    const auto handler = qInstallMessageHandler(
+        [](QtMsgType, const QMessageLogContext &, const QString &text) { warnings.append(text); });
+    {
+        const TestService service({}, u'\\' + QString(299, u'x') + u'\\');
+        (void)service.serviceName();
+    }
+    qInstallMessageHandler(handler);
+    QCOMPARE(warnings, QStringList({u"QtService: 'name' is longer than 255 characters."_s,
+                                    u"QtService: 'name' contains backslashes '\\'."_s}));
 }
 
 void TestQtServiceBase::backslashesEndTheName()

@@ -156,10 +156,10 @@ void TestServiceRuntime::answersTheStopBeforeItReportsTheEnd()
 void TestServiceRuntime::passesTheStartParametersToTheApplication()
 {
     FakeScm scm;
-    scm.launch({Name, u"one"_s, u"with blank"_s});
+    scm.launch({Name, u"one"_s, u"with blank"_s, u"Größe"_s});
     TestService service({u"ignored"_s});
     QCOMPARE(runService(service, [&scm] { stopWhenRunning(scm); }), 0);
-    QCOMPARE(service.applicationArguments, QStringList({Name, u"one"_s, u"with blank"_s}));
+    QCOMPARE(service.applicationArguments, QStringList({Name, u"one"_s, u"with blank"_s, u"Größe"_s}));
 }
 
 void TestServiceRuntime::acceptsControlsByItsFlags_data()
