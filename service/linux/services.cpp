@@ -336,9 +336,10 @@ Scm::Bool queryServiceStatus(Scm::Handle handle, Scm::Status *status)
     if (!systemd.isReached() && ::access(runtimeDirectory(*service).constData(), F_OK) == 0) {
         // Who cannot ask sees the folder that systemd makes as it starts the service, and removes at its end.
         state.state = Scm::StateRunning;
-    } else if (!query(systemd, state)) {
+    } else if (!systemd.query(state)) {
         return 0;
     }
+    // The handle outlives its service: one that was deleted while it ran is gone when it has stopped.
     *status = statusOf(state);
     return 1;
 }
