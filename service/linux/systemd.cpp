@@ -207,7 +207,7 @@ bool Systemd::callManager(const char *method, const char *types, Arguments... ar
         fail(ErrorManagerUnavailable);
         return false;
     }
-    sd_bus_error error = SD_BUS_ERROR_NULL;
+    sd_bus_error error{};
     const int result = sd_bus_call_method(bus, Destination, ManagerObject, ManagerInterface, method, &error,
                                           nullptr, types, arguments...);
     return succeeded(result, error);
@@ -220,7 +220,7 @@ bool Systemd::query(UnitState &state)
         fail(ErrorManagerUnavailable);
         return false;
     }
-    sd_bus_error error = SD_BUS_ERROR_NULL;
+    sd_bus_error error{};
     sd_bus_message *answer = nullptr;
     // An empty interface: the properties of all.
     const int result =
