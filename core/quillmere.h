@@ -39,7 +39,7 @@ class Quillmere : public QObject, public QtService<QCoreApplication>
     Q_OBJECT
 
 public:
-    // argv must outlive the object.
+    // Copies the arguments.
     Quillmere(int argc, char **argv);
     ~Quillmere() override;
     Q_DISABLE_COPY_MOVE(Quillmere)

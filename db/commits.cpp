@@ -74,7 +74,7 @@ bool Quillmere::retryOwedWrites(qint64 milliseconds)
         if (result == WriteResult::Locked) {
             return true;
         }
-        if (spent.hasExpired(milliseconds)) {
+        if (spent.hasExpired(milliseconds) && writes->owed().after(*esn)) {
             lastRetried = esn;
             return false;
         }

@@ -118,7 +118,8 @@ void whileHindered(const QDeadlineTimer &deadline, const std::function<bool()> &
 {
     auto pause = FirstPause;
     while (attempt() && !deadline.hasExpired()) {
-        std::this_thread::sleep_for(std::min(pause, deadline.remainingTimeAsDuration()));
+        // Some systems do not sleep at all for less than the first pause.
+        std::this_thread::sleep_for(std::clamp(deadline.remainingTimeAsDuration(), FirstPause, pause));
         pause = std::min(2 * pause, LongestPause);
     }
 }

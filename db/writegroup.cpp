@@ -170,7 +170,7 @@ WriteResult WriteGroup::writeAgain(bool mayBeStored)
             result = fail(write, lastStep(write.kind), SQLITE_BUSY, mayBeStored);
         } else {
             result = writeAlone(write, mayBeStored);
-            locked = lockOutlasted;
+            locked = result == WriteResult::Locked;
         }
     }
     return result;

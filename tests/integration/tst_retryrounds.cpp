@@ -1,6 +1,7 @@
 // SPDX-FileCopyrightText: 2026 The Quillmere developers
 // SPDX-License-Identifier: MIT
 
+#include "db/sqlite.h"
 #include "db/writegroup.h"
 #include "tests/support/databaselock.h"
 #include "tests/support/failingstatements.h"
@@ -8,9 +9,12 @@
 
 #include <QProperty>
 #include <QTest>
+#include <QThread>
 #include <QTimer>
 
 #include <sqlite3.h>
+
+#include <functional>
 
 using namespace Qt::StringLiterals;
 
@@ -85,6 +89,19 @@ QMR::WriteResult resultOfTheSecondRetry(const TestServer &server)
                                        QMR::SubscriberRow(*server->findRadio(esnOf(0))));
 }
 
+// The server's own connection, with an SQL function that calls ours.
+QSqlDatabase connectionWith(const char *name, const std::function<int()> &function)
+{
+    const QSqlDatabase connection = QSqlDatabase::database();
+    sqlite3_create_function_v2(
+        QMR::Sqlite::handle(connection), name, 0, SQLITE_UTF8, new std::function<int()>(function),
+        [](sqlite3_context *context, int, sqlite3_value **) {
+            sqlite3_result_int(context, (*static_cast<std::function<int()> *>(sqlite3_user_data(context)))());
+        },
+        nullptr, nullptr, [](void *own) { delete static_cast<std::function<int()> *>(own); });
+    return connection;
+}
+
 } // namespace
 
 // When what is owed is tried again, how much of it at a time, and in which order.
@@ -157,6 +174,33 @@ private slots:
         }
     }
 
+    void roundWhoseTimeEndsWithItsLastRadioIsWhole()
+    {
+        ImpatientServer server;
+        registers(server, 0);
+        registers(server, 1);
+        {
+            const DatabaseLock lock(server.folder.databaseFile(), DatabaseLock::Reserved);
+            server->deregisterRadio(esnOf(0), addressOf(0));
+            registers(server, 1, 2);
+        }
+        const FailingStatements statements(server, SQLITE_FULL);
+        statements.begin(u"DELETE"_s);
+        int writes = 0;
+        const QSqlDatabase connection = connectionWith("slow", [&writes] {
+            QThread::msleep(30); // a round has 20
+            return ++writes;
+        });
+        runSql(connection, u"CREATE TEMP TRIGGER slow BEFORE UPDATE ON subscribers WHEN slow() > 1 "
+                           "BEGIN SELECT RAISE(FAIL, 'no'); END"_s);
+        server.expireRetry();
+        QCOMPARE(writes, 1);
+        QVERIFY(isOwed(server, 0));
+        QVERIFY(!isOwed(server, 1));
+        QCOMPARE(server->timerForRetry().interval(), Pause);
+        statements.end();
+    }
+
     // Nothing else is written in it, and its commit succeeds.
     void roundThatMeetsALockAtItsWriteIsNotFollowedAtOnce()
     {
@@ -201,6 +245,51 @@ private slots:
             QCOMPARE(resultOfTheSecondRetry(server), QMR::WriteResult::Locked);
         }
         QCOMPARE(resultOfTheSecondRetry(server), QMR::WriteResult::Failed);
+    }
+
+    // Radio 0 fails by itself after the loss: that is no reason not to try radio 1.
+    void lockThatIsOverKeepsNoneOfALostGroupFromItsTry()
+    {
+        ImpatientServer server;
+        registers(server, 0);
+        registers(server, 1);
+        registers(server, 2);
+        {
+            const DatabaseLock lock(server.folder.databaseFile(), DatabaseLock::Reserved);
+            registers(server, 3);
+        }
+        QVERIFY(server->writeGroup()->isLockedOut());
+        int tries = 0;
+        const QSqlDatabase connection = connectionWith("tries", [&tries] { return ++tries; });
+        runSql(connection, u"CREATE TEMP TRIGGER first BEFORE UPDATE ON subscribers WHEN hex(NEW.esn) LIKE "
+                           "'%00' AND tries() > 1 BEGIN SELECT RAISE(FAIL, 'no'); END"_s);
+        runSql(connection, u"CREATE TEMP TRIGGER last BEFORE UPDATE ON subscribers WHEN hex(NEW.esn) LIKE "
+                           "'%02' BEGIN SELECT RAISE(ROLLBACK, 'no'); END"_s);
+        {
+            const QMR::WriteTurn turn(server->writeGroup());
+            registers(server, 0, 2);
+            registers(server, 1, 2);
+            registers(server, 2, 2);
+        }
+        QCOMPARE(tries, 2);
+        QVERIFY(!isOwed(server, 1));
+        QCOMPARE(stored(server, 2), 1);
+    }
+
+    void whatFollowsALostGroupIsAGroupAgain()
+    {
+        ImpatientServer server;
+        registers(server, 0);
+        registers(server, 1);
+        server.query(u"CREATE TRIGGER stop BEFORE UPDATE ON subscribers WHEN hex(NEW.esn) LIKE '%00' "
+                     "BEGIN SELECT RAISE(ROLLBACK, 'no'); END"_s);
+        {
+            const QMR::WriteTurn turn(server->writeGroup());
+            registers(server, 0, 2);
+            registers(server, 1, 2);
+            QCOMPARE(stored(server, 2), 0);
+        }
+        QCOMPARE(stored(server, 2), 1);
     }
 
     void whatFailsAgainDoesNotKeepTheOthersFromTheirTurn()
