@@ -46,15 +46,99 @@ class TestApplicationConnection : public QObject
     Q_OBJECT
 
 private slots:
-    void init();
-    void cleanup();
-    void whatIsMoreThanAllowedIsLostNoticeByNotice();
-    void whatIsMoreThanAllowedIsLostBehindTheTableToo();
-    void noticesOfABrokenConnectionAreLost();
-    void nothingIsLostOnceItHasEnded();
-    void theWaitForTheRestIsSupervisedToTheMillisecond();
-    void aTimeoutIsNoErrorOnlyWhileItLooksAgain();
-    void nothingIsAwaitedOnceItHasEnded();
+    void init()
+    {
+        server = std::make_unique<QTcpServer>();
+        QVERIFY(server->listen(QHostAddress::LocalHost));
+        application = std::make_unique<QTcpSocket>();
+        application->connectToHost(server->serverAddress(), server->serverPort());
+        QVERIFY(server->waitForNewConnection(5000));
+        QVERIFY(application->waitForConnected(5000));
+        connection = new QMR::ApplicationConnection(server->nextPendingConnection());
+    }
+
+    void cleanup()
+    {
+        application.reset();
+        server.reset(); // and the connection with it
+    }
+
+    void whatIsMoreThanAllowedIsLostNoticeByNotice()
+    {
+        connection->completeTable();
+        const qint64 room = notice(1).size() + notice(2).size();
+        QCOMPARE(connection->tell(notices({1, 2, 3, 4}), room), 2);
+        QCOMPARE(connection->tell(notice(5), Unlimited), 0);
+        const QByteArray kept = notices({1, 2, 5});
+        QCOMPARE(received(kept.size()), kept);
+    }
+
+    void whatIsMoreThanAllowedIsLostBehindTheTableToo()
+    {
+        connection->tellOfTable(esnOf(2), notice(2));
+        // The radio after the last one of the table so far will be in the table.
+        QCOMPARE(connection->tell(notices({1, 2, 3}), notice(1).size()), 1);
+        QCOMPARE(connection->unsent(), notice(2).size() + notice(1).size());
+        connection->completeTable();
+        const QByteArray kept = notices({2, 1});
+        QCOMPARE(received(kept.size()), kept);
+    }
+
+    void noticesOfABrokenConnectionAreLost()
+    {
+        connection->completeTable();
+        connection->socket().abort();
+        QTest::ignoreMessage(QtWarningMsg, "QIODevice::write (QTcpSocket): device not open");
+        QTest::ignoreMessage(QtWarningMsg, "QIODevice::write (QTcpSocket): device not open");
+        QTest::ignoreMessage(QtWarningMsg, "QIODevice::write (QTcpSocket): device not open");
+        QCOMPARE(connection->tell(notices({1, 2}), Unlimited), 2);
+    }
+
+    void nothingIsLostOnceItHasEnded()
+    {
+        connection->completeTable();
+        connection->end(QString());
+        QCOMPARE(connection->tell(notices({1, 2}), 0), 0);
+    }
+
+    void theWaitForTheRestIsSupervisedToTheMillisecond()
+    {
+        applicationSends("QM");
+        QVERIFY(!connection->hasMessage());
+        const auto *timer = connection->findChild<QTimer *>();
+        QVERIFY(timer->isActive());
+        QCOMPARE(timer->interval(), 500);
+        // Any other kind may be late, or early, by a twentieth.
+        QCOMPARE(timer->timerType(), Qt::PreciseTimer);
+    }
+
+    void aTimeoutIsNoErrorOnlyWhileItLooksAgain()
+    {
+        bool wasLooking = false;
+        connect(&connection->socket(), &QTcpSocket::errorOccurred, this,
+                [&] { wasLooking = connection->isLookingAgain(); });
+        applicationSends("QM");
+        QVERIFY(!connection->hasMessage());
+        QVERIFY(!connection->isLookingAgain());
+        QSignalSpy waitEnded(connection, &QMR::ApplicationConnection::waitEnded);
+        QVERIFY(waitEnded.wait(5000));
+        QVERIFY(wasLooking);
+        QVERIFY(!connection->isLookingAgain());
+    }
+
+    void nothingIsAwaitedOnceItHasEnded()
+    {
+        const auto *timer = connection->findChild<QTimer *>();
+        applicationSends("QM");
+        QVERIFY(!connection->hasMessage());
+        QVERIFY(timer->isActive());
+        applicationSends("RA");
+        connection->end(QString());
+        QVERIFY(!timer->isActive());
+        QVERIFY(!connection->hasMessage());
+        QVERIFY(connection->isAwaiting());
+        QVERIFY(!timer->isActive());
+    }
 
 private:
     void applicationSends(const QByteArray &bytes);
@@ -64,23 +148,6 @@ private:
     std::unique_ptr<QTcpSocket> application;
     QMR::ApplicationConnection *connection = nullptr;
 };
-
-void TestApplicationConnection::init()
-{
-    server = std::make_unique<QTcpServer>();
-    QVERIFY(server->listen(QHostAddress::LocalHost));
-    application = std::make_unique<QTcpSocket>();
-    application->connectToHost(server->serverAddress(), server->serverPort());
-    QVERIFY(server->waitForNewConnection(5000));
-    QVERIFY(application->waitForConnected(5000));
-    connection = new QMR::ApplicationConnection(server->nextPendingConnection());
-}
-
-void TestApplicationConnection::cleanup()
-{
-    application.reset();
-    server.reset(); // and the connection with it
-}
 
 void TestApplicationConnection::applicationSends(const QByteArray &bytes)
 {
@@ -99,83 +166,6 @@ QByteArray TestApplicationConnection::received(qsizetype size)
         bytes += application->readAll();
     }
     return bytes;
-}
-
-void TestApplicationConnection::whatIsMoreThanAllowedIsLostNoticeByNotice()
-{
-    connection->completeTable();
-    const qint64 room = notice(1).size() + notice(2).size();
-    QCOMPARE(connection->tell(notices({1, 2, 3, 4}), room), 2);
-    QCOMPARE(connection->tell(notice(5), Unlimited), 0);
-    const QByteArray kept = notices({1, 2, 5});
-    QCOMPARE(received(kept.size()), kept);
-}
-
-void TestApplicationConnection::whatIsMoreThanAllowedIsLostBehindTheTableToo()
-{
-    connection->tellOfTable(esnOf(2), notice(2));
-    // The radio after the last one of the table so far will be in the table.
-    QCOMPARE(connection->tell(notices({1, 2, 3}), notice(1).size()), 1);
-    QCOMPARE(connection->unsent(), notice(2).size() + notice(1).size());
-    connection->completeTable();
-    const QByteArray kept = notices({2, 1});
-    QCOMPARE(received(kept.size()), kept);
-}
-
-void TestApplicationConnection::noticesOfABrokenConnectionAreLost()
-{
-    connection->completeTable();
-    connection->socket().abort();
-    QTest::ignoreMessage(QtWarningMsg, "QIODevice::write (QTcpSocket): device not open");
-    QTest::ignoreMessage(QtWarningMsg, "QIODevice::write (QTcpSocket): device not open");
-    QTest::ignoreMessage(QtWarningMsg, "QIODevice::write (QTcpSocket): device not open");
-    QCOMPARE(connection->tell(notices({1, 2}), Unlimited), 2);
-}
-
-void TestApplicationConnection::nothingIsLostOnceItHasEnded()
-{
-    connection->completeTable();
-    connection->end(QString());
-    QCOMPARE(connection->tell(notices({1, 2}), 0), 0);
-}
-
-void TestApplicationConnection::theWaitForTheRestIsSupervisedToTheMillisecond()
-{
-    applicationSends("QM");
-    QVERIFY(!connection->hasMessage());
-    const auto *timer = connection->findChild<QTimer *>();
-    QVERIFY(timer->isActive());
-    QCOMPARE(timer->interval(), 500);
-    // Any other kind may be late, or early, by a twentieth.
-    QCOMPARE(timer->timerType(), Qt::PreciseTimer);
-}
-
-void TestApplicationConnection::aTimeoutIsNoErrorOnlyWhileItLooksAgain()
-{
-    bool wasLooking = false;
-    connect(&connection->socket(), &QTcpSocket::errorOccurred, this,
-            [&] { wasLooking = connection->isLookingAgain(); });
-    applicationSends("QM");
-    QVERIFY(!connection->hasMessage());
-    QVERIFY(!connection->isLookingAgain());
-    QSignalSpy waitEnded(connection, &QMR::ApplicationConnection::waitEnded);
-    QVERIFY(waitEnded.wait(5000));
-    QVERIFY(wasLooking);
-    QVERIFY(!connection->isLookingAgain());
-}
-
-void TestApplicationConnection::nothingIsAwaitedOnceItHasEnded()
-{
-    const auto *timer = connection->findChild<QTimer *>();
-    applicationSends("QM");
-    QVERIFY(!connection->hasMessage());
-    QVERIFY(timer->isActive());
-    applicationSends("RA");
-    connection->end(QString());
-    QVERIFY(!timer->isActive());
-    QVERIFY(!connection->hasMessage());
-    QVERIFY(connection->isAwaiting());
-    QVERIFY(!timer->isActive());
 }
 
 QTEST_GUILESS_MAIN(TestApplicationConnection)
