@@ -144,7 +144,7 @@ private slots:
         passTime(PendingLifetime * 1000);
         ScriptedRadio radio(server->registrationPort(), 1);
         radio.registers();
-        server->expireHeartbeat();
+        beginLapse();
         QVERIFY(pending() < RadioCount);
         QVERIFY(runsUntil([&radio] { return radio.hasReceived(); }));
         QVERIFY(pending() > 0);
@@ -156,7 +156,7 @@ private slots:
     {
         insertPending();
         passTime(PendingLifetime * 1000);
-        server->expireHeartbeat();
+        beginLapse();
         const auto last = (*server)->findRadio(esnOf(0));
         QVERIFY(last);
         (*server)->refreshPending(last, false);
@@ -172,7 +172,7 @@ private slots:
         insertPending();
         passTime(PendingLifetime * 1000);
         server->log.take();
-        server->expireHeartbeat();
+        beginLapse();
         QVERIFY(runsUntil([this] { return pending() == 0; }));
         const QStringList messages = server->log.takeMessages();
         QCOMPARE(messages.size(), qsizetype{RadioCount});
@@ -186,7 +186,7 @@ private slots:
     {
         insertPending();
         passTime(PendingLifetime * 1000);
-        server->expireHeartbeat();
+        beginLapse();
         server->stop();
         server->log.take();
         haveTurns();
@@ -196,12 +196,15 @@ private slots:
         radio.registersPending();
         QVERIFY(radio.isAcknowledged());
         passTime(PendingLifetime * 1000);
-        server->expireHeartbeat();
+        beginLapse();
         QCOMPARE((*server)->awaitingConfirmation().size(), size_t{0});
     }
 
 private:
     void passTime(qint64 milliseconds) { server->clock.set(server->clock.now().addMSecs(milliseconds)); }
+
+    // Its first slice.
+    void beginLapse() const { server->expire("eventHeartbeatTimerExpired"); }
 
     static void haveTurns()
     {

@@ -90,6 +90,15 @@ void TestServer::expire(const char *slot) const
     }
 }
 
+void TestServer::expireHeartbeat() const
+{
+    const size_t most = server->awaitingConfirmation().size(); // a slice has one radio at least
+    expire("eventHeartbeatTimerExpired");
+    for (size_t slices = 1; slices < most; ++slices) {
+        QCoreApplication::sendPostedEvents(server.get(), QEvent::MetaCall);
+    }
+}
+
 void TestServer::expireRetry() const
 {
     QTimerEvent expired(server->timerForRetry().timerId());

@@ -45,7 +45,8 @@ public:
     // Runs one of the timer slots, as if its timer had expired.
     void expire(const char *slot) const;
     void expireDiscovery() const { expire("eventDiscoveryTimerExpired"); }
-    void expireHeartbeat() const { expire("eventHeartbeatTimerExpired"); }
+    // With all slices of the lapse that it begins, however slow the machine.
+    void expireHeartbeat() const;
     void expireTimeoutCheck() const { expire("eventTimeoutCheckTimerExpired"); }
     // The same for the timer of the writes that are owed.
     void expireRetry() const;
