@@ -1,9 +1,9 @@
 // SPDX-FileCopyrightText: 2026 The Quillmere developers
 // SPDX-License-Identifier: MIT
 
-// What the operating system provides, and nothing above a platform's folder asks for elsewhere. Each platform
-// folder defines the one object; nothing above that folder asks which platform it runs on. A test replaces
-// what it fakes of the object, and puts it back.
+// What the program asks of the operating system other than through Qt and libraries. There is one Platform
+// object; the folder of each platform defines it, and no other code depends on the platform. A test replaces
+// the members that it fakes, and puts them back.
 #pragma once
 
 #include "service/scm.h"

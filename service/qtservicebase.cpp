@@ -23,6 +23,8 @@ QString cleaned(QString name)
         // Deliberately U+0000: a platform call that takes the name then sees it end at the first backslash.
         name.replace(u'\\', QChar(0));
     }
+    // utf16(), which several threads call, reallocates the text of a literal.
+    name.detach();
     return name;
 }
 
@@ -31,7 +33,6 @@ QString cleaned(QString name)
 QtServiceBase::QtServiceBase(int argc, char **argv, const QString &serviceName)
     : name(cleaned(serviceName)), controller(name)
 {
-    name.detach(); // see QtServiceController
     serviceObject = this;
     for (int i = 0; i < argc; ++i) {
         arguments.append(QString::fromLocal8Bit(argv[i]));

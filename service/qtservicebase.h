@@ -24,7 +24,7 @@ public:
     enum ServiceFlag { Default = 0, CanBeSuspended = 1, CannotBeStopped = 2, NeedsStopOnShutdown = 4 };
     Q_DECLARE_FLAGS(ServiceFlags, ServiceFlag)
 
-    // argv must outlive the object. A name over 255 characters is cut, and its backslashes become U+0000;
+    // Copies the arguments. A name over 255 characters is cut, and its backslashes become U+0000;
     // each with a Qt warning.
     QtServiceBase(int argc, char **argv, const QString &name);
     virtual ~QtServiceBase();

@@ -99,9 +99,6 @@ void describe(Scm::Handle service)
 
 QtServiceController::QtServiceController(QString serviceName) : name(std::move(serviceName))
 {
-    // Even a literal's text is its own from here on: taking the characters of one that is not changes the
-    // string, under the feet of other threads.
-    name.detach();
 }
 
 bool QtServiceController::isInstalled() const

@@ -14,8 +14,6 @@ class QtServiceController
 public:
     explicit QtServiceController(QString serviceName);
 
-    QString serviceName() const { return name; }
-
     bool isInstalled() const;
     // True in every state but stopped, the pending ones included.
     bool isRunning() const;

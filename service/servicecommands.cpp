@@ -14,6 +14,12 @@ namespace {
 constexpr int ActionFailed = -1;
 constexpr int StartFailed = -4;
 
+// Prints one line about the service to standard error.
+void complain(const QString &name, const char *what)
+{
+    static_cast<void>(std::fprintf(stderr, "The service %s %s\n", name.toLatin1().constData(), what));
+}
+
 } // namespace
 
 int QtServiceBase::exec()
@@ -49,34 +55,30 @@ int QtServiceBase::exec()
 
 int QtServiceBase::commandInstall()
 {
-    const QByteArray latin1 = name.toLatin1();
     if (controller.isInstalled()) {
-        static_cast<void>(std::fprintf(stderr, "The service %s is already installed\n", latin1.constData()));
+        complain(name, "is already installed");
         return 0;
     }
     if (!controller.install(arguments.value(2), arguments.value(3))) {
-        static_cast<void>(
-            std::fprintf(stderr, "The service %s could not be installed\n", latin1.constData()));
+        complain(name, "could not be installed");
         return ActionFailed;
     }
-    std::printf("The service %s has been installed under: %s\n", latin1.constData(),
+    std::printf("The service %s has been installed under: %s\n", name.toLatin1().constData(),
                 QtServiceController::serviceFilePath().toLatin1().constData());
     return 0;
 }
 
 int QtServiceBase::commandUninstall()
 {
-    const QByteArray latin1 = name.toLatin1();
     if (!controller.isInstalled()) {
-        static_cast<void>(std::fprintf(stderr, "The service %s is not installed\n", latin1.constData()));
+        complain(name, "is not installed");
         return 0;
     }
     if (!controller.uninstall()) {
-        static_cast<void>(
-            std::fprintf(stderr, "The service %s could not be uninstalled\n", latin1.constData()));
+        complain(name, "could not be uninstalled");
         return ActionFailed;
     }
-    std::printf("The service %s has been uninstalled.\n", latin1.constData());
+    std::printf("The service %s has been uninstalled.\n", name.toLatin1().constData());
     return 0;
 }
 
@@ -148,8 +150,7 @@ int QtServiceBase::commandHelp()
 int QtServiceBase::commandStart()
 {
     if (run(true, arguments) != 0) {
-        static_cast<void>(
-            std::fprintf(stderr, "The service %s could not start\n", name.toLatin1().constData()));
+        complain(name, "could not start");
         return StartFailed;
     }
     return 0;

@@ -2,7 +2,6 @@
 // SPDX-License-Identifier: MIT
 
 // The two ways to run the server: under the service manager, and in the foreground.
-#include "service/commandline.h"
 #include "service/handlerthread.h"
 #include "service/platform.h"
 #include "service/qtserviceappeventfilter.h"
@@ -12,8 +11,10 @@
 #include "service/serviceruntime.h"
 
 #include <QAbstractEventDispatcher>
+#include <QByteArray>
 #include <QCoreApplication>
 #include <QScopeGuard>
+#include <QStringList>
 #include <QTimer>
 
 #include <memory>
@@ -24,6 +25,31 @@ namespace {
 
 constexpr unsigned StartTimeout = 20000; // ms
 constexpr unsigned EndTimeout = 1000;    // ms
+
+// A command line in the local 8-bit encoding, as an application object wants it: it refers to it all its
+// life.
+class CommandLine
+{
+public:
+    explicit CommandLine(const QStringList &arguments) : count(static_cast<int>(arguments.size()))
+    {
+        for (const QString &argument : arguments) {
+            texts.push_back(argument.toLocal8Bit());
+        }
+        for (QByteArray &text : texts) {
+            pointers.push_back(text.data());
+        }
+        pointers.push_back(nullptr);
+    }
+    Q_DISABLE_COPY_MOVE(CommandLine)
+
+    int count = 0;
+    char **vector() { return pointers.data(); }
+
+private:
+    std::vector<QByteArray> texts;
+    std::vector<char *> pointers; // into texts, then a null pointer
+};
 
 // Deletes the thread if it has finished. One that has not is left alone for good, and kept where it can be
 // found: its dispatcher is out of our hands, and the process is about to end.

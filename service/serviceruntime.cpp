@@ -33,12 +33,6 @@ Scm::Dword acceptedControls(QtServiceBase::ServiceFlags flags)
     return accepted;
 }
 
-// A copy that shares nothing: the threads that take its characters must not find it growing its terminator.
-QString ownCopy(const QString &text)
-{
-    return QString(text.constData(), text.size());
-}
-
 } // namespace
 
 std::shared_ptr<ServiceRuntime> ServiceRuntime::create(const QtServiceBase &service)
@@ -55,7 +49,7 @@ std::shared_ptr<ServiceRuntime> ServiceRuntime::current()
     return currentRuntime;
 }
 
-ServiceRuntime::ServiceRuntime(const QtServiceBase &service) : name(ownCopy(service.serviceName()))
+ServiceRuntime::ServiceRuntime(const QtServiceBase &service) : name(service.serviceName())
 {
     // Reported whatever account the service runs under, although it is installed with the second bit only for
     // LocalSystem.

@@ -17,8 +17,8 @@ class QtServiceBase;
 
 // One run under the service manager: the status that it is told, and the hand-over between its threads and
 // the main thread. The main thread creates the record and ends it; the service manager's threads find it
-// through current() and keep it alive while they are inside. No record, or one that has ended: their calls do
-// nothing.
+// through current() and keep it alive while they are inside. A call that finds no record does nothing; one
+// that is inside when the run ends waits for the main thread no longer.
 class ServiceRuntime
 {
 public:

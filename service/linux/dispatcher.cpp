@@ -19,12 +19,11 @@
 #include <sys/eventfd.h>
 #include <unistd.h>
 
-#include <atomic>
-#include <memory>
 #include <mutex>
 #include <optional>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 namespace Linux {
@@ -36,6 +35,7 @@ struct Told
 {
     Scm::ControlHandler handler = nullptr;
     std::optional<Scm::Status> status;
+    bool mainHasReturned = false; // it can register a handler until then
 
     bool isReady() const
     {
@@ -67,53 +67,22 @@ Told told()
     return service().told;
 }
 
-// The service main function, on a thread of its own. A function that hangs outlives this object, with copies
-// of all that it was given.
-class MainThread
+// On a thread of its own, which may hang here for ever: whatever it uses is its own or lives as long.
+void runServiceMain(Scm::ServiceMain main, std::vector<std::u16string> parameters)
 {
-public:
-    MainThread(const Scm::TableEntry &entry, const QByteArray &runtimeDirectory)
-        : returned(std::make_shared<std::atomic<bool>>(false))
-    {
-        // As on Windows the first parameter is the service's name.
-        std::vector<std::u16string> parameters = {entry.name};
-        const QStringList given = takeStartParameters(runtimeDirectory);
-        for (const QString &parameter : given) {
-            parameters.push_back(parameter.toStdU16String());
-        }
-        thread = std::thread(run, entry.main, std::move(parameters), returned);
+    std::vector<Scm::Char *> argv;
+    argv.reserve(parameters.size() + 1);
+    for (std::u16string &parameter : parameters) {
+        argv.push_back(parameter.data());
     }
-    ~MainThread()
+    argv.push_back(nullptr);
+    main(static_cast<Scm::Dword>(parameters.size()), argv.data());
     {
-        if (hasReturned()) {
-            thread.join();
-        } else {
-            thread.detach();
-        }
+        const std::lock_guard lock(service().mutex);
+        service().told.mainHasReturned = true;
     }
-    MainThread(const MainThread &) = delete;
-    MainThread &operator=(const MainThread &) = delete;
-
-    bool hasReturned() const { return *returned; }
-
-private:
-    static void run(Scm::ServiceMain main, std::vector<std::u16string> parameters,
-                    const std::shared_ptr<std::atomic<bool>> &returned)
-    {
-        std::vector<Scm::Char *> argv;
-        argv.reserve(parameters.size() + 1);
-        for (std::u16string &parameter : parameters) {
-            argv.push_back(parameter.data());
-        }
-        argv.push_back(nullptr);
-        main(static_cast<Scm::Dword>(parameters.size()), argv.data());
-        *returned = true;
-        ::eventfd_write(service().wake, 1);
-    }
-
-    std::shared_ptr<std::atomic<bool>> returned;
-    std::thread thread;
-};
+    ::eventfd_write(service().wake, 1);
+}
 
 // systemd names the process it has started beside the socket; a child of some other service only inherits
 // both.
@@ -123,19 +92,11 @@ bool isStartedBySystemd()
     return !qgetenv("NOTIFY_SOCKET").isEmpty() && (pid.isEmpty() || pid.toInt() == ::getpid());
 }
 
-// systemd lists there every directory that the unit and its drop-ins name, in an order of its own. All of
-// them lie below one folder: of those named as the unit is, the shortest lies directly in it.
+// Empty where systemd has made none. It lists all that the unit and its drop-ins name.
 QByteArray ownRuntimeDirectory(const QString &serviceName)
 {
-    const QByteArrayList directories = qgetenv("RUNTIME_DIRECTORY").split(':');
-    const QByteArray ending = '/' + unitName(serviceName).toLatin1();
-    QByteArray own = directories.first();
-    for (const QByteArray &directory : directories) {
-        if (directory.endsWith(ending) && (!own.endsWith(ending) || directory.size() < own.size())) {
-            own = directory;
-        }
-    }
-    return own;
+    const QByteArray own = runtimeDirectory(unitName(serviceName));
+    return qgetenv("RUNTIME_DIRECTORY").split(':').contains(own) ? own : QByteArray();
 }
 
 // Whether a service that accepts these takes the control now: 0 or the error.
@@ -169,7 +130,7 @@ ControlAnswer carryOut(Scm::Dword control)
 }
 
 // Until the service has stopped.
-void dispatch(ControlSocket &socket, const MainThread &main)
+void dispatch(ControlSocket &socket)
 {
     bool mustStop = false;
     for (;;) {
@@ -180,7 +141,6 @@ void dispatch(ControlSocket &socket, const MainThread &main)
         (void)::eventfd_read(service().wake, &count);
         mustStop = StopSignals::take() || mustStop;
 
-        const bool mainHasReturned = main.hasReturned(); // first: it can register a handler until then
         const Told now = told();
         if (now.hasStopped()) {
             return;
@@ -188,7 +148,7 @@ void dispatch(ControlSocket &socket, const MainThread &main)
         if (mustStop && now.isReady()) {
             mustStop = false;
             now.handler(Scm::ControlStop);
-        } else if (mustStop && mainHasReturned && !now.handler) {
+        } else if (mustStop && now.mainHasReturned && !now.handler) {
             StopSignals::endProcess(); // it can never be told to stop
         }
         socket.serve(carryOut);
@@ -218,7 +178,7 @@ Scm::Bool startServiceCtrlDispatcher(const Scm::TableEntry *table)
     }
     Service &s = service();
     if (s.wake < 0) {
-        return fail(Scm::ErrorFailedControllerConnect);
+        return fail(ErrorManagerUnavailable); // another error than that of a console start
     }
     {
         const std::lock_guard lock(s.mutex);
@@ -233,8 +193,14 @@ Scm::Bool startServiceCtrlDispatcher(const Scm::TableEntry *table)
         const QByteArray runtimeDirectory = ownRuntimeDirectory(Scm::toString(table->name));
         ControlSocket socket(runtimeDirectory.isEmpty() ? QByteArray()
                                                         : runtimeDirectory + ControlSocketName);
-        const MainThread main(*table, runtimeDirectory);
-        dispatch(socket, main);
+        // As on Windows the first parameter is the service's name.
+        std::vector<std::u16string> parameters = {table->name};
+        const QStringList given = takeStartParameters(runtimeDirectory);
+        for (const QString &parameter : given) {
+            parameters.push_back(parameter.toStdU16String());
+        }
+        std::thread(runServiceMain, table->main, std::move(parameters)).detach();
+        dispatch(socket);
     }
     const std::lock_guard lock(s.mutex);
     s.isDispatched = false;

@@ -10,16 +10,20 @@
 #include <QJsonDocument>
 
 #include <fcntl.h>
+#include <poll.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <mutex>
 
 namespace Linux {
 
 namespace {
+
+constexpr int ErrorOutputPatience = 1000; // ms
 
 struct EventSource
 {
@@ -102,6 +106,16 @@ const char *typeName(Scm::Word type)
     }
 }
 
+// Whoever reads the error output and falls behind is waited for once, then not until it has read.
+bool errorOutputTakesMore()
+{
+    static std::atomic patience = ErrorOutputPatience;
+    pollfd output = {STDERR_FILENO, POLLOUT, 0};
+    const bool takesMore = ::poll(&output, 1, patience) > 0;
+    patience = takesMore ? ErrorOutputPatience : 0;
+    return takesMore;
+}
+
 bool writeAll(int descriptor, QByteArray bytes)
 {
     while (!bytes.isEmpty()) {
@@ -133,7 +147,7 @@ bool writeEvent(const EventRecord &record)
 {
     const QByteArray sink = qgetenv("QUILLMERE_EVENTLOG");
     if (sink == "stderr") {
-        return writeAll(STDERR_FILENO, jsonLine(record));
+        return errorOutputTakesMore() && writeAll(STDERR_FILENO, jsonLine(record));
     }
     if (!sink.isEmpty()) {
         static RecordFile file;

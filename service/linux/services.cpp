@@ -45,11 +45,6 @@ Scm::Handle noHandle(Scm::Dword error)
     return nullptr;
 }
 
-QByteArray runtimeDirectory(const ServiceHandle &service)
-{
-    return places().runtimeFolder + '/' + service.unit.toLatin1();
-}
-
 QString ownUnitFile(const QString &unit)
 {
     return QFile::decodeName(places().unitFolders.first()) + u'/' + unit + u".service";
@@ -68,7 +63,7 @@ QString unitFile(const QString &unit)
     return {};
 }
 
-// What enabling the unit makes.
+// The link that starts the unit with the machine.
 QString linkAtBoot(const QString &unit)
 {
     return QFile::decodeName(places().unitFolders.first()) + u"/multi-user.target.wants/" + unit +
@@ -88,7 +83,7 @@ bool isOurs(const QString &file, const QString &unit)
     return file == ownUnitFile(unit) && !QFileInfo(file).isSymLink();
 }
 
-// A file that is not there or is not ours has nothing to lose; one that is there is replaced as a whole.
+// Replaces the file as a whole, so that a failed write leaves the old one.
 bool writeUnit(const QString &unit, const QByteArray &content)
 {
     QSaveFile file(ownUnitFile(unit));
@@ -159,12 +154,12 @@ Beginning beginning(const UnitState &state, const QByteArray &invocationBefore)
     }
 }
 
+// state: what the unit was last seen in.
 bool waitForBeginning(std::unique_ptr<Systemd> systemd, const QString &unit,
-                      const QByteArray &invocationBefore)
+                      const QByteArray &invocationBefore, UnitState &state)
 {
     const QDeadlineTimer deadline(places().timeoutMilliseconds);
     do {
-        UnitState state;
         if (!systemd->query(state)) {
             // One that was started anew has closed the connection.
             systemd.reset();
@@ -196,13 +191,13 @@ bool canBeSent(Scm::Dword control)
 Scm::Bool stop(Systemd &systemd, Scm::Status *status)
 {
     UnitState state;
-    if (!systemd.stop() || !systemd.query(state)) {
+    if (!systemd.stop()) {
         return 0;
     }
+    // systemd has taken it, whether or not it can still be asked; it may not have begun yet.
+    const bool hasStopped = systemd.query(state) && state.state == Scm::StateStopped;
     *status = statusOf(state);
-    if (state.state != Scm::StateStopped) {
-        status->currentState = Scm::StateStopPending; // systemd may not have begun yet
-    }
+    status->currentState = hasStopped ? Scm::StateStopped : Scm::StateStopPending;
     return 1;
 }
 
@@ -315,12 +310,13 @@ Scm::Bool changeServiceConfig2(Scm::Handle handle, Scm::Dword infoLevel, void *i
         return fail(infoLevel == Scm::ConfigDescription ? ErrorInvalidParameter : ErrorInvalidLevel);
     }
     QFile file(unitFile(service->unit));
-    if (!isOurs(file.fileName(), service->unit) || !file.open(QIODevice::ReadOnly)) {
+    const bool isReadable = isOurs(file.fileName(), service->unit) && file.open(QIODevice::ReadOnly);
+    const QByteArray text = isReadable ? file.readAll() : QByteArray();
+    if (text.isEmpty()) { // or its reading has failed
         return fail(Scm::ErrorAccessDenied);
     }
     const QString description = Scm::toString(static_cast<Scm::Description *>(info)->text);
-    return writeUnit(service->unit, withDescription(file.readAll(), description)) &&
-                   Systemd(service->unit).reload()
+    return writeUnit(service->unit, withDescription(text, description)) && Systemd(service->unit).reload()
                ? 1
                : 0;
 }
@@ -333,7 +329,7 @@ Scm::Bool queryServiceStatus(Scm::Handle handle, Scm::Status *status)
     }
     Systemd systemd(service->unit);
     UnitState state;
-    if (!systemd.isReached() && ::access(runtimeDirectory(*service).constData(), F_OK) == 0) {
+    if (!systemd.isReached() && ::access(runtimeDirectory(service->unit).constData(), F_OK) == 0) {
         // Who cannot ask sees the folder that systemd makes as it starts the service, and removes at its end.
         state.state = Scm::StateRunning;
     } else if (!systemd.query(state)) {
@@ -365,20 +361,24 @@ Scm::Bool startService(Scm::Handle handle, Scm::Dword argc, const Scm::Char **ar
     for (Scm::Dword i = 0; i < argc; ++i) {
         parameters.append(Scm::toString(argv[i]));
     }
-    const QByteArray directory = runtimeDirectory(*service);
+    const QByteArray directory = runtimeDirectory(service->unit);
     if (!parameters.isEmpty() && !storeStartParameters(directory, parameters)) {
         ::rmdir(directory.constData()); // if it is empty: then nobody else's
         return 0;
     }
-    if (!systemd->start()) {
-        const Scm::Dword error = lastError();
-        if (!parameters.isEmpty()) {
-            (void)takeStartParameters(directory);
+    UnitState last = before;
+    if (systemd->start() && waitForBeginning(std::move(systemd), service->unit, before.invocation, last)) {
+        return 1;
+    }
+    const Scm::Dword error = lastError();
+    if (!parameters.isEmpty()) {
+        (void)takeStartParameters(directory); // so that no later start finds them
+        // The folder of a unit that has a process is the service's own.
+        if (last.state == Scm::StateStopped) {
             ::rmdir(directory.constData());
         }
-        return fail(error);
     }
-    return waitForBeginning(std::move(systemd), service->unit, before.invocation) ? 1 : 0;
+    return fail(error);
 }
 
 Scm::Bool controlService(Scm::Handle handle, Scm::Dword control, Scm::Status *status)
@@ -401,7 +401,7 @@ Scm::Bool controlService(Scm::Handle handle, Scm::Dword control, Scm::Status *st
     if (control == Scm::ControlStop) {
         return stop(systemd, status);
     }
-    const ControlAnswer answer = sendControl(runtimeDirectory(*service) + ControlSocketName, control);
+    const ControlAnswer answer = sendControl(runtimeDirectory(service->unit) + ControlSocketName, control);
     if (answer.error != 0) {
         return fail(answer.error);
     }

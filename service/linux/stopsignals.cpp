@@ -30,9 +30,7 @@ StopSignals::StopSignals(int wake)
 {
     wakeEvent = wake;
     for (Handled &one : handled) {
-        struct sigaction action
-        {
-        };
+        struct sigaction action = {};
         action.sa_handler = one.handler;
         action.sa_flags = SA_RESTART;
         ::sigaction(one.number, &action, &one.before);

@@ -165,6 +165,11 @@ Places &places()
     return thisMachine;
 }
 
+QByteArray runtimeDirectory(const QString &unit)
+{
+    return places().runtimeFolder + '/' + unit.toLatin1();
+}
+
 Systemd::Systemd(const QString &unitName) : unit(unitName.toLatin1() + ".service")
 {
     const QDeadlineTimer deadline(places().timeoutMilliseconds);

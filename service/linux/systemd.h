@@ -28,6 +28,9 @@ struct Places
 };
 Places &places();
 
+// Where a unit's service finds its start parameters and listens for controls while it runs.
+QByteArray runtimeDirectory(const QString &unit);
+
 struct UnitState
 {
     Scm::State state = Scm::StateStopped;

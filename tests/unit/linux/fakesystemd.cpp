@@ -209,6 +209,9 @@ int FakeSystemd::answer(sd_bus_message *call)
 
 int FakeSystemd::answerProperties(sd_bus_message *call)
 {
+    if (shown == "nothing") {
+        return sd_bus_reply_method_return(call, "");
+    }
     sd_bus_message *reply = nullptr;
     (void)sd_bus_message_new_method_return(call, &reply);
     (void)sd_bus_message_open_container(reply, 'a', "{sv}");
@@ -218,7 +221,9 @@ int FakeSystemd::answerProperties(sd_bus_message *call)
     for (const QByteArray &line : lines) {
         const QByteArray name = line.first(std::max<qsizetype>(line.indexOf('='), 0));
         const QByteArray value = line.sliced(line.indexOf('=') + 1);
-        if (name == "ExecMainStatus") {
+        if (value == "true") {
+            (void)sd_bus_message_append(reply, "{sv}", name.constData(), "b", 1);
+        } else if (name == "ExecMainStatus") {
             (void)sd_bus_message_append(reply, "{sv}", "ExecMainStatus", "i", value.toInt());
         } else if (name == "InvocationID") {
             (void)sd_bus_message_append(reply, "{sv}", "InvocationID", "ay", 1, value.toInt());

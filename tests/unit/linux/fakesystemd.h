@@ -24,7 +24,8 @@ public:
     ~FakeSystemd();
     Q_DISABLE_COPY_MOVE(FakeSystemd)
 
-    // A unit's properties from now on ("Name=value" lines), and those after it has been asked for them once.
+    // A unit's properties from now on ("Name=value" lines; "true" is no text but a truth value; "nothing": an
+    // answer without any), and those after it has been asked for them once.
     void shows(const QByteArray &properties);
     void thenShows(const QByteArray &properties);
     // The method is answered with this D-Bus error.
@@ -40,9 +41,9 @@ public:
     QByteArrayList calls() const;
     int connections() const { return accepted; }
 
-    QString unitFolder() const { return folder.path() + QStringLiteral("/units"); }
-    QString vendorFolder() const { return folder.path() + QStringLiteral("/vendor"); }
-    QString runtimeFolder() const { return folder.path() + QStringLiteral("/run"); }
+    QString unitFolder() const { return folder.path() + u"/units"; }
+    QString vendorFolder() const { return folder.path() + u"/vendor"; }
+    QString runtimeFolder() const { return folder.path() + u"/run"; }
     void writeFile(const QString &path, const QByteArray &content) const;
     QByteArray readFile(const QString &path) const;
 

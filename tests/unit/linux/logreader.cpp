@@ -4,10 +4,12 @@
 #include "tests/unit/linux/logreader.h"
 
 #include <QDir>
+#include <QFile>
 
 #include <fcntl.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/time.h>
 #include <sys/un.h>
 #include <unistd.h>
 
@@ -23,7 +25,9 @@ LogReader::LogReader(const QByteArray &path) : descriptor(::socket(AF_UNIX, SOCK
     sockaddr_un address = {};
     address.sun_family = AF_UNIX;
     qstrncpy(address.sun_path, path.constData(), sizeof address.sun_path);
-    if (::bind(descriptor, reinterpret_cast<const sockaddr *>(&address), sizeof address) != 0) {
+    const timeval patience = {30, 0};
+    if (::bind(descriptor, reinterpret_cast<const sockaddr *>(&address), sizeof address) != 0 ||
+        ::setsockopt(descriptor, SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof patience) != 0) {
         qFatal("cannot bind %s", path.constData());
     }
 }
@@ -75,6 +79,20 @@ std::optional<QByteArray> LogReader::receive(int flags)
     ::close(file);
     ++files;
     return bytes;
+}
+
+LogFolder::LogFolder()
+{
+    places.journal = QFile::encodeName(folder.filePath(u"journal"_s));
+    places.syslog = QFile::encodeName(folder.filePath(u"log"_s));
+}
+
+void LogFolder::countWaits()
+{
+    places.sendMessage = [this](int descriptor, const msghdr *message, int flags) {
+        waits += (flags & MSG_DONTWAIT) == 0;
+        return ::sendmsg(descriptor, message, flags | MSG_DONTWAIT);
+    };
 }
 
 std::optional<Fields> parsedFields(const QByteArray &bytes)

@@ -10,6 +10,7 @@
 #include <QByteArray>
 #include <QList>
 #include <QPair>
+#include <QTemporaryDir>
 
 #include <optional>
 
@@ -22,7 +23,7 @@ public:
 
     // The next datagram that is there; or what a file that came with it holds.
     std::optional<QByteArray> next();
-    // Waits for one, without a limit.
+    // Waits for one; empty where none has come for half a minute.
     QByteArray awaited();
     int filesRead() const { return files; } // all of which were sealed
 
@@ -31,6 +32,19 @@ private:
 
     int descriptor = -1;
     int files = 0;
+};
+
+// Where a log finds its readers: two paths in a folder of their own.
+struct LogFolder
+{
+    LogFolder();
+
+    // A send that waits is counted from here on, and ends as if its time were over.
+    void countWaits();
+
+    QTemporaryDir folder;
+    Linux::LogPlaces places;
+    int waits = 0;
 };
 
 using Fields = QList<QPair<QByteArray, QByteArray>>;

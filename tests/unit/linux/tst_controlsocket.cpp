@@ -139,32 +139,337 @@ class TestControlSocket : public QObject
     Q_OBJECT
 
 private slots:
-    void init();
-    void cleanup();
-    void answersARequest();
-    void closesOnAnotherSize_data();
-    void closesOnAnotherSize();
-    void handsAnyControlOn_data();
-    void handsAnyControlOn();
-    void keepsASilentClientWaiting();
-    void oneRequestAConnection();
-    void manyConnectionsDropTheOldest();
-    void silentConnectionsExpire();
-    void clientThatIsGoneHarmsNothing();
-    void onlyTheOwnerCanOpenIt();
-    void replacesAFileLeftBehind();
-    void withoutAPathThereIsNoSocket();
-    void acceptErrorPausesAccepting();
-    void clientIsAnswered();
-    void clientTakesNoAnswerOfAnotherSize_data();
-    void clientTakesNoAnswerOfAnotherSize();
-    void clientWaitsThroughSignals();
-    void clientWithoutAService();
-    void clientOfAServiceThatNeverAnswers();
-    void clientOfAServiceThatHangsUp();
-    void clientOfACrowdedService();
-    void clientWithoutRights();
-    void clientWithoutDescriptors();
+    void init()
+    {
+        folder = std::make_unique<QTemporaryDir>();
+        path = QFile::encodeName(folder->filePath(u"control"_s));
+        socket = std::make_unique<ControlSocket>(path);
+        controls.clear();
+        QVERIFY(socket->isOpen());
+    }
+
+    void cleanup()
+    {
+        socket.reset();
+        QVERIFY(!QFile::exists(QFile::decodeName(path)));
+        folder.reset();
+    }
+
+    void answersARequest()
+    {
+        const Client client(path);
+        client.send(packet({200}));
+        serve();
+        QCOMPARE(controls, QList<Scm::Dword>{200});
+        QCOMPARE(client.received(), packet({1052, 4, 3, 7}));
+        QVERIFY(client.isClosed());
+        QCOMPARE(socket->patience(), -1);
+    }
+
+    void closesOnAnotherSize_data()
+    {
+        QTest::addColumn<QByteArray>("bytes");
+        QTest::newRow("empty") << QByteArray();
+        QTest::newRow("one byte") << QByteArray("\xC8");
+        QTest::newRow("one byte less") << packet({200}).first(3);
+        QTest::newRow("one byte more") << packet({200}) + '\0';
+        QTest::newRow("twice") << packet({200, 200});
+        QTest::newRow("an answer") << packet({0, 4, 1, 0});
+        QTest::newRow("text") << QByteArray("200\n2");
+        QTest::newRow("much") << QByteArray(100000, 'x');
+    }
+
+    void closesOnAnotherSize()
+    {
+        QFETCH(QByteArray, bytes);
+        const Client atOnce(path);
+        atOnce.send(bytes);
+        const Client later(path);
+        serve();
+        QVERIFY(!later.isClosed());
+        later.send(bytes);
+        serve();
+        for (const Client *client : {&atOnce, &later}) {
+            QVERIFY(client->received().isEmpty());
+            QVERIFY(client->isClosed());
+        }
+        QVERIFY(controls.isEmpty());
+        const Client next(path);
+        next.send(packet({4}));
+        serve();
+        QCOMPARE(controls, QList<Scm::Dword>{4});
+    }
+
+    // Which of them is a control is the handler's affair.
+    void handsAnyControlOn_data()
+    {
+        QTest::addColumn<uint>("control");
+        for (const uint control : {0u, 1u, 255u, 0x01020304u, 0xFFFFFFFFu}) {
+            QTest::addRow("%u", control) << control;
+        }
+    }
+
+    void handsAnyControlOn()
+    {
+        QFETCH(uint, control);
+        const Client client(path);
+        client.send(packet({control}));
+        serve();
+        QCOMPARE(controls, QList<Scm::Dword>{control});
+    }
+
+    void keepsASilentClientWaiting()
+    {
+        const Client silent(path);
+        const Client ended(path);
+        ended.finish();
+        serve();
+        serve();
+        QVERIFY(!silent.isClosed());
+        QVERIFY(ended.isClosed());
+        QVERIFY(controls.isEmpty());
+        QVERIFY(socket->patience() >= 0);
+        silent.send(packet({200}));
+        serve();
+        QCOMPARE(silent.received(), packet({1052, 4, 3, 7}));
+        QVERIFY(silent.isClosed());
+    }
+
+    void oneRequestAConnection()
+    {
+        const Client client(path);
+        client.send(packet({200}));
+        client.send(packet({201}));
+        serve();
+        serve();
+        QCOMPARE(controls, QList<Scm::Dword>{200});
+    }
+
+    void manyConnectionsDropTheOldest()
+    {
+        std::vector<std::unique_ptr<Client>> clients;
+        for (size_t i = 0; i < 3 * ControlSocket::MaximumConnections; ++i) {
+            clients.push_back(std::make_unique<Client>(path));
+            QVERIFY(clients.back()->isConnected);
+            serve();
+            std::vector<pollfd> descriptors;
+            socket->appendTo(descriptors);
+            QVERIFY(descriptors.size() <= ControlSocket::MaximumConnections + 1);
+        }
+        QVERIFY(clients.front()->isClosed());
+        QVERIFY(!clients.back()->isClosed());
+        clients.back()->send(packet({200}));
+        serve();
+        QCOMPARE(controls, QList<Scm::Dword>{200});
+    }
+
+    void silentConnectionsExpire()
+    {
+        const Client client(path);
+        serve();
+        QTRY_VERIFY_WITH_TIMEOUT((serve(), client.isClosed()), 60000);
+        QVERIFY(controls.isEmpty());
+        QCOMPARE(socket->patience(), -1);
+    }
+
+    void clientThatIsGoneHarmsNothing()
+    {
+        for (int i = 0; i < 100; ++i) {
+            const Client client(path);
+            client.send(packet({200}));
+        }
+        serve();
+        QCOMPARE(controls.size(), 100);
+    }
+
+    void onlyTheOwnerCanOpenIt()
+    {
+        struct stat file
+        {
+        };
+        QCOMPARE(::stat(path.constData(), &file), 0);
+        QCOMPARE(file.st_mode, static_cast<mode_t>(S_IFSOCK | S_IRUSR | S_IWUSR));
+        QCOMPARE(file.st_uid, ::geteuid());
+        if (::geteuid() != 0) {
+            return; // only root can become somebody else
+        }
+        // Even where somebody has opened the file to all, another account is turned away.
+        QFile::setPermissions(folder->path(), QFileDevice::Permissions(0x7777));
+        QFile::setPermissions(QFile::decodeName(path), QFileDevice::Permissions(0x7777));
+        QCOMPARE(::seteuid(65534), 0);
+        const Client stranger(path);
+        QCOMPARE(::seteuid(0), 0);
+        QVERIFY(stranger.isConnected);
+        stranger.send(packet({200}));
+        serve();
+        QVERIFY(stranger.isClosed());
+        QVERIFY(controls.isEmpty());
+    }
+
+    void replacesAFileLeftBehind()
+    {
+        const QByteArray other = path + "2";
+        QFile left(QFile::decodeName(other));
+        QVERIFY(left.open(QIODevice::WriteOnly));
+        const ControlSocket second(other);
+        QVERIFY(second.isOpen());
+    }
+
+    void withoutAPathThereIsNoSocket()
+    {
+        const QByteArrayList paths = {"/nowhere/control", "/tmp/" + QByteArray(103, 'x'),
+                                      "/tmp/" + QByteArray(200, 'x')}; // an address holds 107 bytes
+        for (const QByteArray &bad : paths) {
+            ControlSocket none(bad);
+            QVERIFY(!none.isOpen());
+            std::vector<pollfd> descriptors;
+            none.appendTo(descriptors);
+            QVERIFY(descriptors.empty());
+            QCOMPARE(none.patience(), -1);
+            none.serve([](Scm::Dword) { return ControlAnswer(); });
+        }
+    }
+
+    void acceptErrorPausesAccepting()
+    {
+        const Client client(path);
+        std::vector<int> taken;
+        for (int descriptor = 0; (descriptor = ::dup(STDIN_FILENO)) >= 0;) {
+            taken.push_back(descriptor);
+        }
+        serve();
+        std::vector<pollfd> descriptors;
+        socket->appendTo(descriptors);
+        const size_t waitedFor = descriptors.size();
+        const int patience = socket->patience();
+        for (const int descriptor : taken) {
+            ::close(descriptor);
+        }
+        QCOMPARE(waitedFor, 0u); // or the dispatcher would spin
+        QVERIFY(patience >= 0);
+        client.send(packet({200}));
+        QTRY_VERIFY_WITH_TIMEOUT((serve(), !controls.isEmpty()), 60000);
+    }
+
+    void clientIsAnswered()
+    {
+        ScriptedService service(path + "2");
+        service.answersOnce(packet({1052, 4, 3, 7}));
+        const ControlAnswer answer = sendControl(path + "2", 200, 60000);
+        QCOMPARE(service.request(), packet({200}));
+        QCOMPARE(answer.error, 1052u);
+        QCOMPARE(answer.state, 4u);
+        QCOMPARE(answer.controlsAccepted, 3u);
+        QCOMPARE(answer.exitCode, 7u);
+    }
+
+    void clientTakesNoAnswerOfAnotherSize_data()
+    {
+        QTest::addColumn<QByteArray>("bytes");
+        const QByteArray good = packet({0, 4, 3, 7});
+        QTest::newRow("empty") << QByteArray();
+        QTest::newRow("one byte less") << good.first(15);
+        QTest::newRow("one byte more") << good + '\0';
+        QTest::newRow("twice") << good + good;
+        QTest::newRow("text") << QByteArray("0 4 3 7\n");
+    }
+
+    void clientTakesNoAnswerOfAnotherSize()
+    {
+        QFETCH(QByteArray, bytes);
+        ScriptedService service(path + "2");
+        service.answersOnce(bytes);
+        const ControlAnswer answer = sendControl(path + "2", 200, 60000);
+        QCOMPARE(answer.error, Scm::Dword(ErrorRequestTimeout));
+        QCOMPARE(answer.state, 0u);
+        QCOMPARE(answer.controlsAccepted, 0u);
+        QCOMPARE(answer.exitCode, 0u);
+    }
+
+    void clientWaitsThroughSignals()
+    {
+        static std::atomic<int> signalsSeen;
+        signalsSeen = 0;
+        struct sigaction before
+        {
+        };
+        struct sigaction counting
+        {
+        };
+        counting.sa_handler = [](int) { ++signalsSeen; };
+        ::sigaction(SIGUSR1, &counting, &before);
+        ScriptedService service(path + "2");
+        const pthread_t client = ::pthread_self();
+        service.answersOnce(packet({0, 4, 3, 7}), [client] {
+            for (int i = 0; i < 100; ++i) {
+                ::pthread_kill(client, SIGUSR1);
+                while (signalsSeen <= i) {
+                    std::this_thread::yield();
+                }
+            }
+        });
+        const ControlAnswer answer = sendControl(path + "2", 200, 60000);
+        ::sigaction(SIGUSR1, &before, nullptr);
+        QCOMPARE(signalsSeen.load(), 100);
+        QCOMPARE(answer.error, 0u);
+        QCOMPARE(answer.exitCode, 7u);
+    }
+
+    void clientWithoutAService()
+    {
+        socket.reset();
+        QCOMPARE(sendControl(path, 200, 1000).error, Scm::Dword(Scm::ErrorServiceNotActive));
+        QCOMPARE(sendControl(QByteArray(300, 'x'), 200, 1000).error, Scm::Dword(Scm::ErrorServiceNotActive));
+    }
+
+    void clientOfAServiceThatNeverAnswers()
+    {
+        QCOMPARE(sendControl(path, 200, 100).error, Scm::Dword(ErrorRequestTimeout));
+    }
+
+    void clientOfAServiceThatHangsUp()
+    {
+        const int listener = listenAt(path + "2", 10);
+        std::thread service([listener] { ::close(::accept(listener, nullptr, nullptr)); });
+        const ControlAnswer answer = sendControl(path + "2", 200, 60000);
+        service.join();
+        ::close(listener);
+        QCOMPARE(answer.error, Scm::Dword(ErrorRequestTimeout)); // long before the time
+    }
+
+    void clientOfACrowdedService()
+    {
+        const int listener = listenAt(path + "2", 0);
+        const Client first(path + "2");
+        QVERIFY(first.isConnected);
+        QCOMPARE(sendControl(path + "2", 200, 60000).error, Scm::Dword(ErrorRequestTimeout));
+        ::close(listener);
+    }
+
+    void clientWithoutRights()
+    {
+        if (::geteuid() != 0) {
+            return; // only root can become somebody else
+        }
+        QFile::setPermissions(folder->path(), QFileDevice::Permissions(0x7777));
+        QCOMPARE(::seteuid(65534), 0);
+        const ControlAnswer answer = sendControl(path, 200, 1000);
+        QCOMPARE(::seteuid(0), 0);
+        QCOMPARE(answer.error, Scm::Dword(Scm::ErrorAccessDenied));
+    }
+
+    void clientWithoutDescriptors()
+    {
+        std::vector<int> taken;
+        for (int descriptor = 0; (descriptor = ::dup(STDIN_FILENO)) >= 0;) {
+            taken.push_back(descriptor);
+        }
+        const ControlAnswer answer = sendControl(path, 200, 1000);
+        for (const int descriptor : taken) {
+            ::close(descriptor);
+        }
+        QCOMPARE(answer.error, Scm::Dword(ErrorRequestTimeout));
+    }
 
 private:
     // Everything that can be done now.
@@ -181,338 +486,6 @@ private:
     std::unique_ptr<ControlSocket> socket;
     QList<Scm::Dword> controls;
 };
-
-void TestControlSocket::init()
-{
-    folder = std::make_unique<QTemporaryDir>();
-    path = QFile::encodeName(folder->filePath(u"control"_s));
-    socket = std::make_unique<ControlSocket>(path);
-    controls.clear();
-    QVERIFY(socket->isOpen());
-}
-
-void TestControlSocket::cleanup()
-{
-    socket.reset();
-    QVERIFY(!QFile::exists(QFile::decodeName(path)));
-    folder.reset();
-}
-
-void TestControlSocket::answersARequest()
-{
-    const Client client(path);
-    client.send(packet({200}));
-    serve();
-    QCOMPARE(controls, QList<Scm::Dword>{200});
-    QCOMPARE(client.received(), packet({1052, 4, 3, 7}));
-    QVERIFY(client.isClosed());
-    QCOMPARE(socket->patience(), -1);
-}
-
-void TestControlSocket::closesOnAnotherSize_data()
-{
-    QTest::addColumn<QByteArray>("bytes");
-    QTest::newRow("empty") << QByteArray();
-    QTest::newRow("one byte") << QByteArray("\xC8");
-    QTest::newRow("one byte less") << packet({200}).first(3);
-    QTest::newRow("one byte more") << packet({200}) + '\0';
-    QTest::newRow("twice") << packet({200, 200});
-    QTest::newRow("an answer") << packet({0, 4, 1, 0});
-    QTest::newRow("text") << QByteArray("200\n2");
-    QTest::newRow("much") << QByteArray(100000, 'x');
-}
-
-void TestControlSocket::closesOnAnotherSize()
-{
-    QFETCH(QByteArray, bytes);
-    const Client atOnce(path);
-    atOnce.send(bytes);
-    const Client later(path);
-    serve();
-    QVERIFY(!later.isClosed());
-    later.send(bytes);
-    serve();
-    for (const Client *client : {&atOnce, &later}) {
-        QVERIFY(client->received().isEmpty());
-        QVERIFY(client->isClosed());
-    }
-    QVERIFY(controls.isEmpty());
-    const Client next(path);
-    next.send(packet({4}));
-    serve();
-    QCOMPARE(controls, QList<Scm::Dword>{4});
-}
-
-// Which of them is a control is the handler's affair.
-void TestControlSocket::handsAnyControlOn_data()
-{
-    QTest::addColumn<uint>("control");
-    for (const uint control : {0u, 1u, 255u, 0x01020304u, 0xFFFFFFFFu}) {
-        QTest::addRow("%u", control) << control;
-    }
-}
-
-void TestControlSocket::handsAnyControlOn()
-{
-    QFETCH(uint, control);
-    const Client client(path);
-    client.send(packet({control}));
-    serve();
-    QCOMPARE(controls, QList<Scm::Dword>{control});
-}
-
-void TestControlSocket::keepsASilentClientWaiting()
-{
-    const Client silent(path);
-    const Client ended(path);
-    ended.finish();
-    serve();
-    serve();
-    QVERIFY(!silent.isClosed());
-    QVERIFY(ended.isClosed());
-    QVERIFY(controls.isEmpty());
-    QVERIFY(socket->patience() >= 0);
-    silent.send(packet({200}));
-    serve();
-    QCOMPARE(silent.received(), packet({1052, 4, 3, 7}));
-    QVERIFY(silent.isClosed());
-}
-
-void TestControlSocket::oneRequestAConnection()
-{
-    const Client client(path);
-    client.send(packet({200}));
-    client.send(packet({201}));
-    serve();
-    serve();
-    QCOMPARE(controls, QList<Scm::Dword>{200});
-}
-
-void TestControlSocket::manyConnectionsDropTheOldest()
-{
-    std::vector<std::unique_ptr<Client>> clients;
-    for (size_t i = 0; i < 3 * ControlSocket::MaximumConnections; ++i) {
-        clients.push_back(std::make_unique<Client>(path));
-        QVERIFY(clients.back()->isConnected);
-        serve();
-        std::vector<pollfd> descriptors;
-        socket->appendTo(descriptors);
-        QVERIFY(descriptors.size() <= ControlSocket::MaximumConnections + 1);
-    }
-    QVERIFY(clients.front()->isClosed());
-    QVERIFY(!clients.back()->isClosed());
-    clients.back()->send(packet({200}));
-    serve();
-    QCOMPARE(controls, QList<Scm::Dword>{200});
-}
-
-void TestControlSocket::silentConnectionsExpire()
-{
-    const Client client(path);
-    serve();
-    QTRY_VERIFY_WITH_TIMEOUT((serve(), client.isClosed()), 60000);
-    QVERIFY(controls.isEmpty());
-    QCOMPARE(socket->patience(), -1);
-}
-
-void TestControlSocket::clientThatIsGoneHarmsNothing()
-{
-    for (int i = 0; i < 100; ++i) {
-        const Client client(path);
-        client.send(packet({200}));
-    }
-    serve();
-    QCOMPARE(controls.size(), 100);
-}
-
-void TestControlSocket::onlyTheOwnerCanOpenIt()
-{
-    struct stat file
-    {
-    };
-    QCOMPARE(::stat(path.constData(), &file), 0);
-    QCOMPARE(file.st_mode, static_cast<mode_t>(S_IFSOCK | S_IRUSR | S_IWUSR));
-    QCOMPARE(file.st_uid, ::geteuid());
-    if (::geteuid() != 0) {
-        return; // only root can become somebody else
-    }
-    // Even where somebody has opened the file to all, another account is turned away.
-    QFile::setPermissions(folder->path(), QFileDevice::Permissions(0x7777));
-    QFile::setPermissions(QFile::decodeName(path), QFileDevice::Permissions(0x7777));
-    QCOMPARE(::seteuid(65534), 0);
-    const Client stranger(path);
-    QCOMPARE(::seteuid(0), 0);
-    QVERIFY(stranger.isConnected);
-    stranger.send(packet({200}));
-    serve();
-    QVERIFY(stranger.isClosed());
-    QVERIFY(controls.isEmpty());
-}
-
-void TestControlSocket::replacesAFileLeftBehind()
-{
-    const QByteArray other = path + "2";
-    QFile left(QFile::decodeName(other));
-    QVERIFY(left.open(QIODevice::WriteOnly));
-    const ControlSocket second(other);
-    QVERIFY(second.isOpen());
-}
-
-void TestControlSocket::withoutAPathThereIsNoSocket()
-{
-    const QByteArrayList paths = {"/nowhere/control", "/tmp/" + QByteArray(103, 'x'),
-                                  "/tmp/" + QByteArray(200, 'x')}; // an address holds 107 bytes
-    for (const QByteArray &bad : paths) {
-        ControlSocket none(bad);
-        QVERIFY(!none.isOpen());
-        std::vector<pollfd> descriptors;
-        none.appendTo(descriptors);
-        QVERIFY(descriptors.empty());
-        QCOMPARE(none.patience(), -1);
-        none.serve([](Scm::Dword) { return ControlAnswer(); });
-    }
-}
-
-void TestControlSocket::acceptErrorPausesAccepting()
-{
-    const Client client(path);
-    std::vector<int> taken;
-    for (int descriptor = 0; (descriptor = ::dup(STDIN_FILENO)) >= 0;) {
-        taken.push_back(descriptor);
-    }
-    serve();
-    std::vector<pollfd> descriptors;
-    socket->appendTo(descriptors);
-    const size_t waitedFor = descriptors.size();
-    const int patience = socket->patience();
-    for (const int descriptor : taken) {
-        ::close(descriptor);
-    }
-    QCOMPARE(waitedFor, 0u); // or the dispatcher would spin
-    QVERIFY(patience >= 0);
-    client.send(packet({200}));
-    QTRY_VERIFY_WITH_TIMEOUT((serve(), !controls.isEmpty()), 60000);
-}
-
-void TestControlSocket::clientIsAnswered()
-{
-    ScriptedService service(path + "2");
-    service.answersOnce(packet({1052, 4, 3, 7}));
-    const ControlAnswer answer = sendControl(path + "2", 200, 60000);
-    QCOMPARE(service.request(), packet({200}));
-    QCOMPARE(answer.error, 1052u);
-    QCOMPARE(answer.state, 4u);
-    QCOMPARE(answer.controlsAccepted, 3u);
-    QCOMPARE(answer.exitCode, 7u);
-}
-
-void TestControlSocket::clientTakesNoAnswerOfAnotherSize_data()
-{
-    QTest::addColumn<QByteArray>("bytes");
-    const QByteArray good = packet({0, 4, 3, 7});
-    QTest::newRow("empty") << QByteArray();
-    QTest::newRow("one byte less") << good.first(15);
-    QTest::newRow("one byte more") << good + '\0';
-    QTest::newRow("twice") << good + good;
-    QTest::newRow("text") << QByteArray("0 4 3 7\n");
-}
-
-void TestControlSocket::clientTakesNoAnswerOfAnotherSize()
-{
-    QFETCH(QByteArray, bytes);
-    ScriptedService service(path + "2");
-    service.answersOnce(bytes);
-    const ControlAnswer answer = sendControl(path + "2", 200, 60000);
-    QCOMPARE(answer.error, Scm::Dword(ErrorRequestTimeout));
-    QCOMPARE(answer.state, 0u);
-    QCOMPARE(answer.controlsAccepted, 0u);
-    QCOMPARE(answer.exitCode, 0u);
-}
-
-void TestControlSocket::clientWaitsThroughSignals()
-{
-    static std::atomic<int> signalsSeen;
-    signalsSeen = 0;
-    struct sigaction before
-    {
-    };
-    struct sigaction counting
-    {
-    };
-    counting.sa_handler = [](int) { ++signalsSeen; };
-    ::sigaction(SIGUSR1, &counting, &before);
-    ScriptedService service(path + "2");
-    const pthread_t client = ::pthread_self();
-    service.answersOnce(packet({0, 4, 3, 7}), [client] {
-        for (int i = 0; i < 100; ++i) {
-            ::pthread_kill(client, SIGUSR1);
-            while (signalsSeen <= i) {
-                std::this_thread::yield();
-            }
-        }
-    });
-    const ControlAnswer answer = sendControl(path + "2", 200, 60000);
-    ::sigaction(SIGUSR1, &before, nullptr);
-    QCOMPARE(signalsSeen.load(), 100);
-    QCOMPARE(answer.error, 0u);
-    QCOMPARE(answer.exitCode, 7u);
-}
-
-void TestControlSocket::clientWithoutAService()
-{
-    socket.reset();
-    QCOMPARE(sendControl(path, 200, 1000).error, Scm::Dword(Scm::ErrorServiceNotActive));
-    QCOMPARE(sendControl(QByteArray(300, 'x'), 200, 1000).error, Scm::Dword(Scm::ErrorServiceNotActive));
-}
-
-void TestControlSocket::clientOfAServiceThatNeverAnswers()
-{
-    QCOMPARE(sendControl(path, 200, 100).error, Scm::Dword(ErrorRequestTimeout));
-}
-
-void TestControlSocket::clientOfAServiceThatHangsUp()
-{
-    const int listener = listenAt(path + "2", 10);
-    std::thread service([listener] { ::close(::accept(listener, nullptr, nullptr)); });
-    const ControlAnswer answer = sendControl(path + "2", 200, 60000);
-    service.join();
-    ::close(listener);
-    QCOMPARE(answer.error, Scm::Dword(ErrorRequestTimeout)); // long before the time
-}
-
-void TestControlSocket::clientOfACrowdedService()
-{
-    const int listener = listenAt(path + "2", 0);
-    const Client first(path + "2");
-    QVERIFY(first.isConnected);
-    QCOMPARE(sendControl(path + "2", 200, 60000).error, Scm::Dword(ErrorRequestTimeout));
-    ::close(listener);
-}
-
-void TestControlSocket::clientWithoutRights()
-{
-    if (::geteuid() != 0) {
-        return; // only root can become somebody else
-    }
-    QFile::setPermissions(folder->path(), QFileDevice::Permissions(0x7777));
-    QCOMPARE(::seteuid(65534), 0);
-    const ControlAnswer answer = sendControl(path, 200, 1000);
-    QCOMPARE(::seteuid(0), 0);
-    QCOMPARE(answer.error, Scm::Dword(Scm::ErrorAccessDenied));
-}
-
-void TestControlSocket::clientWithoutDescriptors()
-{
-    std::vector<int> taken;
-    for (int descriptor = 0; (descriptor = ::dup(STDIN_FILENO)) >= 0;) {
-        taken.push_back(descriptor);
-    }
-    const ControlAnswer answer = sendControl(path, 200, 1000);
-    for (const int descriptor : taken) {
-        ::close(descriptor);
-    }
-    QCOMPARE(answer.error, Scm::Dword(ErrorRequestTimeout));
-}
 
 QTEST_GUILESS_MAIN(TestControlSocket)
 #include "tst_controlsocket.moc"

@@ -3,10 +3,13 @@
 
 #include "service/linux/eventlog.h"
 
+#include "tests/unit/linux/logreader.h"
+
 #include <QDir>
 #include <QFile>
 #include <QJsonDocument>
 #include <QJsonObject>
+#include <QSemaphore>
 #include <QTemporaryDir>
 #include <QTest>
 
@@ -14,6 +17,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <array>
 #include <thread>
 #include <vector>
 
@@ -25,28 +29,205 @@ class TestEventLog : public QObject
     Q_OBJECT
 
 private slots:
-    void writesTheLineToTheLetter_data();
-    void writesTheLineToTheLetter();
-    void appendsToTheFile();
-    void functionsFillTheRecord();
-    void writersDoNotMixTheirLines();
-    void unwritableSinkLosesTheRecord_data();
-    void unwritableSinkLosesTheRecord();
-    void fileThatIsRenamedIsMadeAnew();
-    void pipeMayLoseItsReader();
-    void errorOutputIsASinkToo();
+    void writesTheLineToTheLetter_data(); // below: moc cannot read its strings inside a class
+
+    void writesTheLineToTheLetter()
+    {
+        QFETCH(QString, message);
+        QFETCH(int, type);
+        QFETCH(QByteArray, data);
+        QFETCH(QByteArray, middle);
+        EventRecord warning = record(message);
+        warning.type = static_cast<Scm::Word>(type);
+        warning.data = data;
+        QCOMPARE(jsonLine(warning),
+                 "{\"time\":\"2026-11-21T10:00:00.123Z\",\"source\":\"Quill Mere\"," + middle + "}\n");
+    }
+
+    void appendsToTheFile()
+    {
+        const QTemporaryDir folder;
+        const QString path = folder.filePath(u"Größe/../log"_s);
+        QVERIFY(QDir(folder.path()).mkdir(u"Größe"_s));
+        qputenv("QUILLMERE_EVENTLOG", QFile::encodeName(path));
+        QVERIFY(writeEvent(record(u"one"_s)));
+        QCOMPARE(content(path), jsonLine(record(u"one"_s)));
+        QVERIFY(writeEvent(record(u"two"_s)));
+        QCOMPARE(content(path), jsonLine(record(u"one"_s)) + jsonLine(record(u"two"_s)));
+        QVERIFY(!(QFile::permissions(path) & (QFileDevice::ReadOther | QFileDevice::WriteOther)));
+        qunsetenv("QUILLMERE_EVENTLOG");
+    }
+
+    void functionsFillTheRecord()
+    {
+        const QTemporaryDir folder;
+        const QString path = folder.filePath(u"log"_s);
+        qputenv("QUILLMERE_EVENTLOG", QFile::encodeName(path));
+        Scm::Handle log = registerEventSource(nullptr, u"Some Source");
+        QVERIFY(log);
+        const Scm::Char *strings[] = {u"message"};
+        char data[] = {1, 2, 3};
+        QCOMPARE(reportEvent(log, Scm::EventError, 0x2345, 0xC0000001, nullptr, 1, 3, strings, data), 1);
+        QCOMPARE(reportEvent(log, Scm::EventSuccess, 0, 0, nullptr, 0, 0, nullptr, nullptr), 1);
+        QCOMPARE(deregisterEventSource(log), 1);
+        QVERIFY(!reportEvent(nullptr, 0, 0, 0, nullptr, 1, 0, strings, nullptr));
+        QVERIFY(!deregisterEventSource(nullptr));
+        const QList<QByteArray> lines = content(path).split('\n');
+        QCOMPARE(lines.size(), 3);
+        const QJsonObject first = QJsonDocument::fromJson(lines[0]).object();
+        QVERIFY(QDateTime::fromString(first[u"time"].toString(), Qt::ISODateWithMs).isValid());
+        QVERIFY(first[u"time"].toString().endsWith(u'Z'));
+        QVERIFY(lines[0].endsWith(
+            "Z\",\"source\":\"Some Source\",\"type\":\"error\",\"id\":3221225473,\"category\":9029,"
+            "\"message\":\"message\",\"data\":\"AQID\"}"));
+        QVERIFY(lines[1].endsWith(
+            "Z\",\"source\":\"Some Source\",\"type\":\"success\",\"id\":0,\"category\":0,\"message\":\"\"}"));
+        qunsetenv("QUILLMERE_EVENTLOG");
+    }
+
+    void writersDoNotMixTheirLines()
+    {
+        constexpr int Writers = 8;
+        constexpr int Records = 200;
+        const QTemporaryDir folder;
+        const QString path = folder.filePath(u"log"_s);
+        qputenv("QUILLMERE_EVENTLOG", QFile::encodeName(path));
+        std::vector<std::thread> writers;
+        writers.reserve(Writers);
+        for (int writer = 0; writer < Writers; ++writer) {
+            writers.emplace_back([writer] {
+                for (int i = 0; i < Records; ++i) {
+                    writeEvent(record(QString(5000, QChar(u'a' + writer))));
+                }
+            });
+        }
+        for (std::thread &writer : writers) {
+            writer.join();
+        }
+        qunsetenv("QUILLMERE_EVENTLOG");
+        QByteArrayList lines = content(path).split('\n');
+        QCOMPARE(lines.takeLast(), QByteArray());
+        QCOMPARE(lines.size(), Writers * Records);
+        for (const QByteArray &line : lines) {
+            const QString message = QJsonDocument::fromJson(line).object()[u"message"].toString();
+            QCOMPARE(message, QString(5000, message.isEmpty() ? QChar(u'?') : message[0]));
+        }
+    }
+
+    void unwritableSinkLosesTheRecord_data()
+    {
+        QTest::addColumn<QString>("path");
+        QTest::newRow("no folder") << u"/nowhere/at/all/log"_s;
+        QTest::newRow("a folder") << u"/"_s;
+        QTest::newRow("full") << u"/dev/full"_s;
+        QTest::newRow("pipe that nobody reads") << u"pipe"_s;
+    }
+
+    void unwritableSinkLosesTheRecord()
+    {
+        QFETCH(QString, path);
+        const QTemporaryDir folder;
+        const QString sink = path == u"pipe" ? folder.filePath(path) : path;
+        if (path == u"pipe") {
+            QCOMPARE(::mkfifo(QFile::encodeName(sink).constData(), 0600), 0);
+        }
+        qputenv("QUILLMERE_EVENTLOG", QFile::encodeName(sink));
+        QVERIFY(!writeEvent(record(u"text"_s)));
+        qunsetenv("QUILLMERE_EVENTLOG");
+    }
+
+    void fileThatIsRenamedIsMadeAnew()
+    {
+        const QTemporaryDir folder;
+        const QString path = folder.filePath(u"log"_s);
+        const QString rotated = folder.filePath(u"log.1"_s);
+        qputenv("QUILLMERE_EVENTLOG", QFile::encodeName(path));
+        QVERIFY(writeEvent(record(u"one"_s)));
+        QVERIFY(QFile::rename(path, rotated));
+        QVERIFY(writeEvent(record(u"two"_s)));
+        QCOMPARE(content(rotated), jsonLine(record(u"one"_s)));
+        QCOMPARE(content(path), jsonLine(record(u"two"_s)));
+        QVERIFY(QFile::remove(path));
+        QVERIFY(writeEvent(record(u"three"_s)));
+        QCOMPARE(content(path), jsonLine(record(u"three"_s)));
+        qunsetenv("QUILLMERE_EVENTLOG");
+    }
+
+    void pipeMayLoseItsReader()
+    {
+        const QTemporaryDir folder;
+        const QByteArray path = QFile::encodeName(folder.filePath(u"pipe"_s));
+        QCOMPARE(::mkfifo(path.constData(), 0600), 0);
+        qputenv("QUILLMERE_EVENTLOG", path);
+        const auto openReader = [&path] {
+            return ::open(path.constData(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+        };
+        int reader = openReader();
+        QVERIFY(writeEvent(record(u"one"_s)));
+        ::close(reader);
+        QVERIFY(!writeEvent(record(u"two"_s)));
+        reader = openReader();
+        QVERIFY(writeEvent(record(u"three"_s)));
+        ::close(reader);
+        qunsetenv("QUILLMERE_EVENTLOG");
+    }
+
+    void errorOutputIsASinkToo()
+    {
+        const QTemporaryDir folder;
+        const QString path = folder.filePath(u"errors"_s);
+        const int file = ::open(QFile::encodeName(path).constData(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600);
+        const int own = ::dup(STDERR_FILENO);
+        QVERIFY(file >= 0 && own >= 0);
+        qputenv("QUILLMERE_EVENTLOG", "stderr");
+        ::dup2(file, STDERR_FILENO);
+        const bool isWritten = writeEvent(record(u"one"_s));
+        ::dup2(own, STDERR_FILENO);
+        qunsetenv("QUILLMERE_EVENTLOG");
+        ::close(own);
+        ::close(file);
+        QVERIFY(isWritten);
+        QCOMPARE(content(path), jsonLine(record(u"one"_s)));
+    }
+
+    void errorOutputThatIsNotReadHoldsNothingUp()
+    {
+        std::array<int, 2> ends{};
+        QCOMPARE(::pipe2(ends.data(), O_CLOEXEC), 0);
+        const int own = ::dup(STDERR_FILENO);
+        qputenv("QUILLMERE_EVENTLOG", "stderr");
+        ::dup2(ends[1], STDERR_FILENO);
+        QSemaphore isOver;
+        std::thread rescue([&] { // from a write that waits for a reader
+            QByteArray bytes(65536, '\0');
+            for (bool over = isOver.tryAcquire(1, 30000); !over; over = isOver.tryAcquire()) {
+                (void)!::read(ends[0], bytes.data(), static_cast<size_t>(bytes.size()));
+            }
+        });
+        int taken = 0;
+        while (taken < 100000 && writeEvent(record(u"one"_s))) {
+            ++taken;
+        }
+        int lost = 0;
+        for (int i = 0; i < 1000; ++i) {
+            lost += !writeEvent(record(u"lost"_s));
+        }
+        QByteArray read(65536, '\0');
+        read.truncate(::read(ends[0], read.data(), static_cast<size_t>(read.size())));
+        const bool isWritten = writeEvent(record(u"again"_s));
+        isOver.release();
+        rescue.join();
+        ::dup2(own, STDERR_FILENO);
+        qunsetenv("QUILLMERE_EVENTLOG");
+        ::close(own);
+        ::close(ends[0]);
+        ::close(ends[1]);
+        QCOMPARE(read, jsonLine(record(u"one"_s)).repeated(taken));
+        QCOMPARE(lost, 1000);
+        QVERIFY(isWritten);
+    }
 
 private:
-    static EventRecord record(const QString &message)
-    {
-        EventRecord result;
-        result.time = QDateTime::fromString(u"2026-11-21T10:00:00.123Z"_s, Qt::ISODateWithMs);
-        result.source = u"Quill Mere"_s;
-        result.type = Scm::EventWarning;
-        result.id = 0xC0000001;
-        result.message = message;
-        return result;
-    }
     static QByteArray content(const QString &path)
     {
         QFile file(path);
@@ -77,162 +258,6 @@ void TestEventLog::writesTheLineToTheLetter_data()
     row("non-ASCII", u"Größe\U0001F4FB"_s, 2, {},
         "\"type\":\"warning\",\"id\":3221225473,\"category\":0,\"message\":\"Gr\xc3\xb6\xc3\x9f"
         "e\xf0\x9f\x93\xbb\"");
-}
-
-void TestEventLog::writesTheLineToTheLetter()
-{
-    QFETCH(QString, message);
-    QFETCH(int, type);
-    QFETCH(QByteArray, data);
-    QFETCH(QByteArray, middle);
-    EventRecord warning = record(message);
-    warning.type = static_cast<Scm::Word>(type);
-    warning.data = data;
-    QCOMPARE(jsonLine(warning),
-             "{\"time\":\"2026-11-21T10:00:00.123Z\",\"source\":\"Quill Mere\"," + middle + "}\n");
-}
-
-void TestEventLog::appendsToTheFile()
-{
-    const QTemporaryDir folder;
-    const QString path = folder.filePath(u"Größe/../log"_s);
-    QVERIFY(QDir(folder.path()).mkdir(u"Größe"_s));
-    qputenv("QUILLMERE_EVENTLOG", QFile::encodeName(path));
-    QVERIFY(writeEvent(record(u"one"_s)));
-    QCOMPARE(content(path), jsonLine(record(u"one"_s)));
-    QVERIFY(writeEvent(record(u"two"_s)));
-    QCOMPARE(content(path), jsonLine(record(u"one"_s)) + jsonLine(record(u"two"_s)));
-    QVERIFY(!(QFile::permissions(path) & (QFileDevice::ReadOther | QFileDevice::WriteOther)));
-    qunsetenv("QUILLMERE_EVENTLOG");
-}
-
-void TestEventLog::functionsFillTheRecord()
-{
-    const QTemporaryDir folder;
-    const QString path = folder.filePath(u"log"_s);
-    qputenv("QUILLMERE_EVENTLOG", QFile::encodeName(path));
-    Scm::Handle log = registerEventSource(nullptr, u"Some Source");
-    QVERIFY(log);
-    const Scm::Char *strings[] = {u"message"};
-    char data[] = {1, 2, 3};
-    QCOMPARE(reportEvent(log, Scm::EventError, 0x2345, 0xC0000001, nullptr, 1, 3, strings, data), 1);
-    QCOMPARE(reportEvent(log, Scm::EventSuccess, 0, 0, nullptr, 0, 0, nullptr, nullptr), 1);
-    QCOMPARE(deregisterEventSource(log), 1);
-    QVERIFY(!reportEvent(nullptr, 0, 0, 0, nullptr, 1, 0, strings, nullptr));
-    QVERIFY(!deregisterEventSource(nullptr));
-    const QList<QByteArray> lines = content(path).split('\n');
-    QCOMPARE(lines.size(), 3);
-    const QJsonObject first = QJsonDocument::fromJson(lines[0]).object();
-    QVERIFY(QDateTime::fromString(first[u"time"].toString(), Qt::ISODateWithMs).isValid());
-    QVERIFY(first[u"time"].toString().endsWith(u'Z'));
-    QVERIFY(lines[0].endsWith(R"(Z","source":"Some Source","type":"error","id":3221225473,"category":9029,)"
-                              R"("message":"message","data":"AQID"})"));
-    QVERIFY(
-        lines[1].endsWith(R"(Z","source":"Some Source","type":"success","id":0,"category":0,"message":""})"));
-    qunsetenv("QUILLMERE_EVENTLOG");
-}
-
-void TestEventLog::writersDoNotMixTheirLines()
-{
-    constexpr int Writers = 8;
-    constexpr int Records = 200;
-    const QTemporaryDir folder;
-    const QString path = folder.filePath(u"log"_s);
-    qputenv("QUILLMERE_EVENTLOG", QFile::encodeName(path));
-    std::vector<std::thread> writers;
-    writers.reserve(Writers);
-    for (int writer = 0; writer < Writers; ++writer) {
-        writers.emplace_back([writer] {
-            for (int i = 0; i < Records; ++i) {
-                writeEvent(record(QString(5000, QChar(u'a' + writer))));
-            }
-        });
-    }
-    for (std::thread &writer : writers) {
-        writer.join();
-    }
-    qunsetenv("QUILLMERE_EVENTLOG");
-    QByteArrayList lines = content(path).split('\n');
-    QCOMPARE(lines.takeLast(), QByteArray());
-    QCOMPARE(lines.size(), Writers * Records);
-    for (const QByteArray &line : lines) {
-        const QString message = QJsonDocument::fromJson(line).object()[u"message"].toString();
-        QCOMPARE(message, QString(5000, message.isEmpty() ? QChar(u'?') : message[0]));
-    }
-}
-
-void TestEventLog::unwritableSinkLosesTheRecord_data()
-{
-    QTest::addColumn<QString>("path");
-    QTest::newRow("no folder") << u"/nowhere/at/all/log"_s;
-    QTest::newRow("a folder") << u"/"_s;
-    QTest::newRow("full") << u"/dev/full"_s;
-    QTest::newRow("pipe that nobody reads") << u"pipe"_s;
-}
-
-void TestEventLog::unwritableSinkLosesTheRecord()
-{
-    QFETCH(QString, path);
-    const QTemporaryDir folder;
-    const QString sink = path == u"pipe" ? folder.filePath(path) : path;
-    if (path == u"pipe") {
-        QCOMPARE(::mkfifo(QFile::encodeName(sink).constData(), 0600), 0);
-    }
-    qputenv("QUILLMERE_EVENTLOG", QFile::encodeName(sink));
-    QVERIFY(!writeEvent(record(u"text"_s)));
-    qunsetenv("QUILLMERE_EVENTLOG");
-}
-
-void TestEventLog::fileThatIsRenamedIsMadeAnew()
-{
-    const QTemporaryDir folder;
-    const QString path = folder.filePath(u"log"_s);
-    const QString rotated = folder.filePath(u"log.1"_s);
-    qputenv("QUILLMERE_EVENTLOG", QFile::encodeName(path));
-    QVERIFY(writeEvent(record(u"one"_s)));
-    QVERIFY(QFile::rename(path, rotated));
-    QVERIFY(writeEvent(record(u"two"_s)));
-    QCOMPARE(content(rotated), jsonLine(record(u"one"_s)));
-    QCOMPARE(content(path), jsonLine(record(u"two"_s)));
-    QVERIFY(QFile::remove(path));
-    QVERIFY(writeEvent(record(u"three"_s)));
-    QCOMPARE(content(path), jsonLine(record(u"three"_s)));
-    qunsetenv("QUILLMERE_EVENTLOG");
-}
-
-void TestEventLog::pipeMayLoseItsReader()
-{
-    const QTemporaryDir folder;
-    const QByteArray path = QFile::encodeName(folder.filePath(u"pipe"_s));
-    QCOMPARE(::mkfifo(path.constData(), 0600), 0);
-    qputenv("QUILLMERE_EVENTLOG", path);
-    const auto openReader = [&path] { return ::open(path.constData(), O_RDONLY | O_NONBLOCK | O_CLOEXEC); };
-    int reader = openReader();
-    QVERIFY(writeEvent(record(u"one"_s)));
-    ::close(reader);
-    QVERIFY(!writeEvent(record(u"two"_s)));
-    reader = openReader();
-    QVERIFY(writeEvent(record(u"three"_s)));
-    ::close(reader);
-    qunsetenv("QUILLMERE_EVENTLOG");
-}
-
-void TestEventLog::errorOutputIsASinkToo()
-{
-    const QTemporaryDir folder;
-    const QString path = folder.filePath(u"errors"_s);
-    const int file = ::open(QFile::encodeName(path).constData(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600);
-    const int own = ::dup(STDERR_FILENO);
-    QVERIFY(file >= 0 && own >= 0);
-    qputenv("QUILLMERE_EVENTLOG", "stderr");
-    ::dup2(file, STDERR_FILENO);
-    const bool isWritten = writeEvent(record(u"one"_s));
-    ::dup2(own, STDERR_FILENO);
-    qunsetenv("QUILLMERE_EVENTLOG");
-    ::close(own);
-    ::close(file);
-    QVERIFY(isWritten);
-    QCOMPARE(content(path), jsonLine(record(u"one"_s)));
 }
 
 QTEST_GUILESS_MAIN(TestEventLog)

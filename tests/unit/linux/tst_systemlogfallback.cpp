@@ -6,7 +6,6 @@
 #include "tests/unit/linux/logreader.h"
 
 #include <QFile>
-#include <QTemporaryDir>
 #include <QTest>
 
 #include <sys/socket.h>
@@ -26,17 +25,139 @@ class TestSystemLogFallback : public QObject
     Q_OBJECT
 
 private slots:
-    void initTestCase();
-    void init();
-    void withoutAJournalSyslogGetsTheRecord_data();
-    void withoutAJournalSyslogGetsTheRecord();
-    void syslogGetsTypeAndTimeToTheLetter_data();
-    void syslogGetsTypeAndTimeToTheLetter();
-    void syslogThatDoesNotReadCostsOneWait();
-    void syslogMayReadAStream();
-    void syslogStreamThatAcceptsNobodyLosesTheRecord();
-    void syslogStreamGetsNoPartOfARecord();
-    void withoutAnyReaderTheRecordIsLost();
+    void initTestCase()
+    {
+        qputenv("TZ", "XYZ-05:30"); // local time is ahead of UTC by that much
+        ::tzset();
+    }
+
+    void init() { logs = std::make_unique<LogFolder>(); }
+
+    void withoutAJournalSyslogGetsTheRecord_data()
+    {
+        QTest::addColumn<QString>("journal");
+        QTest::newRow("no socket") << u"nothing"_s;
+        QTest::newRow("nobody reads the socket") << u"left behind"_s;
+        QTest::newRow("a record too large for a datagram") << u"large"_s;
+    }
+
+    void withoutAJournalSyslogGetsTheRecord()
+    {
+        QFETCH(QString, journal);
+        logs->places.journal = QFile::encodeName(logs->folder.filePath(journal));
+        if (journal == u"left behind") {
+            const LogReader gone(logs->places.journal);
+        }
+        LogReader syslog(logs->places.syslog);
+        SystemLog log(logs->places);
+        if (journal == u"large") {
+            QVERIFY(!log.write(record(QString(5 * 1024 * 1024, u'x')))); // syslog has no way for it
+        }
+        QVERIFY(log.write(record(u"Größe"_s)));
+        QCOMPARE(syslog.next(), "<28>Nov 21 15:30:00 Quill Mere: Gr\xc3\xb6\xc3\x9f"_ba + "e");
+        QCOMPARE(syslog.next(), std::nullopt);
+        LogReader back(logs->places.journal);
+        QVERIFY(log.write(record(u"back"_s)));
+        QCOMPARE(messageOf(back.next().value_or(QByteArray())), QByteArray("back"));
+        QCOMPARE(syslog.next(), std::nullopt);
+    }
+
+    void syslogGetsTypeAndTimeToTheLetter_data()
+    {
+        QTest::addColumn<int>("type");
+        QTest::addColumn<QString>("time");
+        QTest::addColumn<QByteArray>("line");
+        QTest::newRow("success") << 0 << u"2026-01-01T00:00:01Z"_s
+                                 << QByteArray("<30>Jan  1 05:30:01 Quill Mere: one\ntwo");
+        QTest::newRow("error") << 1 << u"2026-05-31T18:29:59Z"_s
+                               << QByteArray("<27>May 31 23:59:59 Quill Mere: one\ntwo");
+        QTest::newRow("warning") << 2 << u"2026-05-31T18:30:00Z"_s
+                                 << QByteArray("<28>Jun  1 00:00:00 Quill Mere: one\ntwo");
+        QTest::newRow("information") << 4 << u"2026-12-12T12:12:12Z"_s
+                                     << QByteArray("<30>Dec 12 17:42:12 Quill Mere: one\ntwo");
+    }
+
+    void syslogGetsTypeAndTimeToTheLetter()
+    {
+        QFETCH(int, type);
+        QFETCH(QString, time);
+        QFETCH(QByteArray, line);
+        LogReader syslog(logs->places.syslog);
+        SystemLog log(logs->places);
+        EventRecord written = record(u"one\ntwo"_s);
+        written.type = static_cast<Scm::Word>(type);
+        written.time = QDateTime::fromString(time, Qt::ISODate);
+        QVERIFY(log.write(written));
+        QCOMPARE(syslog.next(), line);
+    }
+
+    void syslogThatDoesNotReadCostsOneWait()
+    {
+        LogReader syslog(logs->places.syslog);
+        logs->countWaits();
+        SystemLog log(logs->places);
+        const int taken = fill(log);
+        QVERIFY(taken > 0);
+        for (int i = 0; i < 1000; ++i) {
+            QVERIFY(!log.write(record(u"lost"_s)));
+        }
+        QCOMPARE(logs->waits, 1);
+        for (int i = 0; i < taken; ++i) {
+            QCOMPARE(syslog.next(), "<28>Nov 21 15:30:00 Quill Mere: " + QByteArray::number(i));
+        }
+        QVERIFY(log.write(record(u"again"_s)));
+        QCOMPARE(syslog.next(), "<28>Nov 21 15:30:00 Quill Mere: again"_ba);
+    }
+
+    void syslogMayReadAStream()
+    {
+        const int listener = listenAt(logs->places.syslog, 10);
+        QVERIFY(listener >= 0);
+        SystemLog log(logs->places);
+        for (const QByteArray text : {"one", "two"}) {
+            QVERIFY(log.write(record(QString::fromLatin1(text))));
+            const int connection = ::accept4(listener, nullptr, nullptr, SOCK_CLOEXEC);
+            QVERIFY(connection >= 0);
+            std::array<char, 200> buffer{};
+            const ssize_t size = ::recv(connection, buffer.data(), buffer.size(), MSG_WAITALL); // to its end
+            ::close(connection);
+            QCOMPARE(QByteArray(buffer.data(), size), "<28>Nov 21 15:30:00 Quill Mere: " + text + '\0');
+        }
+        ::close(listener);
+    }
+
+    void syslogStreamThatAcceptsNobodyLosesTheRecord()
+    {
+        const int listener = listenAt(logs->places.syslog, 0);
+        QVERIFY(listener >= 0);
+        SystemLog log(logs->places);
+        const QList<int> before = openDescriptors();
+        QVERIFY(log.write(record(u"taken"_s)));
+        for (int i = 0; i < 100; ++i) {
+            QVERIFY(!log.write(record(u"lost"_s)));
+        }
+        QCOMPARE(openDescriptors().size(), before.size() + 1);
+        ::close(listener);
+    }
+
+    void syslogStreamGetsNoPartOfARecord()
+    {
+        const int listener = listenAt(logs->places.syslog, 10);
+        QVERIFY(listener >= 0);
+        SystemLog log(logs->places);
+        QVERIFY(!log.write(record(QString(5 * 1024 * 1024, u'x'))));
+        QVERIFY(!log.write(record(QString(900 * 1024, u'x'))));
+        QVERIFY(::accept4(listener, nullptr, nullptr, SOCK_CLOEXEC) < 0);
+        ::close(listener);
+    }
+
+    void withoutAnyReaderTheRecordIsLost()
+    {
+        logs->countWaits();
+        SystemLog log(logs->places);
+        QVERIFY(!log.write(record(u"lost"_s)));
+        QCOMPARE(logs->waits, 0);
+    }
 
 private:
     // A listening socket of the path.
@@ -56,160 +177,9 @@ private:
         qstrncpy(address.sun_path, path.constData(), sizeof address.sun_path);
         return address;
     }
-    // A send that waits is counted, and ends as if its time were over.
-    void countWaits()
-    {
-        places.sendMessage = [this](int descriptor, const msghdr *message, int flags) {
-            waits += (flags & MSG_DONTWAIT) == 0;
-            return ::sendmsg(descriptor, message, flags | MSG_DONTWAIT);
-        };
-    }
 
-    std::unique_ptr<QTemporaryDir> folder;
-    LogPlaces places;
-    int waits = 0;
+    std::unique_ptr<LogFolder> logs;
 };
-
-void TestSystemLogFallback::initTestCase()
-{
-    qputenv("TZ", "XYZ-05:30"); // local time is ahead of UTC by that much
-    ::tzset();
-}
-
-void TestSystemLogFallback::init()
-{
-    folder = std::make_unique<QTemporaryDir>();
-    places = {};
-    places.journal = QFile::encodeName(folder->filePath(u"journal"_s));
-    places.syslog = QFile::encodeName(folder->filePath(u"log"_s));
-    waits = 0;
-}
-
-void TestSystemLogFallback::withoutAJournalSyslogGetsTheRecord_data()
-{
-    QTest::addColumn<QString>("journal");
-    QTest::newRow("no socket") << u"nothing"_s;
-    QTest::newRow("nobody reads the socket") << u"left behind"_s;
-    QTest::newRow("a record too large for a datagram") << u"large"_s;
-}
-
-void TestSystemLogFallback::withoutAJournalSyslogGetsTheRecord()
-{
-    QFETCH(QString, journal);
-    places.journal = QFile::encodeName(folder->filePath(journal));
-    if (journal == u"left behind") {
-        const LogReader gone(places.journal);
-    }
-    LogReader syslog(places.syslog);
-    SystemLog log(places);
-    if (journal == u"large") {
-        QVERIFY(!log.write(record(QString(5 * 1024 * 1024, u'x')))); // syslog has no way for it
-    }
-    QVERIFY(log.write(record(u"Größe"_s)));
-    QCOMPARE(syslog.next(), "<28>Nov 21 15:30:00 Quill Mere: Gr\xc3\xb6\xc3\x9f"_ba + "e");
-    QCOMPARE(syslog.next(), std::nullopt);
-    LogReader back(places.journal);
-    QVERIFY(log.write(record(u"back"_s)));
-    QCOMPARE(messageOf(back.next().value_or(QByteArray())), QByteArray("back"));
-    QCOMPARE(syslog.next(), std::nullopt);
-}
-
-void TestSystemLogFallback::syslogGetsTypeAndTimeToTheLetter_data()
-{
-    QTest::addColumn<int>("type");
-    QTest::addColumn<QString>("time");
-    QTest::addColumn<QByteArray>("line");
-    QTest::newRow("success") << 0 << u"2026-01-01T00:00:01Z"_s
-                             << QByteArray("<30>Jan  1 05:30:01 Quill Mere: one\ntwo");
-    QTest::newRow("error") << 1 << u"2026-05-31T18:29:59Z"_s
-                           << QByteArray("<27>May 31 23:59:59 Quill Mere: one\ntwo");
-    QTest::newRow("warning") << 2 << u"2026-05-31T18:30:00Z"_s
-                             << QByteArray("<28>Jun  1 00:00:00 Quill Mere: one\ntwo");
-    QTest::newRow("information") << 4 << u"2026-12-12T12:12:12Z"_s
-                                 << QByteArray("<30>Dec 12 17:42:12 Quill Mere: one\ntwo");
-}
-
-void TestSystemLogFallback::syslogGetsTypeAndTimeToTheLetter()
-{
-    QFETCH(int, type);
-    QFETCH(QString, time);
-    QFETCH(QByteArray, line);
-    LogReader syslog(places.syslog);
-    SystemLog log(places);
-    EventRecord written = record(u"one\ntwo"_s);
-    written.type = static_cast<Scm::Word>(type);
-    written.time = QDateTime::fromString(time, Qt::ISODate);
-    QVERIFY(log.write(written));
-    QCOMPARE(syslog.next(), line);
-}
-
-void TestSystemLogFallback::syslogThatDoesNotReadCostsOneWait()
-{
-    LogReader syslog(places.syslog);
-    countWaits();
-    SystemLog log(places);
-    const int taken = fill(log);
-    QVERIFY(taken > 0);
-    for (int i = 0; i < 1000; ++i) {
-        QVERIFY(!log.write(record(u"lost"_s)));
-    }
-    QCOMPARE(waits, 1);
-    for (int i = 0; i < taken; ++i) {
-        QCOMPARE(syslog.next(), "<28>Nov 21 15:30:00 Quill Mere: " + QByteArray::number(i));
-    }
-    QVERIFY(log.write(record(u"again"_s)));
-    QCOMPARE(syslog.next(), "<28>Nov 21 15:30:00 Quill Mere: again"_ba);
-}
-
-void TestSystemLogFallback::syslogMayReadAStream()
-{
-    const int listener = listenAt(places.syslog, 10);
-    QVERIFY(listener >= 0);
-    SystemLog log(places);
-    for (const QByteArray text : {"one", "two"}) {
-        QVERIFY(log.write(record(QString::fromLatin1(text))));
-        const int connection = ::accept4(listener, nullptr, nullptr, SOCK_CLOEXEC);
-        QVERIFY(connection >= 0);
-        std::array<char, 200> buffer{};
-        const ssize_t size = ::recv(connection, buffer.data(), buffer.size(), MSG_WAITALL); // to its end
-        ::close(connection);
-        QCOMPARE(QByteArray(buffer.data(), size), "<28>Nov 21 15:30:00 Quill Mere: " + text + '\0');
-    }
-    ::close(listener);
-}
-
-void TestSystemLogFallback::syslogStreamThatAcceptsNobodyLosesTheRecord()
-{
-    const int listener = listenAt(places.syslog, 0);
-    QVERIFY(listener >= 0);
-    SystemLog log(places);
-    const QList<int> before = openDescriptors();
-    QVERIFY(log.write(record(u"taken"_s)));
-    for (int i = 0; i < 100; ++i) {
-        QVERIFY(!log.write(record(u"lost"_s)));
-    }
-    QCOMPARE(openDescriptors().size(), before.size() + 1);
-    ::close(listener);
-}
-
-void TestSystemLogFallback::syslogStreamGetsNoPartOfARecord()
-{
-    const int listener = listenAt(places.syslog, 10);
-    QVERIFY(listener >= 0);
-    SystemLog log(places);
-    QVERIFY(!log.write(record(QString(5 * 1024 * 1024, u'x'))));
-    QVERIFY(!log.write(record(QString(900 * 1024, u'x'))));
-    QVERIFY(::accept4(listener, nullptr, nullptr, SOCK_CLOEXEC) < 0);
-    ::close(listener);
-}
-
-void TestSystemLogFallback::withoutAnyReaderTheRecordIsLost()
-{
-    countWaits();
-    SystemLog log(places);
-    QVERIFY(!log.write(record(u"lost"_s)));
-    QCOMPARE(waits, 0);
-}
 
 QTEST_GUILESS_MAIN(TestSystemLogFallback)
 #include "tst_systemlogfallback.moc"
