@@ -134,7 +134,7 @@ bool measure(quint32 radios, const QString &rate, quint16 port)
                                u"--rate"_s,
                                rate,
                                u"--addresses"_s,
-                               dotted(FirstAddress) + QLatin1Char('-') + dotted(FirstAddress + radios - 1)};
+                               dotted(FirstAddress) + u'-' + dotted(FirstAddress + radios - 1)};
         std::vector<QByteArray> arguments;
         arguments.reserve(static_cast<size_t>(line.size()));
         for (const QString &argument : line) {

@@ -7,9 +7,10 @@
 
 #include <unistd.h>
 
+using namespace Qt::StringLiterals;
+
 CapturedOutput::CapturedOutput()
-    : output(stdout, folder.filePath(QStringLiteral("out"))),
-      error(stderr, folder.filePath(QStringLiteral("err")))
+    : output(stdout, folder.filePath(u"out"_s)), error(stderr, folder.filePath(u"err"_s))
 {
 }
 

@@ -9,6 +9,8 @@
 
 #include <utility>
 
+using namespace Qt::StringLiterals;
+
 namespace {
 
 QList<LogRecord> &written()
@@ -60,8 +62,7 @@ Scm::Bool deregisterEventSource(Scm::Handle log)
 
 char *toString(const LogRecord &record)
 {
-    const QString text = QStringLiteral("%1 type %2 category %3 id 0x%4 data %5: %6")
-                             .arg(record.source)
+    const QString text = u"%1 type %2 category %3 id 0x%4 data %5: %6"_s.arg(record.source)
                              .arg(record.type)
                              .arg(record.category)
                              .arg(record.id, 0, 16)
@@ -139,5 +140,5 @@ void RecordingLog::whenWritten(std::function<void(const LogRecord &)> observer)
 
 LogRecord RecordingLog::record(Scm::EventType type, const QString &message, Scm::Dword id)
 {
-    return {QStringLiteral("Quill Mere"), type, 0, id, message, QByteArray()};
+    return {u"Quill Mere"_s, type, 0, id, message, QByteArray()};
 }

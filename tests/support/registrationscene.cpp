@@ -30,7 +30,7 @@ QString codes(const List &services)
     for (const auto service : services) {
         texts.append(QString::number(service));
     }
-    return texts.join(QLatin1Char(','));
+    return texts.join(u',');
 }
 
 QString noticeText(const Notice &notice)

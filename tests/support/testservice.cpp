@@ -5,6 +5,8 @@
 
 #include <utility>
 
+using namespace Qt::StringLiterals;
+
 namespace {
 
 std::vector<QByteArray> commandLine(const QStringList &options)
@@ -28,6 +30,10 @@ std::vector<char *> pointers(std::vector<QByteArray> &line)
 
 } // namespace
 
+TestService::TestService(const QStringList &options) : TestService(options, u"Quill Mere"_s)
+{
+}
+
 TestService::TestService(const QStringList &options, const QString &serviceName)
     : TestService(serviceName, commandLine(options))
 {
@@ -43,9 +49,29 @@ QStringList TestService::takeCalls()
     return std::exchange(calls, {});
 }
 
+void TestService::start()
+{
+    called(u"start"_s);
+}
+
+void TestService::stop()
+{
+    called(u"stop"_s);
+}
+
+void TestService::pause()
+{
+    called(u"pause"_s);
+}
+
+void TestService::resume()
+{
+    called(u"resume"_s);
+}
+
 void TestService::processCommand(int code)
 {
-    called(QStringLiteral("processCommand %1").arg(code));
+    called(u"processCommand %1"_s.arg(code));
 }
 
 void TestService::createApplication(int &argc, char **argv)

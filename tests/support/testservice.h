@@ -16,8 +16,8 @@
 class TestService : public QtService<QCoreApplication>
 {
 public:
-    explicit TestService(const QStringList &options,
-                         const QString &serviceName = QStringLiteral("Quill Mere"));
+    explicit TestService(const QStringList &options); // called Quill Mere
+    TestService(const QStringList &options, const QString &serviceName);
 
     QStringList takeCalls();
     QStringList applicationArguments; // what the application was made with
@@ -27,10 +27,10 @@ public:
     std::function<void(const QString &)> onCall;
 
 protected:
-    void start() override { called(QStringLiteral("start")); }
-    void stop() override { called(QStringLiteral("stop")); }
-    void pause() override { called(QStringLiteral("pause")); }
-    void resume() override { called(QStringLiteral("resume")); }
+    void start() override;
+    void stop() override;
+    void pause() override;
+    void resume() override;
     void processCommand(int code) override;
     void createApplication(int &argc, char **argv) override;
 

@@ -33,7 +33,7 @@ inline QString registration(const QString &esn, quint32 version, const QString &
         codes.append(QString::number(service));
     }
     return u"registers %1 version %2 suid %3 %4 services [%5]"_s.arg(esn).arg(version).arg(
-        suid, pending ? u"pending"_s : u"confirmed"_s, codes.join(QLatin1Char(',')));
+        suid, pending ? u"pending"_s : u"confirmed"_s, codes.join(u','));
 }
 
 inline QString deregistration(const QString &esn)

@@ -139,7 +139,7 @@ private slots:
             if (decoded(datagram) != expected) {
                 QFAIL(qPrintable(u"%1: %2 is not %3"_s.arg(hexOf(datagram), decoded(datagram), expected)));
             }
-            ++kinds[expected.section(QLatin1Char(' '), 0, expected.startsWith(u"invalid") ? -1 : 0)];
+            ++kinds[expected.section(u' ', 0, expected.startsWith(u"invalid") ? -1 : 0)];
         }
         // Every outcome has really been met, many times.
         QCOMPARE(kinds.size(), 7);

@@ -5,6 +5,8 @@
 
 #include <QTest>
 
+using namespace Qt::StringLiterals;
+
 class TestQtServiceAppEventFilter : public QObject
 {
     Q_OBJECT
@@ -61,8 +63,8 @@ private slots:
     void passesTheMessagesOfOtherSystems()
     {
         QtServiceAppEventFilter::Message native{nullptr, 0x16, 0, static_cast<qintptr>(0x80000000LL)};
-        QVERIFY(!QtServiceAppEventFilter::instance()->nativeEventFilter(
-            QByteArrayLiteral("xcb_generic_event_t"), &native, nullptr));
+        QVERIFY(!QtServiceAppEventFilter::instance()->nativeEventFilter("xcb_generic_event_t"_ba, &native,
+                                                                        nullptr));
     }
 };
 

@@ -18,7 +18,7 @@ class TestRadioCommandLine : public QObject
 
     static CommandLine parse(const char *line)
     {
-        return CommandLine::parse(QString::fromUtf8(line).split(QLatin1Char(' '), Qt::SkipEmptyParts));
+        return CommandLine::parse(QString::fromUtf8(line).split(u' ', Qt::SkipEmptyParts));
     }
     static Settings accepted(const char *line)
     {
@@ -245,7 +245,7 @@ private slots:
         const QStringList codes(256, u"1"_s);
         const auto parseServices = [](const QStringList &list) {
             return CommandLine::parse(
-                {u"register"_s, u"--suid"_s, u"1.1.1"_s, u"--services"_s, list.join(QLatin1Char(','))});
+                {u"register"_s, u"--suid"_s, u"1.1.1"_s, u"--services"_s, list.join(u',')});
         };
         QCOMPARE(parseServices(codes).text, u"--services: 256 services are too many (255 at most)"_s);
         QCOMPARE(parseServices(codes.mid(1)).settings.radio.services.size(), size_t{255});
