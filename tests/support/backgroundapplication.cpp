@@ -8,6 +8,7 @@
 
 BackgroundApplication::BackgroundApplication(quint16 serverPort, const QList<QByteArray> &segments,
                                              std::chrono::milliseconds pause, Then then)
+    : repeating(then == Then::Repeat)
 {
     if (then == Then::Close) {
         released.release();
@@ -19,17 +20,28 @@ BackgroundApplication::BackgroundApplication(quint16 serverPort, const QList<QBy
             qFatal("cannot connect to port %d", serverPort);
         }
         socket.setSocketOption(QAbstractSocket::LowDelayOption, 1); // each segment leaves by itself
-        for (const QByteArray &segment : segments) {
-            socket.write(segment);
-            socket.flush();
-            std::this_thread::sleep_for(pause);
-        }
+        do {
+            for (const QByteArray &segment : segments) {
+                socket.write(segment);
+                socket.flush();
+                std::this_thread::sleep_for(pause);
+            }
+        } while (repeating);
+        socket.write(last);
+        socket.flush();
         released.acquire();
     });
 }
 
 BackgroundApplication::~BackgroundApplication()
 {
+    repeating = false;
     released.release();
     thread.join();
+}
+
+void BackgroundApplication::endWith(const QByteArray &segment)
+{
+    last = segment;
+    repeating = false;
 }
