@@ -4,5 +4,27 @@
 function(quillmere_platform_executable target description)
 endfunction()
 
+set(QUILLMERE_SERVICE_USER "" CACHE STRING "The user that the installed unit runs the server as (empty: root)")
+
+# The unit, from the template that -install fills in, with what it would have for the installed program.
+function(quillmere_platform_install)
+    set(NAME "Quill Mere")
+    set(UNIT quill-mere)
+    set(DESCRIPTION "${PROJECT_DESCRIPTION}")
+    set(COMMAND ":\"${CMAKE_INSTALL_FULL_BINDIR}/quillmere\"")
+    set(USER ${QUILLMERE_SERVICE_USER})
+    set(STATE_DIRECTORY "\"Brackwater/${NAME}\"")
+    set(PROTECT_HOME yes)
+    file(READ ${PROJECT_SOURCE_DIR}/service/linux/unit.service.in text)
+    # A setting without a value is left out: with an empty one it would be another setting.
+    string(REPLACE "BindReadOnlyPaths=@VISIBLE_PROGRAM@\n" "" text "${text}")
+    if(NOT USER)
+        string(REPLACE "User=@USER@\n" "" text "${text}")
+    endif()
+    string(CONFIGURE "${text}" text @ONLY)
+    file(WRITE ${PROJECT_BINARY_DIR}/${UNIT}.service "${text}")
+    install(FILES ${PROJECT_BINARY_DIR}/${UNIT}.service DESTINATION lib/systemd/system COMPONENT server)
+endfunction()
+
 function(quillmere_platform_test target)
 endfunction()

@@ -2,19 +2,60 @@
 # SPDX-License-Identifier: MIT
 
 # quillmere_options: the language standard, the warnings, Qt's strict switches and the hardening flags of every target.
+# Warnings are errors in our presets (CMAKE_COMPILE_WARNING_AS_ERROR), and for nobody who builds without them.
+include(CheckCXXCompilerFlag)
+include(CheckLinkerFlag)
+
 add_library(quillmere_options INTERFACE)
 target_compile_features(quillmere_options INTERFACE cxx_std_20)
 target_include_directories(quillmere_options INTERFACE ${PROJECT_SOURCE_DIR})
-
-target_compile_options(quillmere_options INTERFACE
-    -Wall -Wextra -Wpedantic -Wshadow -Wconversion -Wno-sign-conversion -Wold-style-cast -Wnon-virtual-dtor
-    -Woverloaded-virtual -Wformat=2 -Wundef -Wnull-dereference -Wimplicit-fallthrough -Werror)
 
 target_compile_definitions(quillmere_options INTERFACE
     QT_NO_CAST_FROM_ASCII QT_NO_CAST_TO_ASCII QT_NO_NARROWING_CONVERSIONS_IN_CONNECT QT_NO_FOREACH
     QT_USE_QSTRINGBUILDER QT_DISABLE_DEPRECATED_BEFORE=0x060400)
 
-target_compile_options(quillmere_options INTERFACE -fstack-protector-strong -fcf-protection)
+# quillmere_flags(<flag>...): those of them that the compiler knows, and has a use for.
+function(quillmere_flags)
+    set(CMAKE_REQUIRED_FLAGS -Werror)
+    foreach(flag ${ARGN})
+        string(MAKE_C_IDENTIFIER "QUILLMERE_TAKES${flag}" known)
+        check_cxx_compiler_flag(${flag} ${known})
+        if(${known})
+            target_compile_options(quillmere_options INTERFACE ${flag})
+        endif()
+    endforeach()
+endfunction()
+
+# quillmere_hardening(<subject> <flag>): the flag, unless whoever builds has flags of their own on the subject, as
+# distributions do.
+function(quillmere_hardening subject flag)
+    if(NOT CMAKE_CXX_FLAGS MATCHES ${subject})
+        quillmere_flags(${flag})
+    endif()
+endfunction()
+
+function(quillmere_link_hardening subject flag)
+    string(MAKE_C_IDENTIFIER "QUILLMERE_LINKS${flag}" known)
+    if(NOT CMAKE_EXE_LINKER_FLAGS MATCHES ${subject})
+        check_linker_flag(CXX ${flag} ${known})
+        if(${known})
+            target_link_options(quillmere_options INTERFACE ${flag})
+        endif()
+    endif()
+endfunction()
+
+if(MSVC)
+    # Untried: this compiler has not been at hand.
+    target_compile_options(quillmere_options INTERFACE /W4 /permissive- /utf-8 /Zc:__cplusplus /guard:cf)
+    return()
+endif()
+
+quillmere_flags(-Wall -Wextra -Wpedantic -Wshadow -Wconversion -Wno-sign-conversion -Wold-style-cast
+    -Wnon-virtual-dtor -Woverloaded-virtual -Wformat=2 -Wundef -Wnull-dereference -Wimplicit-fallthrough)
+
+quillmere_hardening(-fstack-protector -fstack-protector-strong)
+quillmere_hardening(-fcf-protection -fcf-protection)
+quillmere_hardening(-mbranch-protection -mbranch-protection=standard) # the same on ARM
 if(QUILLMERE_SANITIZE)
     # Without the check of virtual tables: it reads memory through a pipe and so reports every object once the process has
     # no descriptor left, which tests bring about on purpose.
@@ -23,9 +64,10 @@ if(QUILLMERE_SANITIZE)
         -fno-omit-frame-pointer)
     target_link_options(quillmere_options INTERFACE -fsanitize=${QUILLMERE_SANITIZE})
     target_compile_definitions(quillmere_options INTERFACE QUILLMERE_SANITIZED)
-else()
-    # FORTIFY needs the optimiser and blinds the sanitizers.
-    target_compile_definitions(quillmere_options INTERFACE $<$<CONFIG:Release,RelWithDebInfo>:_FORTIFY_SOURCE=2>)
+elseif(NOT CMAKE_CXX_FLAGS MATCHES _FORTIFY_SOURCE)
+    # FORTIFY needs the optimiser and blinds the sanitizers. Some compilers define it by themselves.
+    target_compile_options(quillmere_options INTERFACE
+        $<$<CONFIG:Release,RelWithDebInfo>:-U_FORTIFY_SOURCE;-D_FORTIFY_SOURCE=2>)
 endif()
 
 if(QUILLMERE_COVERAGE)
@@ -36,7 +78,9 @@ endif()
 
 if(NOT WIN32)
     set(CMAKE_POSITION_INDEPENDENT_CODE ON)
-    target_link_options(quillmere_options INTERFACE
-        $<$<STREQUAL:$<TARGET_PROPERTY:TYPE>,EXECUTABLE>:-pie> -Wl,-z,relro,-z,now,-z,noexecstack)
-    target_compile_options(quillmere_options INTERFACE -fstack-clash-protection)
+    target_link_options(quillmere_options INTERFACE $<$<STREQUAL:$<TARGET_PROPERTY:TYPE>,EXECUTABLE>:-pie>)
+    quillmere_link_hardening(-z,relro -Wl,-z,relro)
+    quillmere_link_hardening(-z,now -Wl,-z,now)
+    quillmere_link_hardening(-z,noexecstack -Wl,-z,noexecstack)
+    quillmere_hardening(-fstack-clash-protection -fstack-clash-protection)
 endif()

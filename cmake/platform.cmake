@@ -5,6 +5,7 @@
 # defines:
 #   quillmere_platform_executable(<target> <description>)   what an executable that is delivered needs beyond its
 #                                                           libraries
+#   quillmere_platform_install()                            what is installed beside the executables
 #   quillmere_platform_test(<target>)                       what a test needs beside its CTest entry
 if(WIN32)
     set(QUILLMERE_PLATFORM windows)

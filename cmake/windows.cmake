@@ -22,6 +22,9 @@ function(quillmere_platform_executable target description)
         COMMAND ${CMAKE_COMMAND} -E copy_if_different $<TARGET_FILE:${target}> ${QUILLMERE_TEST_FOLDER})
 endfunction()
 
+function(quillmere_platform_install)
+endfunction()
+
 # Every test has the one common data folder of its Wine.
 function(quillmere_platform_test target)
     set_target_properties(${target} PROPERTIES RUNTIME_OUTPUT_DIRECTORY ${QUILLMERE_TEST_FOLDER})
