@@ -368,8 +368,11 @@ void ModelScenario::retryExpires()
             }
         },
         [&] {
+            const QTimer &timer = server->timerForRetry();
             retrying = true;
-            server.expireRetry();
+            do { // a round whose time was over goes on at once
+                server.expireRetry();
+            } while (timer.isActive() && timer.interval() == 0);
             retrying = false;
         });
 }

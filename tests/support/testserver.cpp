@@ -18,18 +18,53 @@ namespace {
 char programName[] = "quillmere";
 char *arguments[] = {programName, nullptr};
 
-// Below the ports that systems give out by themselves, and each process at a place of its own: neither a
-// socket of this test nor a test that runs beside it takes the port before the server does.
+// A block of ports of this process's own, below those that systems give out by themselves: neither a socket
+// of this test nor a test that runs beside it takes a port before the server does. The first is held for as
+// long as the process lives, and shows that the block is taken.
+class PortBlock
+{
+public:
+    PortBlock()
+    {
+        constexpr qint64 Blocks = 300;
+        const qint64 favourite = QCoreApplication::applicationPid() % Blocks;
+        for (qint64 tries = 0; tries < Blocks; ++tries) {
+            first = static_cast<quint16>(Lowest + (favourite + tries) % Blocks * Size);
+            if (held.bind(first, QAbstractSocket::DontShareAddress)) {
+                return;
+            }
+        }
+        qFatal("no free block of ports");
+    }
+
+    // From one to the next, so that none is soon used again.
+    quint16 next()
+    {
+        last = static_cast<quint16>(last % (Size - 1) + 1);
+        return static_cast<quint16>(first + last);
+    }
+
+    static constexpr quint16 Lowest = 10000;
+    static constexpr quint16 Size = 64;
+
+private:
+    QUdpSocket held;
+    quint16 first = 0;
+    quint16 last = 0;
+};
+
+// Never destroyed: the application object, which a socket's end would need, goes first.
+PortBlock &ownPorts()
+{
+    static auto *const block = new PortBlock;
+    return *block;
+}
+
 template<typename Socket, typename Bind>
 quint16 freePort(Bind bind)
 {
-    constexpr quint16 First = 10000;
-    constexpr quint16 Count = 20000;
-    constexpr int Spread = 16;
-    static auto next = static_cast<quint16>(QCoreApplication::applicationPid() * Spread % Count);
-    for (int tries = 0; tries < Count; ++tries) {
-        const auto port = static_cast<quint16>(First + next);
-        next = static_cast<quint16>((next + 1) % Count);
+    for (int tries = 0; tries < PortBlock::Size; ++tries) {
+        const quint16 port = ownPorts().next();
         Socket socket;
         if (bind(socket, port)) {
             return port;

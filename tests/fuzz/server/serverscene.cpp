@@ -222,7 +222,16 @@ void ServerScene::retryExpires()
     if (!model.locked) {
         model.settlesWhatIsOwed();
     }
-    fire(server->timerForRetry());
+    triesAgain();
+}
+
+// A round whose time was over goes on at once.
+void ServerScene::triesAgain()
+{
+    const QTimer &timer = server->timerForRetry();
+    do {
+        fire(timer);
+    } while (timer.isActive() && timer.interval() == 0);
 }
 
 void ServerScene::databaseIsLocked()
@@ -270,7 +279,7 @@ void ServerScene::databaseIsWhole()
     lastChanges = -1;
     model.settlesWhatIsOwed();
     for (int i = 0; i < Rounds; ++i) {
-        fire(server->timerForRetry());
+        triesAgain();
     }
 }
 

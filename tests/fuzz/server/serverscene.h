@@ -77,6 +77,7 @@ private:
     void deadlineExpires();
     void timeoutCheckExpires();
     void retryExpires();
+    void triesAgain();
 
     void databaseIsLocked();
     void databaseFails();
