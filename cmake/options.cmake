@@ -4,6 +4,7 @@
 # quillmere_options: the language standard, the warnings, Qt's strict switches and the hardening flags of every target.
 # Warnings are errors in our presets (CMAKE_COMPILE_WARNING_AS_ERROR), and for nobody who builds without them.
 include(CheckCXXCompilerFlag)
+include(CheckCXXSourceCompiles)
 include(CheckLinkerFlag)
 
 add_library(quillmere_options INTERFACE)
@@ -14,9 +15,8 @@ target_compile_definitions(quillmere_options INTERFACE
     QT_NO_CAST_FROM_ASCII QT_NO_CAST_TO_ASCII QT_NO_NARROWING_CONVERSIONS_IN_CONNECT QT_NO_FOREACH
     QT_USE_QSTRINGBUILDER QT_DISABLE_DEPRECATED_BEFORE=0x060400)
 
-# quillmere_flags(<flag>...): those of them that the compiler knows, and has a use for.
+# quillmere_flags(<flag>...): those of them that the compiler knows.
 function(quillmere_flags)
-    set(CMAKE_REQUIRED_FLAGS -Werror)
     foreach(flag ${ARGN})
         string(MAKE_C_IDENTIFIER "QUILLMERE_TAKES${flag}" known)
         check_cxx_compiler_flag(${flag} ${known})
@@ -47,15 +47,19 @@ endfunction()
 if(MSVC)
     # Untried: this compiler has not been at hand.
     target_compile_options(quillmere_options INTERFACE /W4 /permissive- /utf-8 /Zc:__cplusplus /guard:cf)
+    target_link_options(quillmere_options INTERFACE /guard:cf /MANIFEST:NO) # the manifest is in the resources
     return()
 endif()
 
 quillmere_flags(-Wall -Wextra -Wpedantic -Wshadow -Wconversion -Wno-sign-conversion -Wold-style-cast
     -Wnon-virtual-dtor -Woverloaded-virtual -Wformat=2 -Wundef -Wnull-dereference -Wimplicit-fallthrough)
 
-quillmere_hardening(-fstack-protector -fstack-protector-strong)
-quillmere_hardening(-fcf-protection -fcf-protection)
-quillmere_hardening(-mbranch-protection -mbranch-protection=standard) # the same on ARM
+quillmere_hardening(stack-protector -fstack-protector-strong)
+if(CMAKE_SYSTEM_PROCESSOR MATCHES "aarch64|arm64")
+    quillmere_hardening(branch-protection -mbranch-protection=standard)
+else()
+    quillmere_hardening(cf-protection -fcf-protection)
+endif()
 if(QUILLMERE_SANITIZE)
     # Without the check of virtual tables: it reads memory through a pipe and so reports every object once the process has
     # no descriptor left, which tests bring about on purpose.
@@ -65,9 +69,13 @@ if(QUILLMERE_SANITIZE)
     target_link_options(quillmere_options INTERFACE -fsanitize=${QUILLMERE_SANITIZE})
     target_compile_definitions(quillmere_options INTERFACE QUILLMERE_SANITIZED)
 elseif(NOT CMAKE_CXX_FLAGS MATCHES _FORTIFY_SOURCE)
-    # FORTIFY needs the optimiser and blinds the sanitizers. Some compilers define it by themselves.
-    target_compile_options(quillmere_options INTERFACE
-        $<$<CONFIG:Release,RelWithDebInfo>:-U_FORTIFY_SOURCE;-D_FORTIFY_SOURCE=2>)
+    # FORTIFY needs the optimiser and blinds the sanitizers. Some compilers have it by themselves, and more of it.
+    set(CMAKE_REQUIRED_FLAGS -O2)
+    check_cxx_source_compiles("#ifndef _FORTIFY_SOURCE\n#error\n#endif\nint main() {}" QUILLMERE_IS_FORTIFIED)
+    unset(CMAKE_REQUIRED_FLAGS)
+    if(NOT QUILLMERE_IS_FORTIFIED)
+        target_compile_definitions(quillmere_options INTERFACE $<$<CONFIG:Release,RelWithDebInfo>:_FORTIFY_SOURCE=2>)
+    endif()
 endif()
 
 if(QUILLMERE_COVERAGE)
@@ -82,5 +90,5 @@ if(NOT WIN32)
     quillmere_link_hardening(-z,relro -Wl,-z,relro)
     quillmere_link_hardening(-z,now -Wl,-z,now)
     quillmere_link_hardening(-z,noexecstack -Wl,-z,noexecstack)
-    quillmere_hardening(-fstack-clash-protection -fstack-clash-protection)
+    quillmere_hardening(stack-clash-protection -fstack-clash-protection)
 endif()

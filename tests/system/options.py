@@ -10,6 +10,7 @@ import subprocess
 import sys
 
 OPTION = re.compile(r"(?<![\w-])--[a-z][a-z-]*")
+LISTED = re.compile(r"^ +(--[a-z][a-z-]*)", re.MULTILINE)  # in a help, at the beginning of a line
 
 
 def section(document, heading):
@@ -21,27 +22,39 @@ def told(*command):
     return subprocess.run(command, capture_output=True, check=False).stdout.decode()
 
 
+def rows(text):
+    """The cells of the section's first table."""
+    table = re.search(r"(?:^\|.*\n)+", text, re.MULTILINE)[0]
+    return [[cell.strip() for cell in line.strip("|").split("|")] for line in table.splitlines()[2:]]
+
+
 def main():
     docs, programs = sys.argv[1:]
+    tools = os.path.join(docs, "tools.md")
+    radio, watch, server = (os.path.join(programs, name) for name in ("quillmere-radio", "quillmere-watch", "quillmere"))
     different = []
 
     def compare(name, documented, helped):
         different.extend(f"{name}: {option} is not in the document" for option in sorted(helped - documented))
         different.extend(f"{name}: {option} is not in the help" for option in sorted(documented - helped))
+        if not helped:
+            different.append(f"{name}: no help")
 
-    tools = os.path.join(docs, "tools.md")
-    radio, watch, server = (os.path.join(programs, name) for name in ("quillmere-radio", "quillmere-watch", "quillmere"))
-    for_all = {"--help", "--version"}
-    helps = "".join(told(radio, command, "--help") for command in ("register", "deregister", "listen", "fleet"))
-    compare("quillmere-radio", set(OPTION.findall(section(tools, "quillmere-radio"))) - for_all,
-            set(OPTION.findall(helps)) - for_all)
-    compare("quillmere-watch", set(OPTION.findall(section(tools, "quillmere-watch"))) - for_all,
-            set(OPTION.findall(told(watch, "--help"))) - for_all)
-    letters = re.findall(r"^\t-([a-z])\(", told(server, "-h"), re.MULTILINE)
-    table = section(os.path.join(docs, "operations.md"), "The command line").split("\n\n")[1]
-    compare("quillmere", set(re.findall(r"`(?:quillmere )?-([a-z])\b", table)), set(letters))
-    if not helps or not letters:
-        different.append("a program gave no help")
+    commands = ("register", "deregister", "listen", "fleet")
+    for command in commands:
+        documented = set()
+        for option, of, *_ in rows(section(tools, "quillmere-radio")):
+            of_all = of.startswith("all") and not of.endswith("but " + command)
+            if of_all or command in of.split(", "):
+                documented |= set(OPTION.findall(option))
+        compare("quillmere-radio " + command, documented,
+                set(LISTED.findall(told(radio, command, "--help"))) - {"--help"})
+    compare("quillmere-watch", {option for row in rows(section(tools, "quillmere-watch")) for option in OPTION.findall(row[0])},
+            set(LISTED.findall(told(watch, "--help"))) - {"--help", "--version"})
+    helped = re.findall(r"^\t-([a-z])\(([a-z]+)\)", told(server, "-h"), re.MULTILINE)
+    table = rows(section(os.path.join(docs, "operations.md"), "The command line"))
+    compare("quillmere", {option for row in table for option in re.findall(r"`(?:quillmere )?-([a-z]+)", row[0])},
+            {letter for letter, _ in helped} | {letter + rest for letter, rest in helped})
     for line in different:
         print(line)
     return 1 if different else 0

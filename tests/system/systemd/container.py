@@ -77,6 +77,7 @@ class Container:
         for name in os.listdir(units):
             if name.endswith(".wants") or name.startswith("quill-mere"):
                 subprocess.run(["rm", "-rf", "--", os.path.join(units, name)], check=True)
+        subprocess.run(["rm", "-f", "--", self.path("/lib/systemd/system/quill-mere.service")], check=True)  # a package's
         subprocess.run(["ln", "-sf", "/lib/systemd/system/multi-user.target", units + "/default.target"], check=True)
         subprocess.run(["rm", "-rf", "--", self.path("/var/lib/Brackwater"), self.path("/var/log/journal")], check=True)
 
