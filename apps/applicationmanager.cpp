@@ -4,11 +4,11 @@
 #include "apps/applicationmanager.h"
 
 #include "apps/applicationconnection.h"
+#include "core/clock.h"
 #include "core/eventid.h"
 #include "core/quillmere.h"
 #include "service/platform.h"
 
-#include <QDeadlineTimer>
 #include <QTcpSocket>
 
 #include <algorithm>
@@ -214,14 +214,14 @@ void ApplicationManager::takeTurn()
         return;
     }
     server->commitWrites();
-    const QDeadlineTimer turnEnd(LongestTurn, Qt::PreciseTimer);
+    const TimeSlice turn(LongestTurn);
     listener.review();
     tableLimitIsCurrent = false;
-    while (!busy.empty() && !turnEnd.hasExpired()) {
+    while (!busy.empty() && !turn.isOver()) {
         ApplicationConnection *const application = busy.front();
         busy.pop_front();
         // Busy until then: it may end in the middle of its own turn.
-        const bool goesOn = serve(application, turnEnd);
+        const bool goesOn = serve(application, turn);
         application->setBusy(goesOn);
         if (goesOn) {
             busy.push_back(application);
@@ -248,11 +248,11 @@ void ApplicationManager::serveTable(ApplicationConnection *application)
 }
 
 // True: there is more to do for it.
-bool ApplicationManager::serve(ApplicationConnection *application, const QDeadlineTimer &turnEnd)
+bool ApplicationManager::serve(ApplicationConnection *application, const TimeSlice &turn)
 {
     serveTable(application);
     for (int i = 0; i < MessagesATurn && application->hasMessage(); ++i) {
-        if (i > 0 && turnEnd.hasExpired()) {
+        if (i > 0 && turn.isOver()) {
             return true;
         }
         take(application->readMessage());

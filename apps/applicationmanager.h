@@ -14,13 +14,13 @@
 #include <memory>
 #include <vector>
 
-class QDeadlineTimer;
 class QTcpSocket;
 
 namespace QMR {
 
 class ApplicationConnection;
 class Quillmere;
+class TimeSlice;
 struct RadioEntry;
 
 // The server towards the client applications: it keeps the set of those that are connected, and gives each
@@ -69,7 +69,7 @@ private:
     void arrangeTurn();
     void takeTurn();
     void serveTable(ApplicationConnection *application);
-    bool serve(ApplicationConnection *application, const QDeadlineTimer &end);
+    bool serve(ApplicationConnection *application, const TimeSlice &turn);
     void take(const ApplicationReader::Reading &reading);
     void logFault(ApplicationReader::Fault fault) const;
 

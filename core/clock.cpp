@@ -15,6 +15,12 @@ std::function<QDateTime()> &replacement()
     return clock;
 }
 
+std::function<std::chrono::nanoseconds()> &elapsedReplacement()
+{
+    static std::function<std::chrono::nanoseconds()> source;
+    return source;
+}
+
 } // namespace
 
 QDateTime currentTime()
@@ -25,6 +31,17 @@ QDateTime currentTime()
 void setClock(std::function<QDateTime()> clock)
 {
     replacement() = std::move(clock);
+}
+
+std::chrono::nanoseconds elapsedTime()
+{
+    return elapsedReplacement() ? elapsedReplacement()()
+                                : std::chrono::steady_clock::now().time_since_epoch();
+}
+
+void setElapsedTime(std::function<std::chrono::nanoseconds()> source)
+{
+    elapsedReplacement() = std::move(source);
 }
 
 } // namespace QMR

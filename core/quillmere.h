@@ -222,7 +222,7 @@ private:
     void writeFailed(WriteStep step) const;
     void groupStored();
     void eventOwedWritesDue();
-    bool retryOwedWrites(qint64 milliseconds);
+    bool retryOwedWrites(std::chrono::nanoseconds longest);
 
     QSqlDatabase database;
     std::unique_ptr<WriteGroup> writes; // while the database is open

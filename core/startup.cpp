@@ -15,7 +15,6 @@
 #include <QSqlQuery>
 
 #include <chrono>
-#include <limits>
 
 using namespace Qt::StringLiterals;
 using namespace std::chrono_literals;
@@ -29,7 +28,7 @@ constexpr auto ApplicationName = "Quill Mere";
 
 constexpr auto WritablePatience = 2s; // a file may be denied to us though the system calls it writable
 
-constexpr qint64 SecondTry = 5000; // ms, for what is still owed at a stop
+constexpr auto SecondTry = 5s; // for what is still owed at a stop
 
 constexpr quint32 DefaultMinimumDiscoveryPeriod = 30; // seconds
 constexpr quint32 DefaultRadioRegistrationPort = 9361;
@@ -161,7 +160,7 @@ void Quillmere::stop()
     if (writes) {
         commitWrites();
         lastRetried.reset();
-        retryOwedWrites(std::numeric_limits<qint64>::max());
+        retryOwedWrites(std::chrono::nanoseconds::max());
         // What fails once may be stored the second time.
         retryOwedWrites(SecondTry);
     }

@@ -7,8 +7,6 @@
 #include "db/writegroup.h"
 #include "radio/registrationmanager.h"
 
-#include <QDeadlineTimer>
-
 #include <algorithm>
 #include <chrono>
 #include <limits>
@@ -234,7 +232,7 @@ void Quillmere::continueTimeoutCheck()
         return; // the server has been stopped
     }
     const WriteTurn turn(writes.get());
-    const QDeadlineTimer end(LongestSlice, Qt::PreciseTimer);
+    const TimeSlice slice(LongestSlice);
     auto &[threshold, last] = *timeoutCheckUnderWay;
     int checked = 0;
     for (auto next = last ? radiosByEsn.upper_bound(*last) : radiosByEsn.begin(); next != radiosByEsn.end();
@@ -245,7 +243,7 @@ void Quillmere::continueTimeoutCheck()
             setAvailability(radio, Unreachable);
         }
         last = next->first;
-        if (++checked % RadiosPerClockRead == 0 && end.hasExpired()) {
+        if (++checked % RadiosPerClockRead == 0 && slice.isOver()) {
             QMetaObject::invokeMethod(this, &Quillmere::continueTimeoutCheck, Qt::QueuedConnection);
             return;
         }
@@ -276,11 +274,11 @@ void Quillmere::lapsePending()
         return; // the server has been stopped
     }
     const WriteTurn turn(writes.get());
-    const QDeadlineTimer end(LongestSlice, Qt::PreciseTimer);
+    const TimeSlice slice(LongestSlice);
     while (!heartbeatQueue.empty() && (*heartbeatQueue.begin())->pendingDeadline <= *lapsingUntil) {
         const RadioPointer radio = *heartbeatQueue.begin();
         deregisterPending(radio);
-        if (end.hasExpired()) {
+        if (slice.isOver()) {
             QMetaObject::invokeMethod(this, &Quillmere::lapsePending, Qt::QueuedConnection);
             return;
         }

@@ -4,19 +4,18 @@
 #include "core/quillmere.h"
 
 #include "apps/applicationmanager.h"
+#include "core/clock.h"
 #include "db/writegroup.h"
 #include "radio/registrationmanager.h"
 
-#include <QElapsedTimer>
-
-#include <limits>
+using namespace std::chrono_literals;
 
 namespace QMR {
 
 namespace {
 
-constexpr int OwedWritesPause = 1000; // ms
-constexpr int OwedWritesRound = 20;   // ms, then the rest of the event loop has its turn
+constexpr int OwedWritesPause = 1000;  // ms
+constexpr auto OwedWritesRound = 20ms; // then the rest of the event loop has its turn
 
 } // namespace
 
@@ -59,11 +58,10 @@ void Quillmere::eventOwedWritesDue()
 }
 
 // Goes on behind the radio with which the last round ended. True: all that can be tried now has been.
-bool Quillmere::retryOwedWrites(qint64 milliseconds)
+bool Quillmere::retryOwedWrites(std::chrono::nanoseconds longest)
 {
     const WriteTurn turn(writes.get());
-    QElapsedTimer spent;
-    spent.start();
+    const TimeSlice round(longest);
     auto esn = lastRetried ? writes->owed().after(*lastRetried) : writes->owed().first();
     for (; esn; esn = writes->owed().after(*esn)) {
         const RadioPointer radio = findRadio(*esn);
@@ -74,7 +72,7 @@ bool Quillmere::retryOwedWrites(qint64 milliseconds)
         if (result == WriteResult::Locked) {
             return true;
         }
-        if (spent.hasExpired(milliseconds) && writes->owed().after(*esn)) {
+        if (round.isOver() && writes->owed().after(*esn)) {
             lastRetried = esn;
             return false;
         }

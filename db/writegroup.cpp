@@ -5,18 +5,21 @@
 
 #include "db/sqlite.h"
 
+#include <QElapsedTimer>
 #include <QThread>
 
 #include <sqlite3.h>
 
 #include <utility>
 
+using namespace std::chrono_literals;
+
 namespace QMR {
 
 namespace {
 
 constexpr int MaximumTurns = 256;
-constexpr int MaximumAge = 20; // ms
+constexpr auto MaximumAge = 20ms;
 
 constexpr unsigned long LockPause = 2; // ms
 
@@ -271,7 +274,7 @@ WriteTurn::WriteTurn(WriteGroup *writeGroup, Beginning beginning) : group(writeG
         group->commit();
     }
     if (group->turnsTaken++ == 0) {
-        group->openSince.start();
+        group->life = TimeSlice(MaximumAge);
     }
 }
 
@@ -280,7 +283,7 @@ WriteTurn::~WriteTurn()
     if (!group || --group->turnDepth > 0) {
         return;
     }
-    if (kept && group->turnsTaken < MaximumTurns && !group->openSince.hasExpired(MaximumAge)) {
+    if (kept && group->turnsTaken < MaximumTurns && !group->life.isOver()) {
         group->stayOpen();
     } else {
         group->commit();

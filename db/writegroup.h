@@ -3,11 +3,11 @@
 
 #pragma once
 
+#include "core/clock.h"
 #include "db/owedwrites.h"
 #include "db/rowwriter.h"
 #include "db/statements.h"
 
-#include <QElapsedTimer>
 #include <QTimer>
 
 #include <chrono>
@@ -86,9 +86,9 @@ private:
     std::vector<RowWrite> written; // in the open transaction, in order
     bool transactionOpen = false;
     int turnDepth = 0;
-    int turnsTaken = 0;      // in this group
-    QElapsedTimer openSince; // the group's first turn
-    QTimer dueTimer;         // runs while the group is kept open: what it is kept for may never come
+    int turnsTaken = 0;                               // in this group
+    TimeSlice life{std::chrono::nanoseconds::zero()}; // from its first turn
+    QTimer dueTimer; // runs while the group is kept open: what it is kept for may never come
 
     std::chrono::milliseconds lockPatience = LockPatience;
     std::chrono::nanoseconds lockWaited{}; // in this group

@@ -16,6 +16,7 @@
 #include <vector>
 
 using namespace Qt::StringLiterals;
+using namespace std::chrono_literals;
 
 using QMR::RadioPointer;
 
@@ -159,7 +160,7 @@ private slots:
         server->log.whenWritten([&](const LogRecord &) {
             const qsizetype records = server->log.records().size();
             if (records < 4) {
-                QTest::qSleep(5); // ends the application's turn, so that the socket has its own
+                server->clock.workPauses(5ms); // ends the application's turn, so that the socket has its own
             } else if (records == 4) {
                 reset(connection);
                 (*server)->notifyApplications((*server)->findRadio(radio->esn));
@@ -182,14 +183,13 @@ private slots:
         QTcpSocket &connection = applications[0]->connection();
         const QString error = u"Network error 7 on connection to 127.0.0.1:%1"_s.arg(connection.localPort());
         applications[0]->sends(ScriptedApplication::message(9, QByteArray()).repeated(1500));
-        server->log.whenWritten([](const LogRecord &) { QTest::qSleep(5); }); // ends the turn
+        server->clock.workTakes(1ms);
         QVERIFY(runsUntil([this] { return !server->log.records().isEmpty(); }));
         breakConnection(connection);
         (*server)->notifyApplications((*server)->findRadio(radio->esn));
         for (int i = 0; i < 10; ++i) {
             QCoreApplication::processEvents(); // the server hears of the error
         }
-        server->log.whenWritten({});
         QCOMPARE(server->log.count(Disconnected), 0);
         server->stop();
         QCOMPARE(server->log.takeMessages().last(3),
@@ -243,6 +243,7 @@ private slots:
     void floodOfRubbishIsHeldBackByTcp()
     {
         connectApplications(1);
+        server->clock.workTakes(1ms);
         QTcpSocket flood;
         flood.connectToHost(QHostAddress::LocalHost, server->applicationPort());
         QTRY_COMPARE(server->log.count(Connected), 1);

@@ -14,6 +14,7 @@
 #include <vector>
 
 using namespace Qt::StringLiterals;
+using namespace std::chrono_literals;
 
 namespace {
 
@@ -257,11 +258,7 @@ private slots:
     void applicationsTakeTurns()
     {
         constexpr int Many = 1500;
-        server->log.whenWritten([this](const LogRecord &) {
-            if (server->log.records().size() < 6) {
-                QTest::qSleep(5); // ends the application's turn
-            }
-        });
+        server->clock.workTakes(1ms);
         ScriptedApplication other(server->applicationPort());
         QVERIFY(other.sees(*radio, QMR::Registered));
         server->log.take();
@@ -270,7 +267,6 @@ private slots:
         other.connection().write(message(2, 11));
         other.connection().flush();
         QTRY_COMPARE(server->log.records().size(), Many + 1);
-        server->log.whenWritten({});
         const QList<LogRecord> records = server->log.take();
         QVERIFY2(records.indexOf(BadLengthRecord) <= 200,
                  qPrintable(QString::number(records.indexOf(BadLengthRecord))));
@@ -289,7 +285,7 @@ private slots:
                 application->sends(Marker);
             }
             if (records < 4) {
-                QTest::qSleep(5); // ends the application's turn, so that the socket has its own
+                server->clock.workPauses(5ms); // ends the application's turn, so that the socket has its own
             }
         });
         QTRY_COMPARE(server->log.records().size(), Many + 3);

@@ -13,6 +13,7 @@
 #include <vector>
 
 using namespace Qt::StringLiterals;
+using namespace std::chrono_literals;
 
 using QMR::Esn;
 using QMR::Suid;
@@ -47,6 +48,7 @@ private slots:
     {
         server = std::make_unique<TestServer>();
         server->startWithoutDiscovery();
+        server->clock.workTakes(1ms);
         random.seed(20261121);
     }
 

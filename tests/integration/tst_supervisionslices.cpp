@@ -14,6 +14,7 @@
 #include <memory>
 
 using namespace Qt::StringLiterals;
+using namespace std::chrono_literals;
 using QMR::Esn;
 using QMR::RadioPointer;
 
@@ -22,6 +23,11 @@ namespace {
 constexpr quint32 RadioCount = 5000;
 constexpr qint64 SilenceLimit = 43200; // seconds
 constexpr qint64 PendingLifetime = 17; // seconds
+
+// A slice has 5 ms. Here each look at the time costs one; a check looks after every 16th radio, a lapse after
+// each.
+constexpr quint32 ASliceOfTheCheck = 5 * 16;
+constexpr quint32 ASliceOfTheLapse = 5;
 
 Esn esnOf(quint32 radio)
 {
@@ -40,6 +46,7 @@ private slots:
     {
         server = std::make_unique<TestServer>();
         server->startWithoutDiscovery();
+        server->clock.workTakes(1ms);
     }
 
     void cleanup() { server.reset(); }
@@ -51,7 +58,7 @@ private slots:
         ScriptedRadio radio(server->registrationPort(), 1);
         radio.registers();
         server->expireTimeoutCheck();
-        QVERIFY(unreachable() > 0);
+        QCOMPARE(unreachable(), ASliceOfTheCheck);
         QVERIFY(runsUntil([&radio] { return radio.hasReceived(); }));
         QVERIFY(unreachable() < RadioCount);
         QVERIFY(runsUntil([this] { return unreachable() == RadioCount; }));
@@ -145,7 +152,7 @@ private slots:
         ScriptedRadio radio(server->registrationPort(), 1);
         radio.registers();
         beginLapse();
-        QVERIFY(pending() < RadioCount);
+        QCOMPARE(pending(), RadioCount - ASliceOfTheLapse);
         QVERIFY(runsUntil([&radio] { return radio.hasReceived(); }));
         QVERIFY(pending() > 0);
         QVERIFY(runsUntil([this] { return pending() == 0; }));

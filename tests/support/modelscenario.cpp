@@ -11,6 +11,7 @@
 #include <array>
 
 using namespace Qt::StringLiterals;
+using namespace std::chrono_literals;
 using QMR::Esn;
 
 namespace {
@@ -47,6 +48,7 @@ ModelScenario::ModelScenario(quint32 seed, Way wayOfRadios)
     QCoreApplication::instance()->installEventFilter(this);
     server.configure(seed % 3 == 0 ? "minimumDiscoveryPeriod=0\n" : "minimumDiscoveryPeriod=30\n");
     model.now = server.clock.now().toMSecsSinceEpoch();
+    server.clock.workTakes(1ms);
     server.start(); // makes the database
     storeRandomRadios();
     comparison = std::make_unique<ModelComparison>(server, model);

@@ -7,7 +7,11 @@
 
 #include <QDateTime>
 
-// The server's clock while it lives: it stands still until the test moves it.
+#include <chrono>
+
+// The server's clock while it lives: it stands still until the test moves it. So does the time that the
+// server takes for its work, unless the test lets some pass: then the same work is interrupted at the same
+// places, however quick the machine.
 class TestClock
 {
 public:
@@ -15,8 +19,13 @@ public:
         : time(start)
     {
         QMR::setClock([this] { return time; });
+        QMR::setElapsedTime([this] { return elapsed += aLook; });
     }
-    ~TestClock() { QMR::setClock({}); }
+    ~TestClock()
+    {
+        QMR::setClock({});
+        QMR::setElapsedTime({});
+    }
     Q_DISABLE_COPY_MOVE(TestClock)
 
     QDateTime now() const { return time; }
@@ -24,6 +33,13 @@ public:
     void set(const QDateTime &newTime) { time = newTime; }
     void advance(qint64 seconds) { time = time.addSecs(seconds); }
 
+    // The time that passes for the server's work up to each look at it.
+    void workTakes(std::chrono::nanoseconds timeALook) { aLook = timeALook; }
+    // It takes so long once.
+    void workPauses(std::chrono::nanoseconds pause) { elapsed += pause; }
+
 private:
     QDateTime time;
+    std::chrono::nanoseconds elapsed{};
+    std::chrono::nanoseconds aLook{};
 };

@@ -16,6 +16,7 @@
 #include <array>
 
 using namespace Qt::StringLiterals;
+using namespace std::chrono_literals;
 namespace Qmrs = QMR::Qmrs;
 
 namespace {
@@ -44,6 +45,7 @@ QString textOf(const QList<MemoryWires::Datagram> &datagrams)
 FuzzWorld::FuzzWorld()
 {
     QCoreApplication::instance()->installEventFilter(this);
+    clock.workTakes(1ms);
     MemoryFiles::install();
     QMR::Quillmere server(1, arguments);
     server.start(); // makes the database
