@@ -3,7 +3,7 @@
 
 #include "tools/radio/commandline.h"
 
-#include "tools/radio/optionreader.h"
+#include "tools/optionreader.h"
 
 #include <QCoreApplication>
 #include <QtEndian>
@@ -107,7 +107,10 @@ auto within(quint64 minimum, quint64 maximum, Number &target)
 class Reader
 {
 public:
-    Reader(Command command, const QString &name) : options(name) { settings.command = command; }
+    Reader(Command command, const QString &name) : options(u"quillmere-radio "_s + name)
+    {
+        settings.command = command;
+    }
 
     CommandLine read(const QStringList &arguments)
     {
@@ -135,7 +138,7 @@ private:
     void checkRegistration();
     void checkFleet();
 
-    OptionReader options;
+    Console::OptionReader options;
     Settings settings;
 };
 

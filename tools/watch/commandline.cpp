@@ -3,7 +3,8 @@
 
 #include "tools/watch/commandline.h"
 
-#include <QCommandLineParser>
+#include "tools/optionreader.h"
+
 #include <QCoreApplication>
 
 #include <limits>
@@ -50,62 +51,45 @@ CommandLine error(const QString &text)
 
 CommandLine CommandLine::parse(const QStringList &arguments)
 {
-    QCommandLineParser parser;
-    parser.addOptions({{u"server"_s, QString(), u"server"_s},
-                       {u"json"_s, QString()},
-                       {u"table"_s, QString()},
-                       {u"count"_s, QString(), u"count"_s},
-                       {u"for"_s, QString(), u"seconds"_s},
-                       {u"help"_s, QString()},
-                       {u"version"_s, QString()}});
-    if (!parser.parse(QStringList(u"quillmere-watch"_s) + arguments)) {
-        return error(parser.errorText());
+    Console::OptionReader options(u"quillmere-watch"_s);
+    options.value(u"server"_s, u"server"_s, QString());
+    options.flag(u"json"_s, QString());
+    options.flag(u"table"_s, QString());
+    options.value(u"count"_s, u"count"_s, QString());
+    options.value(u"for"_s, u"seconds"_s, QString());
+    options.flag(u"version"_s, QString());
+    if (!options.parse(arguments, Console::OptionReader::TakesWords)) {
+        return error(options.error());
     }
-    if (parser.isSet(u"help"_s)) {
+    if (options.isSet(u"help"_s)) {
         return print(Help);
     }
-    if (parser.isSet(u"version"_s)) {
+    if (options.isSet(u"version"_s)) {
         return print(QCoreApplication::applicationName() + u' ' + QCoreApplication::applicationVersion());
-    }
-    for (const QString &name : {u"server"_s, u"count"_s, u"for"_s}) {
-        if (parser.values(name).size() > 1) {
-            return error(u"--%1 is given more than once"_s.arg(name));
-        }
     }
 
     Settings settings;
-    if (parser.isSet(u"server"_s)) {
-        const auto server = Console::parseEndpoint(parser.value(u"server"_s));
-        if (!server) {
-            return error(u"--server: "_s + server.error);
-        }
-        settings.server = *server;
-    }
-    if (parser.isSet(u"json"_s) && parser.isSet(u"table"_s)) {
-        return error(u"--json and --table exclude each other"_s);
-    }
-    if (parser.isSet(u"json"_s)) {
+    options.read(
+        u"server"_s, [](const QString &text) { return Console::parseEndpoint(text); },
+        [&settings](const Console::Endpoint &server) { settings.server = server; });
+    options.require(!options.isSet(u"json"_s) || !options.isSet(u"table"_s),
+                    u"--json and --table exclude each other"_s);
+    if (options.isSet(u"json"_s)) {
         settings.output = Output::Json;
-    } else if (parser.isSet(u"table"_s)) {
+    } else if (options.isSet(u"table"_s)) {
         settings.output = Output::Table;
     }
-    if (parser.isSet(u"count"_s)) {
-        const auto count =
-            Console::parseNumber(parser.value(u"count"_s), 1, std::numeric_limits<qint64>::max());
-        if (!count) {
-            return error(u"--count: "_s + count.error);
-        }
-        settings.count = *count;
-    }
-    if (parser.isSet(u"for"_s)) {
-        const auto duration = Console::parseSeconds(parser.value(u"for"_s));
-        if (!duration) {
-            return error(u"--for: "_s + duration.error);
-        }
-        settings.duration = *duration;
+    options.read(
+        u"count"_s,
+        [](const QString &text) { return Console::parseNumber(text, 1, std::numeric_limits<qint64>::max()); },
+        [&settings](quint64 count) { settings.count = count; });
+    options.read(u"for"_s, Console::parseSeconds,
+                 [&settings](qint64 duration) { settings.duration = duration; });
+    if (!options.error().isEmpty()) {
+        return error(options.error());
     }
 
-    const QStringList words = parser.positionalArguments();
+    const QStringList words = options.words();
     if (words.isEmpty()) {
         return {Kind::Run, settings, QString()};
     }

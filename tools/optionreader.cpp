@@ -1,11 +1,11 @@
 // SPDX-FileCopyrightText: 2026 The Quillmere developers
 // SPDX-License-Identifier: MIT
 
-#include "tools/radio/optionreader.h"
+#include "tools/optionreader.h"
 
 using namespace Qt::StringLiterals;
 
-namespace RadioTool {
+namespace Console {
 
 namespace {
 
@@ -15,7 +15,7 @@ const auto NoValue = u"\u0001"_s;
 } // namespace
 
 // NOLINTNEXTLINE(modernize-pass-by-value): copied once in a run
-OptionReader::OptionReader(const QString &newCommand) : command(newCommand)
+OptionReader::OptionReader(const QString &newUsage) : usage(newUsage)
 {
     parser.setOptionsAfterPositionalArgumentsMode(QCommandLineParser::ParseAsOptions);
     flag(u"help"_s, u"Show this."_s);
@@ -37,7 +37,7 @@ void OptionReader::optionalValue(const QString &name, const QString &valueName, 
     withOptionalValue.append(name);
 }
 
-bool OptionReader::parse(QStringList arguments)
+bool OptionReader::parse(QStringList arguments, Words words)
 {
     for (qsizetype i = 0; i < arguments.size(); ++i) {
         const bool alone = i + 1 == arguments.size() || arguments[i + 1].startsWith(u"--");
@@ -45,9 +45,9 @@ bool OptionReader::parse(QStringList arguments)
             arguments[i] += u'=' + NoValue;
         }
     }
-    if (!parser.parse(QStringList(command) + arguments)) {
+    if (!parser.parse(QStringList(usage) + arguments)) {
         require(false, parser.errorText());
-    } else if (!parser.positionalArguments().isEmpty()) {
+    } else if (words == NoWords && !parser.positionalArguments().isEmpty()) {
         require(false, u"unexpected argument '%1'"_s.arg(parser.positionalArguments().constFirst()));
     }
     return firstError.isEmpty();
@@ -56,8 +56,7 @@ bool OptionReader::parse(QStringList arguments)
 QString OptionReader::helpText() const
 {
     const QString text = parser.helpText(); // its first line names the program as it was called
-    return u"Usage: quillmere-radio %1 [options]\n"_s.arg(command) +
-           text.mid(text.indexOf(u'\n') + 1).trimmed();
+    return u"Usage: %1 [options]\n"_s.arg(usage) + text.mid(text.indexOf(u'\n') + 1).trimmed();
 }
 
 void OptionReader::require(bool condition, const QString &otherwise)
@@ -74,4 +73,4 @@ QString OptionReader::onlyValue(const QString &name)
     return values.size() == 1 && values.first() != NoValue ? values.first() : QString();
 }
 
-} // namespace RadioTool
+} // namespace Console

@@ -8,21 +8,25 @@
 #include <QCommandLineParser>
 #include <QStringList>
 
-namespace RadioTool {
+namespace Console {
 
-// The options of one command: declared, parsed, then read one by one. The first error is kept.
+// The options of a tool, or of one of its commands: declared, parsed, then read one by one. The first error
+// is kept.
 class OptionReader
 {
 public:
-    explicit OptionReader(const QString &command);
+    // usage: the program, and its command where it has some. It has the flag --help.
+    explicit OptionReader(const QString &usage);
 
     void flag(const QString &name, const QString &description);
     void value(const QString &name, const QString &valueName, const QString &description);
     // With or without a value.
     void optionalValue(const QString &name, const QString &valueName, const QString &description);
 
-    // False: error() tells why.
-    bool parse(QStringList arguments);
+    // False: error() tells why. Words are arguments that belong to no option.
+    enum Words { NoWords, TakesWords };
+    bool parse(QStringList arguments, Words words = NoWords);
+    QStringList words() const { return parser.positionalArguments(); }
     // False also for an option that this command has not got.
     bool isSet(const QString &name) const { return parser.optionNames().contains(name); }
     QString helpText() const;
@@ -50,10 +54,10 @@ private:
     // Null when there is none to read.
     QString onlyValue(const QString &name);
 
-    QString command;
+    QString usage;
     QCommandLineParser parser;
     QStringList withOptionalValue;
     QString firstError;
 };
 
-} // namespace RadioTool
+} // namespace Console
