@@ -4,6 +4,7 @@
 #include "core/quillmere.h"
 
 #include "apps/applicationmanager.h"
+#include "core/configuration.h"
 #include "core/eventid.h"
 #include "db/sqlite.h"
 #include "db/writegroup.h"
@@ -23,20 +24,13 @@ namespace QMR {
 
 namespace {
 
-constexpr auto OrganizationName = "Brackwater";
-constexpr auto ApplicationName = "Quill Mere";
-
 constexpr auto WritablePatience = 2s; // a file may be denied to us though the system calls it writable
 
 constexpr auto SecondTry = 5s; // for what is still owed at a stop
 
-constexpr quint32 DefaultMinimumDiscoveryPeriod = 30; // seconds
-constexpr quint32 DefaultRadioRegistrationPort = 9361;
-constexpr quint32 DefaultApplicationPort = 9361; // the same number on purpose: one is UDP, the other TCP
-
 QString applicationName()
 {
-    return QString::fromLatin1(ApplicationName);
+    return QLatin1String(ApplicationName);
 }
 
 // Name, release and build.
@@ -88,13 +82,14 @@ QString Quillmere::configDirectory()
 
 void Quillmere::configure()
 {
-    QCoreApplication::setOrganizationName(QString::fromLatin1(OrganizationName));
+    QCoreApplication::setOrganizationName(QLatin1String(OrganizationName));
     QCoreApplication::setApplicationName(applicationName());
-    settings = std::make_unique<QSettings>(configDirectory() + u"/qmr.cfg"_s, QSettings::IniFormat);
+    settings = std::make_unique<QSettings>(configDirectory() + u'/' + QLatin1String(ConfigurationFile),
+                                           QSettings::IniFormat);
     Sqlite::disableMemoryStatistics();
     Sqlite::tellFaultsFromDamage();
     database = QSqlDatabase::addDatabase(u"QSQLITE"_s);
-    database.setDatabaseName(configDirectory() + u"/qmr.db"_s);
+    database.setDatabaseName(configDirectory() + u'/' + QLatin1String(DatabaseFile));
     database.setConnectOptions(u"QSQLITE_BUSY_TIMEOUT=250"_s); // ms
     databaseConfigured = true;
 }
@@ -133,25 +128,22 @@ void Quillmere::start()
 
     // The settings object of an earlier start still holds what it read then.
     settings->sync();
-    const auto setting = [this](const QString &key, quint32 otherwise) {
-        return settings->value(key, otherwise).toUInt();
-    };
-    minimumDiscoveryPeriod = setting(u"minimumDiscoveryPeriod"_s, DefaultMinimumDiscoveryPeriod);
-    // A port beyond 16 bits is shown as it was read, and loses its upper bits at the socket.
-    const quint32 registrationPort = setting(u"radioRegistrationPort"_s, DefaultRadioRegistrationPort);
-    registrationManager = std::make_unique<RegistrationManager>(this, static_cast<quint16>(registrationPort));
-    const quint32 applicationPort = setting(u"applicationPort"_s, DefaultApplicationPort);
-    applicationManager = std::make_unique<ApplicationManager>(this, static_cast<quint16>(applicationPort));
+    const Configuration configuration = Configuration::read(*settings);
+    minimumDiscoveryPeriod = configuration.minimumDiscoveryPeriod;
+    registrationManager = std::make_unique<RegistrationManager>(
+        this, static_cast<quint16>(configuration.radioRegistrationPort));
+    applicationManager =
+        std::make_unique<ApplicationManager>(this, static_cast<quint16>(configuration.applicationPort));
 
     startTimeoutChecks();
-    const QString configuration = u"%1 Service started with the following configuration:\n"
-                                  "Minimum Discovery Period: %2 (seconds)\n"
-                                  "Radio Registration Port: %3 (UDP)\n"
-                                  "Application Port: %4 (TCP)\n"
-                                  "Config Path: %5\n"_s;
-    log(configuration.arg(versionText(u"%1 %2.%3\n"_s), QString::number(minimumDiscoveryPeriod),
-                          QString::number(registrationPort), QString::number(applicationPort),
-                          configDirectory()),
+    const QString started = u"%1 Service started with the following configuration:\n"
+                            "Minimum Discovery Period: %2 (seconds)\n"
+                            "Radio Registration Port: %3 (UDP)\n"
+                            "Application Port: %4 (TCP)\n"
+                            "Config Path: %5\n"_s;
+    log(started.arg(versionText(u"%1 %2.%3\n"_s), QString::number(minimumDiscoveryPeriod),
+                    QString::number(configuration.radioRegistrationPort),
+                    QString::number(configuration.applicationPort), configDirectory()),
         Success);
 }
 

@@ -30,6 +30,10 @@ RadioProcess::~RadioProcess()
 int RadioProcess::exitCode()
 {
     const bool ended = QTest::qWaitFor([this] { return process.state() == QProcess::NotRunning; }, 30'000);
+    if (process.error() == QProcess::FailedToStart) {
+        qWarning("not started: %s", qPrintable(process.errorString()));
+        return -1; // and not the 0 of a process that has not been
+    }
     return ended && process.exitStatus() == QProcess::NormalExit ? process.exitCode() : -1;
 }
 

@@ -31,7 +31,8 @@ def rows(text):
 def main():
     docs, programs = sys.argv[1:]
     tools = os.path.join(docs, "tools.md")
-    radio, watch, server = (os.path.join(programs, name) for name in ("quillmere-radio", "quillmere-watch", "quillmere"))
+    radio, watch, check, server = (os.path.join(programs, name)
+                                   for name in ("quillmere-radio", "quillmere-watch", "quillmere-check", "quillmere"))
     different = []
 
     def compare(name, documented, helped):
@@ -49,8 +50,9 @@ def main():
                 documented |= set(OPTION.findall(option))
         compare("quillmere-radio " + command, documented,
                 set(LISTED.findall(told(radio, command, "--help"))) - {"--help"})
-    compare("quillmere-watch", {option for row in rows(section(tools, "quillmere-watch")) for option in OPTION.findall(row[0])},
-            set(LISTED.findall(told(watch, "--help"))) - {"--help", "--version"})
+    for name, tool in (("quillmere-watch", watch), ("quillmere-check", check)):
+        compare(name, {option for row in rows(section(tools, name)) for option in OPTION.findall(row[0])},
+                set(LISTED.findall(told(tool, "--help"))) - {"--help", "--version"})
     helped = re.findall(r"^\t-([a-z])\(([a-z]+)\)", told(server, "-h"), re.MULTILINE)
     table = rows(section(os.path.join(docs, "operations.md"), "The command line"))
     compare("quillmere", {option for row in table for option in re.findall(r"`(?:quillmere )?-([a-z]+)", row[0])},

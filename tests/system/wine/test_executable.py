@@ -38,7 +38,7 @@ MESSAGE_TABLE = bytes.fromhex(
 class Executables(unittest.TestCase):
     def test_are_those_that_an_operator_gets(self):
         names = [path.name for path in EXECUTABLES]
-        self.assertEqual(names, ["quillmere-radio.exe", "quillmere-watch.exe", "quillmere.exe"])
+        self.assertEqual(names, ["quillmere-check.exe", "quillmere-radio.exe", "quillmere-watch.exe", "quillmere.exe"])
 
     def test_are_packed_with_their_papers(self):
         with zipfile.ZipFile(BIN.parent / "quillmere-windows.zip") as archive:
