@@ -8,7 +8,9 @@
 #include <QRegularExpression>
 #include <QStringList>
 
+#include <cerrno>
 #include <cstdio>
+#include <cstdlib>
 
 using namespace Qt::StringLiterals;
 
@@ -18,11 +20,22 @@ namespace {
 
 constexpr qint64 MaximumMilliseconds = 31'536'000'000; // a year
 
-void put(FILE *stream, const QString &text)
+// False: not all of it has been written.
+bool put(FILE *stream, const QString &text)
 {
     const QByteArray bytes = text.toUtf8();
-    std::fwrite(bytes.constData(), 1, static_cast<size_t>(bytes.size()), stream);
-    std::fflush(stream);
+    const auto size = static_cast<size_t>(bytes.size());
+    return std::fwrite(bytes.constData(), 1, size, stream) == size && std::fflush(stream) == 0;
+}
+
+// Who asked for it would take half of it for the whole.
+void putOrEnd(const QString &text)
+{
+    brokenPipeIsAnError();
+    if (!put(stdout, text)) {
+        writeError(u"standard output: "_s + qt_error_string(errno));
+        std::_Exit(ExitError);
+    }
 }
 
 bool isDigits(const QString &text)
@@ -138,7 +151,8 @@ Parsed<QMR::Suid> parseSuid(const QString &text)
     const auto failed = [&text](const QString &reason) {
         return Parsed<QMR::Suid>::failed(u"'%1' is not a SUID: %2"_s.arg(text, reason));
     };
-    const QStringList fields = text.split(u'.');
+    // As an option has it, or as records and notices show it.
+    const QStringList fields = text.split(text.contains(u'/') ? u'/' : u'.');
     if (fields.size() != 3) {
         return failed(u"it is WACN.System.Unit, as in 12345.678.9ABCDE"_s);
     }
@@ -169,12 +183,12 @@ QString suidText(const QMR::Suid &suid)
 
 void writeLine(const QString &line)
 {
-    put(stdout, line + u'\n');
+    putOrEnd(line + u'\n');
 }
 
 void writeJson(const QJsonObject &object)
 {
-    put(stdout, QString::fromUtf8(QJsonDocument(object).toJson(QJsonDocument::Compact)) + u'\n');
+    putOrEnd(QString::fromUtf8(QJsonDocument(object).toJson(QJsonDocument::Compact)) + u'\n');
 }
 
 void writeError(const QString &text)

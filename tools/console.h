@@ -63,14 +63,18 @@ Parsed<QMR::Suid> parseSuid(const QString &text);
 // The form that parseSuid reads, all digits: "12345.678.9ABCDE".
 QString suidText(const QMR::Suid &suid);
 
-// A line on standard output, there at once also when that is a file or a pipe.
+// A line on standard output, there at once also when that is a file or a pipe. Where it cannot be written the
+// process ends with ExitError, and says so.
 void writeLine(const QString &line);
-// One compact object, one line, on standard output.
+// One compact object, one line, in the same way.
 void writeJson(const QJsonObject &object);
 // "<program>: <text>" on standard error.
 void writeError(const QString &text);
 // On standard error, in place of the last progress; only for a terminal. Empty text wipes it.
 void writeProgress(const QString &text);
+
+// Of the platform: to write where nobody reads any more fails, and does not end the process without a word.
+void brokenPipeIsAnError();
 
 bool isTerminalOutput();
 bool isTerminalError();

@@ -160,6 +160,7 @@ private slots:
         const QMR::Suid expected{{0x12, 0x34, 0x56, 0x78, 0x9A, 0xBC, 0xDE}};
         QCOMPARE((*parseSuid(u"12345.678.9ABCDE"_s)).text(), expected.text());
         QVERIFY(*parseSuid(u"12345.678.9abcde"_s) == expected);
+        QVERIFY(*parseSuid(u"12345/678/9ABCDE"_s) == expected); // as quillmere-watch shows it
         QVERIFY(*parseSuid(u"0.0.0"_s) == QMR::Suid{});
         QVERIFY(*parseSuid(u"FFFFF.FFF.FFFFFF"_s) == (QMR::Suid{{0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF}}));
         QCOMPARE(suidText(expected), u"12345.678.9ABCDE"_s);
@@ -174,6 +175,7 @@ private slots:
         const QString wacn = u"the WACN is a hexadecimal number from 0 to FFFFF"_s;
         const QString system = u"the System is a hexadecimal number from 0 to FFF"_s;
         const QString unit = u"the Unit is a hexadecimal number from 0 to FFFFFF"_s;
+        QTest::newRow("both notations") << u"12345.678/9ABCDE"_s << form;
         QTest::newRow("one field") << u"123456789ABCDE"_s << form;
         QTest::newRow("four fields") << u"1.2.3.4"_s << form;
         QTest::newRow("WACN 21 bits") << u"100000.1.1"_s << wacn;

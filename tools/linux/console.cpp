@@ -25,6 +25,12 @@ void wakeEventLoop(int)
 
 } // namespace
 
+void brokenPipeIsAnError()
+{
+    static const auto former = std::signal(SIGPIPE, SIG_IGN);
+    Q_UNUSED(former)
+}
+
 bool isTerminalOutput()
 {
     return ::isatty(STDOUT_FILENO) == 1;

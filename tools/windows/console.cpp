@@ -23,6 +23,10 @@ BOOL WINAPI wakeEventLoop(DWORD)
 
 } // namespace
 
+void brokenPipeIsAnError()
+{
+}
+
 bool isTerminalOutput()
 {
     return _isatty(_fileno(stdout)) != 0;
