@@ -24,6 +24,17 @@ function(quillmere_platform_install)
     string(CONFIGURE "${text}" text @ONLY)
     file(WRITE ${PROJECT_BINARY_DIR}/${UNIT}.service "${text}")
     install(FILES ${PROJECT_BINARY_DIR}/${UNIT}.service DESTINATION lib/systemd/system COMPONENT server)
+    # Each shell looks for a file by the name of the command, and each component has its own.
+    set(completion ${PROJECT_SOURCE_DIR}/packaging/completion)
+    foreach(program server/quillmere server/quillmere-check tools/quillmere-radio tools/quillmere-watch)
+        get_filename_component(component ${program} DIRECTORY)
+        get_filename_component(name ${program} NAME)
+        install(FILES ${completion}/quillmere.bash DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions
+            RENAME ${name} COMPONENT ${component})
+    endforeach()
+    install(FILES ${completion}/_quillmere DESTINATION ${CMAKE_INSTALL_DATADIR}/zsh/site-functions COMPONENT server)
+    install(FILES ${completion}/_quillmere DESTINATION ${CMAKE_INSTALL_DATADIR}/zsh/site-functions
+        RENAME _quillmere-tools COMPONENT tools)
 endfunction()
 
 function(quillmere_platform_test target)

@@ -11,6 +11,7 @@ import glob
 import os
 import pathlib
 import shutil
+import sqlite3
 import subprocess
 import sys
 import tempfile
@@ -59,8 +60,10 @@ class Accounts(unittest.TestCase):
         self.assertEqual(code, CRITICAL)
 
     def test_database_that_the_service_cannot_write(self):
-        subprocess.run(["sqlite3", self.database, "CREATE TABLE config (database_version)", "INSERT INTO config VALUES (3)",
-                        "CREATE TABLE subscribers (id)"], check=True)
+        connection = sqlite3.connect(self.database)
+        connection.executescript("CREATE TABLE config (database_version); INSERT INTO config VALUES (3);"
+                                 "CREATE TABLE subscribers (id);")
+        connection.close()
         self.database.chmod(0o644)
         code, lines = self.check()
         self.assertIn(f"critical account: {OTHER} may not write {self.database}", lines)
