@@ -138,7 +138,9 @@ def run_to_end(command, env, timeout=None, **options):
 class WinePrefix:
     """A Wine with its own registry, drive C and service manager, from `with` to the end of its block."""
 
-    def __init__(self):
+    def __init__(self, replaced=()):
+        """replaced: programs of Wine's own in whose place a test puts others."""
+        self._replaced = replaced
         self._wine = find_program("wine64")
         self._server = find_program("wineserver64")
         self._folder = pathlib.Path(tempfile.mkdtemp(prefix="quillmere-wine-"))
@@ -263,7 +265,9 @@ class WinePrefix:
             "WINEARCH": "win64",
             "WINEDEBUG": _EVENT_CHANNELS if events else "-all",
             # No offer to fetch .NET or a browser engine, no menu entries, no crash dialog.
-            "WINEDLLOVERRIDES": "mscoree=;mshtml=;winemenubuilder.exe=;winedbg.exe=",
+            "WINEDLLOVERRIDES": ";".join(
+                ["mscoree=", "mshtml=", "winemenubuilder.exe=", "winedbg.exe="] + [f"{name}=n" for name in self._replaced]
+            ),
         }
 
     def run(self, program, *arguments, events=False, timeout=120, **options):
