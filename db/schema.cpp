@@ -4,6 +4,7 @@
 #include "core/quillmere.h"
 
 #include "db/sqlite.h"
+#include "db/upgrades.h"
 #include "service/platform.h"
 
 #include <QDeadlineTimer>
@@ -11,15 +12,11 @@
 #include <QSqlError>
 #include <QSqlQuery>
 
-#include <initializer_list>
-
 using namespace Qt::StringLiterals;
 
 namespace QMR {
 
 namespace {
-
-constexpr int CurrentVersion = 3;
 
 // What a statement came to, or the check as a whole.
 enum class Outcome {
@@ -45,10 +42,10 @@ Outcome execute(const QString &statement)
 }
 
 // Ends with the first that fails.
-Outcome executeAll(std::initializer_list<QString> statements)
+Outcome executeAll(const QStringList &statements)
 {
     Outcome outcome = Outcome::Done;
-    for (const auto *it = statements.begin(); it != statements.end() && outcome == Outcome::Done; ++it) {
+    for (auto it = statements.begin(); it != statements.end() && outcome == Outcome::Done; ++it) {
         outcome = execute(*it);
     }
     return outcome;
@@ -72,23 +69,6 @@ Outcome findSubscribers()
     return query.prepare(u"SELECT id FROM subscribers"_s) ? Outcome::Done : failure(query.lastError());
 }
 
-Outcome upgradeFromVersion2()
-{
-    return executeAll(
-        {u"ALTER TABLE subscribers ADD COLUMN protocol_version INTEGER NOT NULL DEFAULT 0"_s,
-         u"UPDATE subscribers SET protocol_version = (CASE WHEN suid = '' THEN 1 WHEN suid = -1 "
-         "THEN 1 WHEN suid = x'00000000000000' THEN 1 ELSE 2 END)"_s,
-         u"UPDATE config SET database_version = 3"_s});
-}
-
-// The stored version deliberately goes from 1 straight to 3, inside the one transaction.
-Outcome upgradeFromVersion1()
-{
-    const Outcome outcome = executeAll({u"ALTER TABLE subscribers ADD COLUMN suid BLOB NOT NULL DEFAULT ''"_s,
-                                        u"CREATE INDEX subscribers_suid_idx ON subscribers(suid)"_s});
-    return outcome == Outcome::Done ? upgradeFromVersion2() : outcome;
-}
-
 Outcome upgrade()
 {
     int version = 0;
@@ -96,16 +76,11 @@ Outcome upgrade()
     if (outcome != Outcome::Done) {
         return outcome;
     }
-    switch (version) {
-    case 1:
-        return upgradeFromVersion1();
-    case 2:
-        return upgradeFromVersion2();
-    case CurrentVersion:
-        return findSubscribers();
-    default:
+    const std::optional<QStringList> statements = upgradeStatements(version);
+    if (!statements) {
         return Outcome::Unusable;
     }
+    return version == CurrentSchema ? findSubscribers() : executeAll(*statements);
 }
 
 // Begins and commits by statements, since Qt's own calls do not tell what failed them.

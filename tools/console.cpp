@@ -20,6 +20,8 @@ namespace {
 
 constexpr qint64 MaximumMilliseconds = 31'536'000'000; // a year
 
+int exitWithoutOutput = ExitError;
+
 // False: not all of it has been written.
 bool put(FILE *stream, const QString &text)
 {
@@ -34,7 +36,7 @@ void putOrEnd(const QString &text)
     brokenPipeIsAnError();
     if (!put(stdout, text)) {
         writeError(u"standard output: "_s + qt_error_string(errno));
-        std::_Exit(ExitError);
+        std::_Exit(exitWithoutOutput);
     }
 }
 
@@ -179,6 +181,11 @@ Parsed<QMR::Suid> parseSuid(const QString &text)
 QString suidText(const QMR::Suid &suid)
 {
     return padded(suid.wacn(), 5) + u'.' + padded(suid.system(), 3) + u'.' + padded(suid.unit(), 6);
+}
+
+void setExitWithoutOutput(int exitCode)
+{
+    exitWithoutOutput = exitCode;
 }
 
 void writeLine(const QString &line)

@@ -64,8 +64,9 @@ Parsed<QMR::Suid> parseSuid(const QString &text);
 QString suidText(const QMR::Suid &suid);
 
 // A line on standard output, there at once also when that is a file or a pipe. Where it cannot be written the
-// process ends with ExitError, and says so.
+// process says so and ends, with ExitError unless another exit code has been set.
 void writeLine(const QString &line);
+void setExitWithoutOutput(int exitCode);
 // One compact object, one line, in the same way.
 void writeJson(const QJsonObject &object);
 // "<program>: <text>" on standard error.

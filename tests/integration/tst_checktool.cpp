@@ -16,11 +16,14 @@
 #include <QSqlDatabase>
 #include <QTcpServer>
 #include <QTcpSocket>
+#include <QTemporaryDir>
 #include <QTest>
+#include <QTimer>
 #include <QUdpSocket>
 
 #include <algorithm>
 #include <array>
+#include <functional>
 #include <memory>
 
 using namespace Qt::StringLiterals;
@@ -117,6 +120,29 @@ private slots:
         QVERIFY(lines[0].startsWith(u"QUILLMERE WARNING - rows: the server knows 1 radios"_s));
     }
 
+    // Radios come and go all the while, and each is stored.
+    void serverThatIsBusy()
+    {
+        quint32 number = 0;
+        QTimer next;
+        connect(&next, &QTimer::timeout, this, [&] {
+            ++number;
+            const auto at = [](quint32 radio) { return QHostAddress(0x7F010000U + radio); };
+            const QMR::Esn esn{
+                {0, 0, 0, 0, 0, 0, static_cast<quint8>(number * 37), static_cast<quint8>(number)}};
+            (*server)->registerRadio(esn, 3, {}, at(number), 9, false, {});
+            if (number % 3 == 0) {
+                (*server)->deregisterRadioByAddress(at(number - 1));
+            }
+        });
+        next.start(10);
+        for (int i = 0; i < 3; ++i) {
+            check();
+            QVERIFY2(exitCode == Ok, qPrintable(lines.join(u'\n')));
+        }
+        QVERIFY(number > 10);
+    }
+
     void serverThatDoesNotRun()
     {
         server->stop();
@@ -130,27 +156,100 @@ private slots:
         QCOMPARE(of(u"server"_s), u"ok       server: it does not run; "_s + ports);
     }
 
-    void onePortAlone()
+    // Whatever address it is taken at, the server could not have it.
+    void portThatIsTaken_data()
+    {
+        QTest::addColumn<QString>("address");
+        QTest::newRow("all") << u"0.0.0.0"_s;
+        QTest::newRow("all of IPv6") << u"::"_s;
+        QTest::newRow("this host") << u"127.0.0.1"_s;
+        QTest::newRow("another of this host") << u"127.0.0.3"_s;
+    }
+    void portThatIsTaken()
+    {
+        QFETCH(const QString, address);
+        server->stop();
+        const QString taken = u"critical server: it does not run, and %1 taken by another program"_s;
+        const QString udpText = u"UDP port %1"_s.arg(server->registrationPort());
+        const QString tcpText = u"TCP port %1"_s.arg(server->applicationPort());
+        QUdpSocket udp;
+        QVERIFY(udp.bind(QHostAddress(address), server->registrationPort()));
+        checkStopped();
+        QCOMPARE(exitCode, Critical);
+        QCOMPARE(of(u"server"_s), taken.arg(udpText + u" is"_s));
+        if (address == u"127.0.0.3") {
+            QTcpServer tcp;
+            QVERIFY(tcp.listen(QHostAddress(address), server->applicationPort()));
+            checkStopped();
+            QCOMPARE(of(u"server"_s), taken.arg(udpText + u" and "_s + tcpText + u" are"_s));
+            udp.close();
+            checkStopped();
+            QCOMPARE(of(u"server"_s), taken.arg(tcpText + u" is"_s));
+        }
+    }
+
+    void registrationPortAlone()
     {
         server->stop();
-        {
-            QUdpSocket other;
-            QVERIFY(other.bind(QHostAddress::LocalHost, server->registrationPort()));
-            checkStopped();
-            QCOMPARE(exitCode, Critical);
-            QCOMPARE(
-                of(u"server"_s),
-                u"critical server: UDP port %1 is taken, and nobody serves applications at TCP port %2"_s.arg(
-                    QString::number(server->registrationPort()), QString::number(server->applicationPort())));
-        }
-        QTcpServer other;
-        QVERIFY(other.listen(QHostAddress::LocalHost, server->applicationPort()));
-        checkStopped();
+        QUdpSocket squatter;
+        QVERIFY(
+            squatter.bind(QHostAddress::Any, server->registrationPort(), QAbstractSocket::DontShareAddress));
+        server->object().start();
+        QCOMPARE(server->log.count(u"Unable to bind registration socket"_s), 1);
+        squatter.close();
+        check();
         QCOMPARE(exitCode, Critical);
         QCOMPARE(
             of(u"server"_s),
             u"critical server: nobody listens to radios at UDP port %1; TCP port %2 is served"_s.arg(
                 QString::number(server->registrationPort()), QString::number(server->applicationPort())));
+    }
+
+    // Its system takes the connection for it.
+    void serverThatHangs()
+    {
+        server->stop();
+        QTcpServer hanging; // no one takes what is said to it
+        QVERIFY(hanging.listen(QHostAddress::LocalHost, server->applicationPort()));
+        hanging.pauseAccepting();
+        check({u"--timeout"_s, u"0.5"_s});
+        QCOMPARE(exitCode, Critical);
+        QCOMPARE(of(u"server"_s), u"critical server: TCP port %1 takes connections and does not answer"_s.arg(
+                                      server->applicationPort()));
+    }
+
+    // The server's end of the table is not in sight as long as that goes on.
+    void tableThatDoesNotEnd()
+    {
+        server->stop();
+        QTcpServer endless;
+        QVERIFY(endless.listen(QHostAddress::LocalHost, server->applicationPort()));
+        std::unique_ptr<QTcpSocket> peer;
+        quint8 serial = 0;
+        QTimer next;
+        connect(&next, &QTimer::timeout, this, [&] {
+            if (peer) {
+                QByteArray notice = QByteArray::fromHex("514d524104011600"
+                                                        "0011aabb22cc3300"
+                                                        "123456789abcde"
+                                                        "00"
+                                                        "0200007f"
+                                                        "03"
+                                                        "00");
+                notice[15] = static_cast<char>(++serial);
+                peer->write(notice);
+            }
+        });
+        connect(&endless, &QTcpServer::newConnection, this, [&] {
+            peer.reset(endless.nextPendingConnection());
+            connect(peer.get(), &QTcpSocket::disconnected, this, [&] { peer.release()->deleteLater(); });
+        });
+        next.start(20);
+        check({u"--timeout"_s, u"1"_s});
+        QVERIFY2(of(u"server"_s).contains(u" and more radios, 0 of them pending"_s) ||
+                     of(u"server"_s).contains(u"nobody listens to radios"_s),
+                 qPrintable(of(u"server"_s)));
+        QVERIFY(of(u"rows"_s).isEmpty());
     }
 
     void portsOfAnotherProgram()
@@ -261,12 +360,27 @@ private slots:
                             const QString &expected) {
             QTest::newRow(name) << statements << state << expected;
         };
-        row("version 2", {u"UPDATE config SET database_version = 2"_s}, Ok,
-            u"%1: 0 radios, schema version 2, brought to 3 when the server starts, whole, rollback journal"_s);
-        row("version 4", {u"UPDATE config SET database_version = 4"_s}, Critical,
-            u"%1: no schema version that the server knows: it replaces the database by an empty one, when it starts"_s);
-        row("no version", {u"DROP TABLE config"_s}, Critical,
-            u"%1: no schema version that the server knows: it replaces the database by an empty one, when it starts"_s);
+        const QString replaced =
+            u"%1: the server knows no way from its schema (version %2), and replaces it by an empty one when it starts"_s;
+        const QString radio =
+            u"INSERT INTO subscribers (esn, suid, ip_address, availability, last_contact_time) VALUES (x'09', x'', 0, 1, 0)"_s;
+        const QString toVersion2 = u"ALTER TABLE subscribers DROP COLUMN protocol_version"_s;
+        row("version 2", {radio, toVersion2, u"UPDATE config SET database_version = 2"_s}, Ok,
+            u"%1: 1 radios, schema version 2, brought to 3 when the server starts, whole, rollback journal"_s);
+        row("version 1",
+            {radio, toVersion2, u"DROP INDEX subscribers_suid_idx"_s,
+             u"ALTER TABLE subscribers DROP COLUMN suid"_s, u"UPDATE config SET database_version = 1"_s},
+            Ok,
+            u"%1: 1 radios, schema version 1, brought to 3 when the server starts, whole, rollback journal"_s);
+        row("version 2 with the columns of 3", {radio, u"UPDATE config SET database_version = 2"_s}, Critical,
+            replaced.arg(u"%1"_s, u"2"_s));
+        row("version 4", {radio, u"UPDATE config SET database_version = 4"_s}, Critical,
+            replaced.arg(u"%1"_s, u"4"_s));
+        row("no version", {radio, u"DROP TABLE config"_s}, Critical, replaced.arg(u"%1"_s, u"none"_s));
+        row("no radios' table", {u"DROP TABLE subscribers"_s}, Critical, replaced.arg(u"%1"_s, u"3"_s));
+        row("no services' table", {u"DROP TABLE supported_services"_s}, Critical,
+            u"%1 lacks columns: radios are not stored"_s);
+        row("a column less", {toVersion2}, Critical, u"%1 lacks columns: radios are not stored"_s);
         row("services of nobody", {u"INSERT INTO supported_services VALUES (7, 1)"_s}, Warning,
             u"%1: services of a radio that is not there"_s);
         row("write-ahead log", {u"PRAGMA journal_mode = WAL"_s}, Ok,
@@ -298,6 +412,10 @@ private slots:
         QCOMPARE(exitCode, state);
         QCOMPARE(of(u"database"_s).section(u"database: "_s, 1), expected.arg(server->folder.databaseFile()));
         QCOMPARE(QDir(server->folder.path()).entryList(QDir::Files), before);
+        // The server does what has been said of it.
+        server->object().start();
+        QCOMPARE(server->log.count(u"Unable to update database.  Replacing database..."_s) > 0,
+                 expected.contains(u"replaces it"_s));
     }
 
     void databaseThatIsMissing()
@@ -320,10 +438,94 @@ private slots:
         file.close();
         checkStopped();
         QCOMPARE(exitCode, Critical);
+        QCOMPARE(of(u"database"_s),
+                 u"critical database: %1 is damaged: the server cannot start with it"_s.arg(
+                     server->folder.databaseFile()));
+        server->object().start();
+        QCOMPARE(server->log.takeMessages().last(), u"Database schema: unable to continue"_s);
+        QCOMPARE(file.size(), 4096);
+    }
+
+    void databaseThatIsNoFile_data()
+    {
+        using Make = std::function<bool(const QString &)>;
+        QTest::addColumn<Make>("make");
+        QTest::addColumn<int>("state");
+        QTest::addColumn<QString>("expected");
+        QTest::newRow("a folder") << Make([](const QString &file) { return QDir().mkdir(file); }) << Critical
+                                  << u"%1 is not a file"_s;
+        QTest::newRow("nothing in it")
+            << Make([](const QString &file) { return QFile(file).open(QIODevice::WriteOnly); }) << Ok
+            << u"%1 is empty: the server makes it anew"_s;
+        if (canLink()) {
+            QTest::newRow("a link to nowhere")
+                << Make([](const QString &file) { return QFile::link(file + u"-other"_s, file); }) << Critical
+                << u"%1 is a link to nowhere"_s;
+        }
+    }
+    void databaseThatIsNoFile()
+    {
+        using Make = std::function<bool(const QString &)>;
+        QFETCH(const Make, make);
+        QFETCH(const int, state);
+        QFETCH(const QString, expected);
+        server->stop();
+        QVERIFY(QFile::remove(server->folder.databaseFile()));
+        QVERIFY(make(server->folder.databaseFile()));
+        checkStopped();
+        QCOMPARE(exitCode, state);
+        QCOMPARE(of(u"database"_s).section(u"database: "_s, 1), expected.arg(server->folder.databaseFile()));
+    }
+
+    void folderThatIsAFile()
+    {
+        run({u"--stopped"_s, u"--folder"_s, server->folder.databaseFile()});
+        QCOMPARE(exitCode, Critical);
+        QCOMPARE(of(u"folder"_s),
+                 u"critical folder: %1 is not a folder"_s.arg(server->folder.databaseFile()));
+    }
+
+    // The log of a server that was ended: what is in it counts, and nothing is made beside it.
+    void writeAheadLogThatIsLeft()
+    {
+        server->stop();
+        const QString database = server->folder.databaseFile();
+        {
+            QSqlDatabase other = QSqlDatabase::addDatabase(u"QSQLITE"_s, u"other"_s);
+            other.setDatabaseName(database);
+            QVERIFY(other.open());
+            runSql(other, u"PRAGMA journal_mode = WAL"_s);
+            runSql(other, u"INSERT INTO subscribers (esn, suid, ip_address, availability, last_contact_time) "
+                          "VALUES (x'09', x'', 0, 1, 0)"_s);
+            QVERIFY(QFile::copy(database, database + u".kept"_s));
+            QVERIFY(QFile::copy(database + u"-wal"_s, database + u".kept-wal"_s));
+            other.close();
+        }
+        QSqlDatabase::removeDatabase(u"other"_s);
+        QVERIFY(QFile::remove(database));
+        QVERIFY(QFile::rename(database + u".kept"_s, database));
+        QVERIFY(QFile::rename(database + u".kept-wal"_s, database + u"-wal"_s));
+        const QStringList before = QDir(server->folder.path()).entryList(QDir::Files);
+        checkStopped();
+        QCOMPARE(exitCode, Ok);
         QCOMPARE(
             of(u"database"_s),
-            u"critical database: %1 is damaged: the server replaces it by an empty one, when it starts"_s.arg(
-                server->folder.databaseFile()));
+            u"ok       database: %1: 1 radios, schema version 3, whole, write-ahead log"_s.arg(database));
+        QVERIFY(lines[0].endsWith(u"| rows=1"_s));
+        QCOMPARE(QDir(server->folder.path()).entryList(QDir::Files), before);
+    }
+
+    // Each finding is a line, and the first one holds figures behind its sign alone.
+    void textOfOthersBreaksNoLine()
+    {
+        server->stop();
+        server->folder.writeConfiguration("applicationPort=\"a\\nb | c=1\"\n");
+        checkStopped();
+        QVERIFY2(lines[0].startsWith(
+                     u"QUILLMERE CRITICAL - configuration: applicationPort=a b / c=1 is not a number"_s),
+                 qPrintable(lines[0]));
+        QCOMPARE(lines[0].count(u'|'), 1);
+        QVERIFY(lines[1].startsWith(u"critical configuration: applicationPort=a b / c=1 is not a number"_s));
     }
 
     void databaseThatIsLocked()
@@ -397,6 +599,14 @@ private slots:
     }
 
 private:
+    static bool canLink()
+    {
+        const QTemporaryDir folder;
+        const QString link = folder.filePath(u"link"_s);
+        return QFile::link(folder.filePath(u"nowhere"_s), link) && QFileInfo(link).isSymLink() &&
+               !QFileInfo::exists(link) && QFileInfo(link).fileName() == u"link";
+    }
+
     void run(const QStringList &arguments)
     {
         QProcess tool;

@@ -17,7 +17,7 @@ import sys
 import tempfile
 import unittest
 
-OK, CRITICAL, UNKNOWN = 0, 2, 3
+OK, WARNING, CRITICAL, UNKNOWN = 0, 1, 2, 3
 OTHER = "nobody"
 
 
@@ -73,6 +73,48 @@ class Accounts(unittest.TestCase):
         code, lines = self.check()
         self.assertIn(f"critical account: {OTHER} may not read {self.database}", lines)
 
+    def test_service_of_roots_has_no_more_rights_than_its_files_give(self):
+        shutil.chown(self.data, "root")
+        self.configuration.chmod(0o600)
+        code, lines = self.check()
+        self.assertIn(f"critical account: root may not read {self.configuration}", lines)
+        self.assertEqual(code, CRITICAL)
+
+    def test_path_of_a_bare_environment(self):
+        code, lines = self.check(env={"PATH": "/usr/bin:/bin"})
+        self.assertIn(f"ok       account: {OTHER} may use {self.data}", lines)
+        self.assertEqual(code, OK)
+
+    def test_ports_that_take_a_right(self):
+        self.configuration.write_text("radioRegistrationPort=500\napplicationPort=1024\n", encoding="ascii")
+        code, lines = self.check()
+        self.assertIn("warning  server: UDP port 500 is below 1024: the service needs a right for it that its unit takes away",
+                      lines)
+        self.assertEqual(code, WARNING)
+        self.configuration.write_text("radioRegistrationPort=1024\napplicationPort=1023\n", encoding="ascii")
+        self.assertIn("warning  server: TCP port 1023 is below 1024: the service needs a right for it that its unit takes away",
+                      self.check()[1])
+
+    def test_full_disk(self):
+        mount = "mount -t tmpfs -o size=512k none \"$0\" && exec \"$@\""
+        code, lines = self.check(before=["unshare", "--mount", "sh", "-c", mount, self.data])
+        self.assertIn(f"critical database: the disk of {self.database} is full", lines)
+        self.assertEqual(code, CRITICAL)
+
+    def test_files_that_are_none(self):
+        self.configuration.unlink()
+        os.mkfifo(self.configuration)
+        os.mkfifo(self.database)
+        code, lines = self.check()
+        self.assertIn(f"critical configuration: {self.configuration} is not a file", lines)
+        self.assertIn(f"critical database: {self.database} is not a file", lines)
+        self.assertEqual(code, CRITICAL)
+
+    def test_folder_named_by_nothing(self):
+        done = subprocess.run([self.program, "--stopped"], capture_output=True, check=False, timeout=60,
+                              env={**os.environ, "QUILLMERE_APPDATA": ""})
+        self.assertIn("/var/lib/Brackwater/Quill Mere", done.stdout.decode())
+
     def test_another_account_and_its_folder(self):
         code, lines = self.check("--account", "daemon")
         self.assertIn(f"critical account: daemon may not enter {self.data}", lines)
@@ -92,7 +134,8 @@ class Accounts(unittest.TestCase):
     def test_files_that_who_looks_may_not_read(self):
         self.data.chmod(0o755)
         self.configuration.chmod(0o600)
-        self.database.touch(mode=0o600)
+        self.database.write_bytes(b"something")
+        self.database.chmod(0o600)
         code, lines = self.check(user="daemon", group="daemon", extra_groups=[])
         self.assertIn(f"unknown  account: what {OTHER} may do can be told by root or {OTHER}", lines)
         self.assertIn(f"unknown  configuration: {self.configuration}: Permission denied", lines)

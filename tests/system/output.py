@@ -24,7 +24,7 @@ NOTICE = bytes.fromhex("514d524104011600" "0011aabb22cc33dd" "123456789abcde" "0
 class Output(unittest.TestCase):
     """A disk that is full, and a pipe that nobody reads any more."""
 
-    def ends(self, tool, *arguments):
+    def ends(self, tool, *arguments, code=1):
         closed, nobody_reads = os.pipe()
         os.close(closed)
         with open("/dev/full", "wb") as full, open(nobody_reads, "wb", buffering=0) as pipe:
@@ -33,17 +33,17 @@ class Output(unittest.TestCase):
                     done = subprocess.run([os.path.join(FOLDER, tool), *arguments], stdout=output, stderr=subprocess.PIPE,
                                           check=False, timeout=PATIENCE)
                     self.assertEqual(done.stderr.decode(), f"{tool}: standard output: {reason}\n")
-                    self.assertEqual(done.returncode, 1)
+                    self.assertEqual(done.returncode, code)
 
     def test_help_and_version(self):
-        for tool in ("quillmere-radio", "quillmere-watch", "quillmere-check"):
+        for tool, code in (("quillmere-radio", 1), ("quillmere-watch", 1), ("quillmere-check", 3)):
             for option in ("--help", "--version"):
-                self.ends(tool, option)
+                self.ends(tool, option, code=code)
 
     def test_findings(self):
         with tempfile.TemporaryDirectory() as folder:
-            self.ends("quillmere-check", "--stopped", "--folder", folder)
-            self.ends("quillmere-check", "--stopped", "--json", "--folder", folder)
+            self.ends("quillmere-check", "--stopped", "--folder", folder, code=3)
+            self.ends("quillmere-check", "--stopped", "--json", "--folder", folder, code=3)
 
     def test_radio(self):
         self.ends("quillmere-radio", "deregister", "--by-address", "--server", f"127.0.0.1:{free_port(socket.SOCK_DGRAM)}")

@@ -24,7 +24,7 @@ const auto Help =
     "  --folder FOLDER    where qmr.cfg and qmr.db lie (the service's data folder)\n"
     "  --account ACCOUNT  the service's (the folder's owner); Linux\n"
     "  --stopped          the server may be stopped: its ports are to be free then\n"
-    "  --timeout SECONDS  how long to wait for a lock, and for each answer (2)\n"
+    "  --timeout SECONDS  how long to wait for each lock and answer (2)\n"
     "  --json             one JSON object\n"
     "  --help             show this\n"
     "  --version          show the version\n"

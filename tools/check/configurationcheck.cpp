@@ -4,6 +4,7 @@
 #include "tools/check/configurationcheck.h"
 
 #include <QFile>
+#include <QFileInfo>
 #include <QSettings>
 
 #include <algorithm>
@@ -21,10 +22,12 @@ Finding finding(State state, const QString &text)
     return {u"configuration"_s, state, text};
 }
 
-// Whether keys that differ in case alone are one on this platform.
-bool ignoresCase(const QSettings &settings, const QString &key)
+// Whether it is found by the name that the server uses, though it is spelled otherwise: keys that differ in
+// case alone are one on some platforms.
+bool isFoundAs(const QSettings &settings, const QString &key, const QString &name)
 {
-    return settings.contains(key.toUpper()) && settings.contains(key.toLower());
+    return key.compare(name, Qt::CaseInsensitive) == 0 && settings.contains(name) &&
+           !settings.allKeys().contains(name);
 }
 
 // The key of the server's that somebody meant.
@@ -45,7 +48,7 @@ Findings checkKey(const QSettings &settings, const QString &key)
         return {finding(State::Warning, u"%1 is not a setting of the server's"_s.arg(key))};
     }
     const auto name = QLatin1String(known->name);
-    if (key == name || (key.size() == name.size() && ignoresCase(settings, key))) {
+    if (key == name || isFoundAs(settings, key, name)) {
         return {};
     }
     const QString wrong = key.contains(u'/')
@@ -103,6 +106,9 @@ Findings checkPeriod(quint32 seconds)
 Findings checkConfiguration(const QString &file, Configuration &configuration)
 {
     configuration = Configuration();
+    if (const QFileInfo info(file); info.exists() && !info.isFile()) {
+        return {finding(State::Critical, u"%1 is not a file"_s.arg(file))};
+    }
     QFile contents(file);
     if (contents.exists() && !contents.open(QIODevice::ReadOnly)) {
         return {finding(State::Unknown, u"%1: %2"_s.arg(file, contents.errorString()))};

@@ -13,9 +13,12 @@ namespace CheckTool {
 // Whether the server has a driver for its database.
 Findings checkDriver();
 
-// Version, journal mode, locks, integrity and rows of the database in the file. Everything is read from a
-// copy in memory, so that the server waits for nothing but the copying. patience: how long a lock may last.
-// rows: of the radios; nothing where they could not be counted.
-Findings checkDatabase(const QString &file, std::chrono::milliseconds patience, std::optional<qint64> &rows);
+// What kind of file it is, locks, integrity, what the server will make of its version, journal mode. Looked
+// at in a copy in memory, made by pieces, so that a commit of the server's waits for one of them at most.
+// patience: how long a lock may last, and the copying.
+Findings checkDatabase(const QString &file, std::chrono::milliseconds patience);
+
+// The radios that are stored. Nothing where they cannot be counted.
+std::optional<qint64> countRows(const QString &file, std::chrono::milliseconds patience);
 
 } // namespace CheckTool

@@ -14,6 +14,8 @@ int main(int argc, char *argv[])
     const QCoreApplication application(argc, argv);
     QCoreApplication::setApplicationName(u"quillmere-check"_s);
     QCoreApplication::setApplicationVersion(QString::fromLatin1(QUILLMERE_VERSION));
+    // To whoever watches, not to have been told is not to know.
+    Console::setExitWithoutOutput(static_cast<int>(CheckTool::State::Unknown));
 
     const auto commandLine = CheckTool::CommandLine::parse(QCoreApplication::arguments().mid(1));
     switch (commandLine.kind) {
@@ -23,7 +25,6 @@ int main(int argc, char *argv[])
     case CheckTool::CommandLine::Kind::Error:
         Console::writeError(commandLine.text);
         Console::writeError(u"try --help"_s);
-        // To whoever watches, not to have looked is not to know.
         return static_cast<int>(CheckTool::State::Unknown);
     case CheckTool::CommandLine::Kind::Run:
         break;

@@ -23,6 +23,18 @@ QString nameOf(State state)
     return QLatin1String(Names[static_cast<size_t>(state)]);
 }
 
+// One line, and without the sign behind which monitoring systems look for figures.
+QString asLine(const QString &text)
+{
+    QString line = text;
+    for (QChar &character : line) {
+        if (character.category() == QChar::Other_Control) {
+            character = u' ';
+        }
+    }
+    return line.replace(u'|', u'/');
+}
+
 qsizetype countOf(const Findings &findings, State state)
 {
     return std::count_if(findings.begin(), findings.end(),
@@ -60,14 +72,12 @@ QString Report::text() const
     if (rows) {
         figures += u"rows=%1"_s.arg(*rows);
     }
-    // What stands behind the sign is figures to whoever reads it.
-    QStringList lines{u"QUILLMERE %1 - %2"_s.arg(nameOf(gravest).toUpper(), summary.replace(u'|', u'/'))};
+    QStringList lines{u"QUILLMERE %1 - %2"_s.arg(nameOf(gravest).toUpper(), asLine(summary))};
     if (!figures.isEmpty()) {
         lines[0] += u" | "_s + figures.join(u' ');
     }
     for (const auto &[subject, state, text] : findings) {
-        lines +=
-            u"%1 %2: %3"_s.arg(nameOf(state).leftJustified(8), subject, QString(text).replace(u'|', u'/'));
+        lines += u"%1 %2: %3"_s.arg(nameOf(state).leftJustified(8), subject, asLine(text));
     }
     return lines.join(u'\n');
 }

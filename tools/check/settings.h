@@ -16,7 +16,7 @@ struct Settings
     QString account; // of the service; empty: the folder's owner
     bool mayBeStopped = false;
     bool asJson = false;
-    std::chrono::milliseconds timeout{2000}; // for a lock to end, and for each answer of the server
+    std::chrono::milliseconds timeout{2000}; // for each lock, copy and answer
 };
 
 } // namespace CheckTool

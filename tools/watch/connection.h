@@ -28,6 +28,8 @@ public:
 
     void open();
     void send(const QByteArray &message) { socket.write(message); }
+    // Of the socket while it is connected, for what Qt has no call for.
+    qintptr descriptor() const { return socket.socketDescriptor(); }
     // From here on nothing is called back.
     void stop();
 

@@ -24,28 +24,30 @@ Finding finding(State state, const QString &text)
     return {u"account"_s, state, text};
 }
 
-QString currentAccount()
-{
-    const passwd *const entry = ::getpwuid(::geteuid());
-    return entry ? QString::fromLocal8Bit(entry->pw_name) : QString();
-}
-
 // permission: as the shell's test has it, "-r". Nothing: this user cannot tell.
-std::optional<bool> may(const QString &account, const QString &permission, const QString &path)
+std::optional<bool> may(const passwd &account, const QString &permission, const QString &path)
 {
-    const QStringList test{u"test"_s, permission, path};
+    QStringList command{u"sh"_s, u"-c"_s,    u"test \"$1\" \"$2\" && echo yes || echo no"_s,
+                        u"sh"_s, permission, path};
+    if (::geteuid() == 0) {
+        // As the unit runs it: root, too, without the rights that come before a file's permissions.
+        command = QStringList{u"setpriv"_s,
+                              u"--reuid=%1"_s.arg(account.pw_uid),
+                              u"--regid=%1"_s.arg(account.pw_gid),
+                              u"--init-groups"_s,
+                              u"--inh-caps=-all"_s,
+                              u"--bounding-set=-all"_s,
+                              u"--securebits=+noroot"_s,
+                              u"--"_s} +
+                  command;
+    } else if (account.pw_uid != ::geteuid()) {
+        return std::nullopt;
+    }
     QProcess process;
-    if (account == currentAccount()) {
-        process.start(test.first(), test.mid(1));
-    } else if (::geteuid() == 0) {
-        process.start(u"runuser"_s, QStringList{u"-u"_s, account, u"--"_s} + test);
-    } else {
-        return std::nullopt;
-    }
-    if (!process.waitForFinished() || process.exitStatus() != QProcess::NormalExit) {
-        return std::nullopt;
-    }
-    return process.exitCode() == 0;
+    process.start(command.first(), command.mid(1));
+    process.waitForFinished();
+    const QByteArray answer = process.readAllStandardOutput().trimmed();
+    return answer == "yes" || answer == "no" ? std::optional(answer == "yes") : std::nullopt;
 }
 
 } // namespace
@@ -53,8 +55,9 @@ std::optional<bool> may(const QString &account, const QString &permission, const
 // The unit names /var/lib, whoever the service runs as.
 QString serviceFolder()
 {
-    return qEnvironmentVariable("QUILLMERE_APPDATA", u"/var/lib"_s) + u'/' +
-           QLatin1String(QMR::OrganizationName) + u'/' + QLatin1String(QMR::ApplicationName);
+    const QString named = qEnvironmentVariable("QUILLMERE_APPDATA");
+    return (named.isEmpty() ? u"/var/lib"_s : named) + u'/' + QLatin1String(QMR::OrganizationName) + u'/' +
+           QLatin1String(QMR::ApplicationName);
 }
 
 Findings checkAccess(const QString &folder, const QString &account)
@@ -63,9 +66,11 @@ Findings checkAccess(const QString &folder, const QString &account)
         return {finding(State::Ok, u"no %1 yet: the service makes it"_s.arg(folder))};
     }
     const QString who = account.isEmpty() ? QFileInfo(folder).owner() : account;
-    if (who.isEmpty() || !::getpwnam(who.toLocal8Bit().constData())) {
+    const passwd *const entry = ::getpwnam(who.toLocal8Bit().constData());
+    if (!entry) {
         return {finding(State::Critical, u"there is no account '%1'"_s.arg(who))};
     }
+    const passwd owner = *entry; // others ask for accounts, too
     struct Need
     {
         QString permission;
@@ -84,7 +89,7 @@ Findings checkAccess(const QString &folder, const QString &account)
         if (!QFileInfo::exists(path)) {
             continue;
         }
-        const std::optional<bool> granted = may(who, permission, path);
+        const std::optional<bool> granted = may(owner, permission, path);
         if (!granted) {
             return {finding(State::Unknown, u"what %1 may do can be told by root or %1"_s.arg(who))};
         }
