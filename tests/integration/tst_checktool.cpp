@@ -1,8 +1,10 @@
 // SPDX-FileCopyrightText: 2026 The Quillmere developers
 // SPDX-License-Identifier: MIT
 
+#include "db/writegroup.h"
 #include "tests/support/databaselock.h"
 #include "tests/support/scriptedradio.h"
+#include "tests/support/serverdatabase.h"
 #include "tests/support/testserver.h"
 
 #include <QCoreApplication>
@@ -95,6 +97,44 @@ private slots:
         QCOMPARE(lines[0], u"QUILLMERE OK - all is well | radios=0 pending=0 rows=0"_s);
     }
 
+    // Of the changes that follow the table at once.
+    void changesBehindTheTableAreNotCounted()
+    {
+        server->stop();
+        QUdpSocket udp;
+        QVERIFY(udp.bind(QHostAddress::LocalHost, server->registrationPort()));
+        QTcpServer tcp;
+        QVERIFY(tcp.listen(QHostAddress::LocalHost, server->applicationPort()));
+        connect(&tcp, &QTcpServer::newConnection, this, [&tcp] {
+            QTcpSocket *const peer = tcp.nextPendingConnection();
+            const QByteArray front = QByteArray::fromHex("514d524104011600"
+                                                         "0000000000000000"
+                                                         "123456789abcde");
+            const auto notice = [&front](char serial, const char *rest) -> QByteArray {
+                return QByteArray(front).replace(15, 1, &serial, 1) + QByteArray::fromHex(rest);
+            };
+            peer->write(notice(1, "00"
+                                  "0200007f"
+                                  "03"
+                                  "00") +
+                        notice(2, "01"
+                                  "0300007f"
+                                  "03"
+                                  "00") +
+                        notice(3, "00"
+                                  "00000000"
+                                  "00"
+                                  "00") +
+                        notice(2, "01"
+                                  "0300007f"
+                                  "03"
+                                  "00"));
+            connect(peer, &QTcpSocket::disconnected, peer, &QObject::deleteLater);
+        });
+        check();
+        QVERIFY2(of(u"server"_s).endsWith(u" of 2 radios, 1 of them pending"_s), qPrintable(of(u"server"_s)));
+    }
+
     void rowsAndRadiosAreCompared_data()
     {
         QTest::addColumn<QString>("statement");
@@ -118,6 +158,20 @@ private slots:
                  u"warning  rows: the server knows 1 radios, 0 of them pending, and the database has "_s +
                      expected);
         QVERIFY(lines[0].startsWith(u"QUILLMERE WARNING - rows: the server knows 1 radios"_s));
+    }
+
+    // The cause is over, and the server makes good what it owes.
+    void rowThatIsOwed()
+    {
+        setBusyTimeout(0);
+        {
+            const DatabaseLock lock(server->folder.databaseFile(), DatabaseLock::Reserved);
+            (*server)->registerRadio({{1}}, 3, {}, QHostAddress(0x7F000002U), 9, false, {});
+        }
+        QVERIFY(!(*server)->writeGroup()->owed().isEmpty());
+        check();
+        QCOMPARE(lines[0], u"QUILLMERE OK - all is well | radios=1 pending=0 rows=1"_s);
+        QVERIFY((*server)->writeGroup()->owed().isEmpty());
     }
 
     // Radios come and go all the while, and each is stored.
@@ -186,6 +240,28 @@ private slots:
             checkStopped();
             QCOMPARE(of(u"server"_s), taken.arg(tcpText + u" is"_s));
         }
+    }
+
+    // A datagram socket keeps the server from the port though it is connected, a connection does not.
+    void portOfAConnectedSocket()
+    {
+        server->stop();
+        QTcpServer peer;
+        QVERIFY(peer.listen(QHostAddress::LocalHost));
+        QTcpSocket connection;
+        QVERIFY(connection.bind(QHostAddress::LocalHost, server->applicationPort()));
+        connection.connectToHost(QHostAddress::LocalHost, peer.serverPort());
+        QTRY_COMPARE(connection.state(), QAbstractSocket::ConnectedState);
+        checkStopped();
+        QCOMPARE(exitCode, Ok);
+        QUdpSocket udp;
+        QVERIFY(udp.bind(QHostAddress::LocalHost, server->registrationPort()));
+        udp.connectToHost(QHostAddress::LocalHost, 9);
+        QTRY_COMPARE(udp.state(), QAbstractSocket::ConnectedState);
+        checkStopped();
+        QCOMPARE(of(u"server"_s),
+                 u"critical server: it does not run, and UDP port %1 is taken by another program"_s.arg(
+                     server->registrationPort()));
     }
 
     void registrationPortAlone()
@@ -416,6 +492,33 @@ private slots:
         server->object().start();
         QCOMPARE(server->log.count(u"Unable to update database.  Replacing database..."_s) > 0,
                  expected.contains(u"replaces it"_s));
+    }
+
+    // More of it than is copied at once.
+    void largeDatabase()
+    {
+        server->query(
+            u"WITH RECURSIVE n(i) AS (SELECT 1 UNION ALL SELECT i + 1 FROM n WHERE i < 60000) INSERT INTO "
+            "subscribers (esn, suid, ip_address, availability, last_contact_time) SELECT "
+            "cast(printf('%08d', i) AS BLOB), zeroblob(7), i, 1, 0 FROM n"_s);
+        QVERIFY(QFileInfo(server->folder.databaseFile()).size() > 5'000'000);
+        server->stop();
+        checkStopped();
+        QCOMPARE(exitCode, Ok);
+        QCOMPARE(of(u"database"_s),
+                 u"ok       database: %1: 60000 radios, schema version 3, whole, rollback journal"_s.arg(
+                     server->folder.databaseFile()));
+    }
+
+    void firstLineCountsTheOthers()
+    {
+        server->stop();
+        server->folder.writeConfiguration("minimumDiscoveryPeriod=x\n");
+        checkStopped();
+        QVERIFY2(lines[0].endsWith(u" and counts as 0 (and 1 more) | rows=0"_s), qPrintable(lines[0]));
+        server->folder.writeConfiguration("minimumDiscoveryPeriod=0\n");
+        checkStopped();
+        QVERIFY2(lines[0].endsWith(u" as fast as the server can | rows=0"_s), qPrintable(lines[0]));
     }
 
     void databaseThatIsMissing()

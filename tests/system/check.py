@@ -90,6 +90,7 @@ class Accounts(unittest.TestCase):
         code, lines = self.check()
         self.assertIn("warning  server: UDP port 500 is below 1024: the service needs a right for it that its unit takes away",
                       lines)
+        self.assertNotIn("TCP port 1024 is below", "".join(lines))
         self.assertEqual(code, WARNING)
         self.configuration.write_text("radioRegistrationPort=1024\napplicationPort=1023\n", encoding="ascii")
         self.assertIn("warning  server: TCP port 1023 is below 1024: the service needs a right for it that its unit takes away",

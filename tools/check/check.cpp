@@ -8,8 +8,7 @@
 #include "tools/check/databasecheck.h"
 
 #include <QFileInfo>
-
-#include <algorithm>
+#include <QThread>
 
 using namespace Qt::StringLiterals;
 
@@ -17,7 +16,9 @@ namespace CheckTool {
 
 namespace {
 
-constexpr int Looks = 3; // what is owed to the database is stored within a second
+// What the server owes to the database it stores within a second of the cause's end.
+constexpr int Looks = 3;
+constexpr unsigned long Pause = 500; // ms
 
 // What keeps everything in it from being seen.
 Findings checkFolder(const QString &folder)
@@ -32,38 +33,37 @@ Findings checkFolder(const QString &folder)
     return {};
 }
 
-// A radio has a row as long as it has a confirmed registration; of a pending one both are possible. The rows
-// have been counted before and after the snapshot.
-bool agree(const Snapshot &snapshot, qint64 before, qint64 after)
+// A radio has a row as long as it has a confirmed registration; of a pending one both are possible.
+bool agree(const Snapshot &snapshot, qint64 rows)
 {
-    const auto [least, most] = std::minmax(before, after);
-    return least <= snapshot.radios && most >= snapshot.radios - snapshot.pending;
+    return rows <= snapshot.radios && rows >= snapshot.radios - snapshot.pending;
 }
 
-// The server, and its radios beside the rows.
+// The server, and its radios beside the rows. Where rows have changed meanwhile a difference says nothing.
 void lookAtServer(const Settings &settings, const QString &database, const QMR::Configuration &configuration,
                   Report &report)
 {
-    for (int look = 1;; ++look) {
-        const std::optional<qint64> before = countRows(database, settings.timeout);
-        const Findings server =
-            checkServer(configuration, settings.mayBeStopped, settings.timeout, report.snapshot);
-        report.rows = countRows(database, settings.timeout);
-        const bool canTell = report.snapshot && report.snapshot->isWhole && before && report.rows;
-        const bool isRight = !canTell || agree(*report.snapshot, *before, *report.rows);
-        if (!isRight && look < Looks) {
-            continue;
+    Findings server;
+    const RowCounter rows(database, settings.timeout);
+    for (int look = 1; look <= Looks; ++look) {
+        if (look > 1) {
+            QThread::msleep(Pause);
         }
-        report.findings += server;
-        if (!isRight) {
-            report.findings +=
-                {u"rows"_s, State::Warning,
-                 u"the server knows %1 radios, %2 of them pending, and the database has %3"_s.arg(
-                     QString::number(report.snapshot->radios), QString::number(report.snapshot->pending),
-                     QString::number(*report.rows))};
+        const qint64 before = rows.state();
+        report.rows = rows.count();
+        server = checkServer(configuration, settings.mayBeStopped, settings.timeout, report.snapshot);
+        const bool canTell = report.snapshot && report.snapshot->isWhole && report.rows;
+        if (!canTell || agree(*report.snapshot, *report.rows)) {
+            break;
         }
-        return;
+        if (look == Looks && rows.state() == before) {
+            server += {u"rows"_s, State::Warning,
+                       u"the server knows %1 radios, %2 of them pending, and the database has %3"_s.arg(
+                           QString::number(report.snapshot->radios),
+                           QString::number(report.snapshot->pending), QString::number(*report.rows))};
+        }
     }
+    report.findings += server;
 }
 
 } // namespace

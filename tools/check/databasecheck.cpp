@@ -286,15 +286,31 @@ Findings checkDatabase(const QString &file, std::chrono::milliseconds patience)
     return findings;
 }
 
-std::optional<qint64> countRows(const QString &file, std::chrono::milliseconds patience)
+class RowCounter::Source : public CheckTool::Source
 {
-    if (!QFileInfo(file).isFile()) {
-        return std::nullopt;
+    using CheckTool::Source::Source;
+};
+
+RowCounter::RowCounter(const QString &file, std::chrono::milliseconds patience)
+{
+    if (QFileInfo(file).isFile()) {
+        source = std::make_unique<Source>(file);
+        sqlite3_busy_timeout(source->get(), static_cast<int>(patience.count()));
     }
-    const Source source(file);
-    sqlite3_busy_timeout(source.get(), static_cast<int>(patience.count()));
-    const Result count = ask(source.get(), "SELECT count(*) FROM subscribers");
+}
+
+RowCounter::~RowCounter() = default;
+
+std::optional<qint64> RowCounter::count() const
+{
+    const Result count =
+        source ? ask(source->get(), "SELECT count(*) FROM subscribers") : Result{SQLITE_ERROR, {}};
     return count.code == SQLITE_OK ? std::optional(count.value.toLongLong()) : std::nullopt;
+}
+
+qint64 RowCounter::state() const
+{
+    return source ? ask(source->get(), "PRAGMA data_version").value.toLongLong() : 0;
 }
 
 } // namespace CheckTool

@@ -6,6 +6,7 @@
 #include "tools/check/finding.h"
 
 #include <chrono>
+#include <memory>
 #include <optional>
 
 namespace CheckTool {
@@ -18,7 +19,22 @@ Findings checkDriver();
 // patience: how long a lock may last, and the copying.
 Findings checkDatabase(const QString &file, std::chrono::milliseconds patience);
 
-// The radios that are stored. Nothing where they cannot be counted.
-std::optional<qint64> countRows(const QString &file, std::chrono::milliseconds patience);
+// The radios that are stored. patience: how long a lock may last.
+class RowCounter
+{
+public:
+    RowCounter(const QString &file, std::chrono::milliseconds patience);
+    ~RowCounter();
+    Q_DISABLE_COPY_MOVE(RowCounter)
+
+    // Nothing where they cannot be counted.
+    std::optional<qint64> count() const;
+    // Another number whenever somebody has changed the database since the last time.
+    qint64 state() const;
+
+private:
+    class Source;
+    std::unique_ptr<Source> source; // null: there is no file
+};
 
 } // namespace CheckTool

@@ -37,7 +37,6 @@ std::optional<bool> may(const passwd &account, const QString &permission, const 
                               u"--init-groups"_s,
                               u"--inh-caps=-all"_s,
                               u"--bounding-set=-all"_s,
-                              u"--securebits=+noroot"_s,
                               u"--"_s} +
                   command;
     } else if (account.pw_uid != ::geteuid()) {

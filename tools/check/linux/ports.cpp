@@ -17,7 +17,7 @@ namespace CheckTool {
 namespace {
 
 // A line a socket: number, local address and port, remote ones, state, all hexadecimal; then what is not
-// asked for here.
+// asked for here. state: empty: any.
 bool isListedAt(const QString &file, const QByteArray &state, quint16 port)
 {
     QFile table(file);
@@ -28,7 +28,7 @@ bool isListedAt(const QString &file, const QByteArray &state, quint16 port)
     const QList<QByteArray> lines = table.readAll().split('\n');
     return std::any_of(lines.begin(), lines.end(), [&](const QByteArray &line) {
         const QList<QByteArray> fields = line.simplified().split(' ');
-        return fields.size() > 3 && fields[1].endsWith(wanted) && fields[3] == state;
+        return fields.size() > 3 && fields[1].endsWith(wanted) && (state.isEmpty() || fields[3] == state);
     });
 }
 
@@ -37,7 +37,9 @@ bool isListedAt(const QString &file, const QByteArray &state, quint16 port)
 bool isListenedAt(Protocol protocol, quint16 port)
 {
     const bool isUdp = protocol == Protocol::Udp;
-    const QByteArray state = isUdp ? "07" : "0A"; // not connected; listening
+    // A program may listen at the port of another's TCP connection; a port of UDP is one program's in any
+    // state.
+    const QByteArray state = isUdp ? QByteArray() : QByteArray("0A");
     const QString table = isUdp ? u"/proc/net/udp"_s : u"/proc/net/tcp"_s;
     return isListedAt(table, state, port) || isListedAt(table + u'6', state, port);
 }
