@@ -13,6 +13,9 @@ function(quillmere_platform_executable target description)
     target_sources(${target} PRIVATE ${CMAKE_CURRENT_BINARY_DIR}/${target}.rc)
     target_include_directories(${target} PRIVATE $<$<COMPILE_LANGUAGE:RC>:${folder}>)
     set_property(SOURCE ${CMAKE_CURRENT_BINARY_DIR}/${target}.rc PROPERTY OBJECT_DEPENDS ${folder}/executable.manifest)
+    # What it is really linked with, for the bill of materials.
+    file(MAKE_DIRECTORY ${PROJECT_BINARY_DIR}/maps)
+    target_link_options(${target} PRIVATE -Wl,-Map=${PROJECT_BINARY_DIR}/maps/${target}.map)
     # windres does not tell of what a resource file takes in.
     set(messages ${PROJECT_SOURCE_DIR}/service/windows/messages)
     set_property(SOURCE ${messages}.rc PROPERTY OBJECT_DEPENDS ${messages}.bin)

@@ -27,7 +27,7 @@ mutation_packages=(python3 python3-clang-14)
 coverage_packages=(python3 gcovr)
 
 # shellcheck disable=SC2034
-package_packages=(debhelper dpkg-dev lintian lowdown python3)
+package_packages=(binutils debhelper dpkg-dev lintian lowdown python3)
 
 # One compiler cache for every clone of this tree: what a source is compiled to does not depend on where it lies.
 export CCACHE_BASEDIR=$PWD CCACHE_NOHASHDIR=1

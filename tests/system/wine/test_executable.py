@@ -3,6 +3,8 @@
 # SPDX-License-Identifier: MIT
 """What the built executables say of themselves. QUILLMERE_BIN names the folder of the executables."""
 
+import hashlib
+import json
 import os
 import pathlib
 import unittest
@@ -49,6 +51,20 @@ class Executables(unittest.TestCase):
         for paper in ("LICENSE.txt", "README.md", "CHANGELOG.md", "docs/windows.md", "docs/operations.md"):
             self.assertIn(f"quillmere/{paper}", names)
         self.assertEqual([name for name in names if name.endswith(".exe")], [f"quillmere/{p.name}" for p in EXECUTABLES])
+
+    def test_have_bills_of_their_materials(self):
+        for name in ("quillmere-windows.zip", "quillmere-setup.exe"):
+            bill = json.loads((BIN.parent / f"{name}.spdx.json").read_text())
+            whole, *components = bill["packages"]
+            digest = hashlib.sha256((BIN.parent / name).read_bytes()).hexdigest()
+            self.assertEqual(whole["checksums"], [{"algorithm": "SHA256", "checksumValue": digest}])
+            names = {component["name"] for component in components}
+            self.assertLessEqual({"qt6-base", "sqlite3", "mingw-w64-x86-64-dev", "gcc-mingw-w64-x86-64-posix"}, names)
+            self.assertEqual({row["relationshipType"] for row in bill["relationships"]}, {"DESCRIBES", "STATIC_LINK"})
+            self.assertEqual(len(bill["relationships"]), len(bill["packages"]))
+            sqlite = next(component for component in components if component["name"] == "sqlite3")
+            # As the server itself says it.
+            self.assertIn(sqlite["versionInfo"].split("-")[0].encode(), SERVER.read_bytes())
 
     def test_are_stripped(self):
         for path in EXECUTABLES:
