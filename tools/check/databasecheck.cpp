@@ -9,14 +9,16 @@
 #include <QFile>
 #include <QFileInfo>
 #include <QSqlDatabase>
-#include <QStorageInfo>
 #include <QTemporaryDir>
 #include <QThread>
 #include <QUrl>
 
 #include <sqlite3.h>
 
+#include <cstdint>
+#include <filesystem>
 #include <memory>
+#include <system_error>
 
 using namespace Qt::StringLiterals;
 
@@ -26,7 +28,7 @@ namespace {
 
 constexpr unsigned long Pause = 20; // ms, between two looks at a lock
 constexpr int PagesAtOnce = 1024;   // 4 MiB, read within milliseconds; a server's commit waits 250 for a lock
-constexpr qint64 LeastSpace = 1 << 20; // bytes, for a journal
+constexpr std::uintmax_t LeastSpace = 1 << 20; // bytes, for a journal
 
 Finding finding(State state, const QString &text)
 {
@@ -182,8 +184,9 @@ Findings checkFile(const QString &file)
     if (info.exists() && !info.isFile()) {
         return {finding(State::Critical, u"%1 is not a file"_s.arg(file))};
     }
-    const QStorageInfo disk(info.path());
-    if (disk.isValid() && disk.bytesAvailable() < LeastSpace) {
+    std::error_code error;
+    const std::filesystem::space_info disk = std::filesystem::space(info.filesystemPath(), error);
+    if (!error && disk.available < LeastSpace) {
         return {finding(State::Critical, u"the disk of %1 is full"_s.arg(file))};
     }
     if (!info.exists()) {
