@@ -99,6 +99,7 @@ private:
     void endTable()
     {
         silence.stop();
+        end.stop();
         if (!connected || hasEnded) {
             loop.quit();
             return;

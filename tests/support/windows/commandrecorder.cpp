@@ -1,8 +1,8 @@
 // SPDX-FileCopyrightText: 2026 The Quillmere developers
 // SPDX-License-Identifier: MIT
 
-// Stands in for a program of the system that the installer calls: writes down its command line, and exits with
-// the number in C:\recorder-exit-code, 0 where there is none.
+// Stands in for a program of the system that the installer calls: writes down its command line, and exits
+// with the number in C:\recorder-exit-code, 0 where there is none.
 
 #include <windows.h>
 
