@@ -63,6 +63,17 @@ QString padded(quint32 value, int width)
 
 } // namespace
 
+void introduce(const QString &name, const char *version)
+{
+    QCoreApplication::setApplicationName(name);
+    QCoreApplication::setApplicationVersion(QString::fromLatin1(version));
+}
+
+QString versionText()
+{
+    return QCoreApplication::applicationName() + u' ' + QCoreApplication::applicationVersion();
+}
+
 QString Endpoint::text() const
 {
     return address.toString() + u':' + QString::number(port);

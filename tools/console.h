@@ -17,6 +17,10 @@
 
 namespace Console {
 
+// The program's name and version, as errors and --version show them.
+void introduce(const QString &name, const char *version);
+QString versionText(); // "quillmere-watch 1.38.3"
+
 // Exit codes of every tool; a tool may add its own from 3 on.
 constexpr int ExitSuccess = 0;
 constexpr int ExitError = 1;

@@ -18,7 +18,7 @@ class TestRadioCommandLine : public QObject
 
     static CommandLine parse(const char *line)
     {
-        return CommandLine::parse(QString::fromUtf8(line).split(u' ', Qt::SkipEmptyParts));
+        return RadioTool::parse(QString::fromUtf8(line).split(u' ', Qt::SkipEmptyParts));
     }
     static Settings accepted(const char *line)
     {
@@ -30,6 +30,8 @@ class TestRadioCommandLine : public QObject
     }
 
 private slots:
+    void initTestCase() { Console::introduce(u"quillmere-radio"_s, "1.2.3"); }
+
     void registerHasDefaults()
     {
         const Settings settings = accepted("register --suid 12345.678.9ABCDE");
@@ -144,7 +146,8 @@ private slots:
         };
         row("--help", "Usage: quillmere-radio COMMAND [options]");
         row("-h", "Exit codes: 0 all acknowledged");
-        row("--version", "quillmere-radio");
+        row("--version", "quillmere-radio 1.2.3");
+        row("-v", "quillmere-radio 1.2.3");
         row("register --help", "--suid <WACN.SYSTEM.UNIT>");
         row("deregister --help", "--by-address");
         row("listen --help", "--count <N>");
@@ -244,7 +247,7 @@ private slots:
     {
         const QStringList codes(256, u"1"_s);
         const auto parseServices = [](const QStringList &list) {
-            return CommandLine::parse(
+            return RadioTool::parse(
                 {u"register"_s, u"--suid"_s, u"1.1.1"_s, u"--services"_s, list.join(u',')});
         };
         QCOMPARE(parseServices(codes).text, u"--services: 256 services are too many (255 at most)"_s);

@@ -140,15 +140,14 @@ private slots:
     {
         QFETCH(QString, line);
         QFETCH(QString, error);
-        const CommandLine parsed = CommandLine::parse(line.split(u' '));
+        const CommandLine parsed = parse(line.split(u' '));
         QVERIFY(parsed.kind == CommandLine::Kind::Error);
         QCOMPARE(parsed.text, error);
     }
 
     void settingsAreRead()
     {
-        const auto parsed =
-            CommandLine::parse(u"--server 10.0.0.1:99 --json --count 7 --for 1.5"_s.split(u' '));
+        const auto parsed = parse(u"--server 10.0.0.1:99 --json --count 7 --for 1.5"_s.split(u' '));
         QVERIFY(parsed.kind == CommandLine::Kind::Run);
         QCOMPARE(parsed.settings.server.text(), u"10.0.0.1:99"_s);
         QVERIFY(parsed.settings.output == Output::Json);

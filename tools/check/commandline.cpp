@@ -5,8 +5,6 @@
 
 #include "tools/optionreader.h"
 
-#include <QCoreApplication>
-
 using namespace Qt::StringLiterals;
 
 namespace CheckTool {
@@ -33,7 +31,7 @@ const auto Help =
 
 } // namespace
 
-CommandLine CommandLine::parse(const QStringList &arguments)
+CommandLine parse(const QStringList &arguments)
 {
     Console::OptionReader options(u"quillmere-check"_s);
     options.value(u"folder"_s, u"folder"_s, QString());
@@ -43,15 +41,13 @@ CommandLine CommandLine::parse(const QStringList &arguments)
     options.flag(u"json"_s, QString());
     options.flag(u"version"_s, QString());
     if (!options.parse(arguments)) {
-        return {Kind::Error, {}, options.error()};
+        return CommandLine::error(options.error());
     }
     if (options.isSet(u"help"_s)) {
-        return {Kind::Print, {}, Help};
+        return CommandLine::print(Help);
     }
     if (options.isSet(u"version"_s)) {
-        return {Kind::Print,
-                {},
-                QCoreApplication::applicationName() + u' ' + QCoreApplication::applicationVersion()};
+        return CommandLine::print(Console::versionText());
     }
     Settings settings;
     const auto name = [](const QString &text) {
@@ -66,9 +62,9 @@ CommandLine CommandLine::parse(const QStringList &arguments)
     settings.mayBeStopped = options.isSet(u"stopped"_s);
     settings.asJson = options.isSet(u"json"_s);
     if (!options.error().isEmpty()) {
-        return {Kind::Error, {}, options.error()};
+        return CommandLine::error(options.error());
     }
-    return {Kind::Run, settings, QString()};
+    return CommandLine::run(settings);
 }
 
 } // namespace CheckTool

@@ -4,20 +4,15 @@
 #pragma once
 
 #include "tools/check/settings.h"
+#include "tools/commandline.h"
 
 #include <QStringList>
 
 namespace CheckTool {
 
-struct CommandLine
-{
-    enum class Kind { Run, Print, Error };
-    Kind kind = Kind::Error;
-    Settings settings;
-    QString text; // to be printed, or what is wrong
+using CommandLine = Console::CommandLine<Settings>;
 
-    // arguments: without the program's name.
-    static CommandLine parse(const QStringList &arguments);
-};
+// arguments: without the program's name.
+CommandLine parse(const QStringList &arguments);
 
 } // namespace CheckTool

@@ -5,7 +5,6 @@
 
 #include "tools/optionreader.h"
 
-#include <QCoreApplication>
 #include <QtEndian>
 
 #include <algorithm>
@@ -116,17 +115,17 @@ public:
     {
         declare();
         if (!options.parse(arguments)) {
-            return {CommandLine::Kind::Error, {}, options.error()};
+            return CommandLine::error(options.error());
         }
         if (options.isSet(u"help"_s)) {
-            return {CommandLine::Kind::Print, {}, options.helpText()};
+            return CommandLine::print(options.helpText());
         }
         readValues();
         checkTogether();
         if (!options.error().isEmpty()) {
-            return {CommandLine::Kind::Error, {}, options.error()};
+            return CommandLine::error(options.error());
         }
-        return {CommandLine::Kind::Run, settings, QString()};
+        return CommandLine::run(settings);
     }
 
 private:
@@ -323,23 +322,23 @@ void Reader::checkFleet()
 
 } // namespace
 
-CommandLine CommandLine::parse(const QStringList &arguments)
+CommandLine parse(const QStringList &arguments)
 {
     if (arguments.isEmpty()) {
-        return {Kind::Error, {}, u"no command (register, deregister, listen or fleet)"_s};
+        return CommandLine::error(u"no command (register, deregister, listen or fleet)"_s);
     }
     const QString &name = arguments.first();
     if (name == u"--help" || name == u"-h" || name == u"help") {
-        return {Kind::Print, {}, Help};
+        return CommandLine::print(Help);
     }
     if (name == u"--version" || name == u"-v") {
-        return {Kind::Print, {}, u"quillmere-radio "_s + QCoreApplication::applicationVersion()};
+        return CommandLine::print(Console::versionText());
     }
     const QStringList names{u"register"_s, u"deregister"_s, u"listen"_s, u"fleet"_s}; // in Command's order
     const qsizetype index = names.indexOf(name);
     if (index < 0) {
-        return {
-            Kind::Error, {}, u"'%1' is not a command (register, deregister, listen or fleet)"_s.arg(name)};
+        return CommandLine::error(
+            u"'%1' is not a command (register, deregister, listen or fleet)"_s.arg(name));
     }
     return Reader(static_cast<Command>(index), name).read(arguments.mid(1));
 }

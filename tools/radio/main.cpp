@@ -26,20 +26,11 @@ int run(const RadioTool::Settings &settings)
 int main(int argc, char *argv[])
 {
     const QCoreApplication application(argc, argv);
-    QCoreApplication::setApplicationName(u"quillmere-radio"_s);
-    QCoreApplication::setApplicationVersion(QString::fromLatin1(QUILLMERE_VERSION));
+    Console::introduce(u"quillmere-radio"_s, QUILLMERE_VERSION);
 
-    const auto commandLine = RadioTool::CommandLine::parse(QCoreApplication::arguments().mid(1));
-    switch (commandLine.kind) {
-    case RadioTool::CommandLine::Kind::Print:
-        Console::writeLine(commandLine.text);
-        return Console::ExitSuccess;
-    case RadioTool::CommandLine::Kind::Error:
-        Console::writeError(commandLine.text);
-        Console::writeError(u"try --help"_s);
-        return Console::ExitUsage;
-    case RadioTool::CommandLine::Kind::Run:
-        break;
+    const auto commandLine = RadioTool::parse(QCoreApplication::arguments().mid(1));
+    if (const auto exitCode = Console::answer(commandLine)) {
+        return *exitCode;
     }
     if (commandLine.settings.command == RadioTool::Command::Fleet) {
         return run<RadioTool::Fleet>(commandLine.settings);

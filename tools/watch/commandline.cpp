@@ -5,8 +5,6 @@
 
 #include "tools/optionreader.h"
 
-#include <QCoreApplication>
-
 #include <limits>
 
 using namespace Qt::StringLiterals;
@@ -37,19 +35,9 @@ const auto Help =
     "Exit codes: 0 done, 1 the server was not reached, 2 wrong usage, 3 the time was over before\n"
     "the notices had come (report: before the radio was unconfirmed)."_s;
 
-CommandLine print(const QString &text)
-{
-    return {CommandLine::Kind::Print, {}, text};
-}
-
-CommandLine error(const QString &text)
-{
-    return {CommandLine::Kind::Error, {}, text};
-}
-
 } // namespace
 
-CommandLine CommandLine::parse(const QStringList &arguments)
+CommandLine parse(const QStringList &arguments)
 {
     Console::OptionReader options(u"quillmere-watch"_s);
     options.value(u"server"_s, u"server"_s, QString());
@@ -59,13 +47,13 @@ CommandLine CommandLine::parse(const QStringList &arguments)
     options.value(u"for"_s, u"seconds"_s, QString());
     options.flag(u"version"_s, QString());
     if (!options.parse(arguments, Console::OptionReader::TakesWords)) {
-        return error(options.error());
+        return CommandLine::error(options.error());
     }
     if (options.isSet(u"help"_s)) {
-        return print(Help);
+        return CommandLine::print(Help);
     }
     if (options.isSet(u"version"_s)) {
-        return print(QCoreApplication::applicationName() + u' ' + QCoreApplication::applicationVersion());
+        return CommandLine::print(Console::versionText());
     }
 
     Settings settings;
@@ -86,32 +74,32 @@ CommandLine CommandLine::parse(const QStringList &arguments)
     options.read(u"for"_s, Console::parseSeconds,
                  [&settings](qint64 duration) { settings.duration = duration; });
     if (!options.error().isEmpty()) {
-        return error(options.error());
+        return CommandLine::error(options.error());
     }
 
     const QStringList words = options.words();
     if (words.isEmpty()) {
-        return {Kind::Run, settings, QString()};
+        return CommandLine::run(settings);
     }
     if (words[0] != u"report") {
-        return error(u"unknown command '%1'"_s.arg(words[0]));
+        return CommandLine::error(u"unknown command '%1'"_s.arg(words[0]));
     }
     if (words.size() != 3) {
-        return error(u"report needs an ESN and an address"_s);
+        return CommandLine::error(u"report needs an ESN and an address"_s);
     }
     if (settings.count > 0 || settings.output == Output::Table) {
-        return error(u"report takes neither --count nor --table"_s);
+        return CommandLine::error(u"report takes neither --count nor --table"_s);
     }
     const auto esn = Console::parseEsn(words[1]);
     const auto address = Console::parseAddress(words[2]);
     if (!esn || !address) {
-        return error(esn ? address.error : esn.error);
+        return CommandLine::error(esn ? address.error : esn.error);
     }
     settings.report = Settings::Report{*esn, *address};
     if (settings.duration == 0) {
         settings.duration = ReportPatience;
     }
-    return {Kind::Run, settings, QString()};
+    return CommandLine::run(settings);
 }
 
 } // namespace WatchTool

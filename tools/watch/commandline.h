@@ -3,23 +3,16 @@
 
 #pragma once
 
+#include "tools/commandline.h"
 #include "tools/watch/settings.h"
 
 #include <QStringList>
 
 namespace WatchTool {
 
-// The command line, understood: settings to run with, a text to print instead (help, version), or an error.
-struct CommandLine
-{
-    enum class Kind { Run, Print, Error };
+using CommandLine = Console::CommandLine<Settings>;
 
-    Kind kind = Kind::Run;
-    Settings settings;
-    QString text;
-
-    // arguments: without the program's name.
-    static CommandLine parse(const QStringList &arguments);
-};
+// arguments: without the program's name.
+CommandLine parse(const QStringList &arguments);
 
 } // namespace WatchTool

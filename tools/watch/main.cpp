@@ -11,20 +11,11 @@ using namespace Qt::StringLiterals;
 int main(int argc, char *argv[])
 {
     const QCoreApplication application(argc, argv);
-    QCoreApplication::setApplicationName(u"quillmere-watch"_s);
-    QCoreApplication::setApplicationVersion(QString::fromLatin1(QUILLMERE_VERSION));
+    Console::introduce(u"quillmere-watch"_s, QUILLMERE_VERSION);
 
-    const auto commandLine = WatchTool::CommandLine::parse(QCoreApplication::arguments().mid(1));
-    switch (commandLine.kind) {
-    case WatchTool::CommandLine::Kind::Print:
-        Console::writeLine(commandLine.text);
-        return Console::ExitSuccess;
-    case WatchTool::CommandLine::Kind::Error:
-        Console::writeError(commandLine.text);
-        Console::writeError(u"try --help"_s);
-        return Console::ExitUsage;
-    case WatchTool::CommandLine::Kind::Run:
-        break;
+    const auto commandLine = WatchTool::parse(QCoreApplication::arguments().mid(1));
+    if (const auto exitCode = Console::answer(commandLine)) {
+        return *exitCode;
     }
     WatchTool::Watch watch(commandLine.settings);
     Console::onInterrupt([&watch] { watch.interrupt(); });

@@ -1,0 +1,47 @@
+// SPDX-FileCopyrightText: 2026 The Quillmere developers
+// SPDX-License-Identifier: MIT
+
+#pragma once
+
+#include "tools/console.h"
+
+#include <QString>
+
+#include <optional>
+
+namespace Console {
+
+// A tool's command line, understood: settings to run with, a text to print instead (help, version), or an
+// error.
+template<class Settings>
+struct CommandLine
+{
+    enum class Kind { Run, Print, Error };
+
+    Kind kind = Kind::Run;
+    Settings settings;
+    QString text;
+
+    static CommandLine run(const Settings &settings) { return {Kind::Run, settings, QString()}; }
+    static CommandLine print(const QString &text) { return {Kind::Print, {}, text}; }
+    static CommandLine error(const QString &text) { return {Kind::Error, {}, text}; }
+};
+
+// Prints or reports what there is instead of a run, and returns the exit code; nothing where it is to run.
+template<class Settings>
+std::optional<int> answer(const CommandLine<Settings> &commandLine, int wrongUsage = ExitUsage)
+{
+    using Kind = typename CommandLine<Settings>::Kind;
+    if (commandLine.kind == Kind::Print) {
+        writeLine(commandLine.text);
+        return ExitSuccess;
+    }
+    if (commandLine.kind == Kind::Error) {
+        writeError(commandLine.text);
+        writeError(QStringLiteral("try --help"));
+        return wrongUsage;
+    }
+    return std::nullopt;
+}
+
+} // namespace Console
