@@ -21,10 +21,14 @@ struct CommandLine
     Kind kind = Kind::Run;
     Settings settings;
     QString text;
+    bool wellFormed = false; // an error that help does not help with
 
     static CommandLine run(const Settings &settings) { return {Kind::Run, settings, QString()}; }
     static CommandLine print(const QString &text) { return {Kind::Print, {}, text}; }
-    static CommandLine error(const QString &text) { return {Kind::Error, {}, text}; }
+    static CommandLine error(const QString &text, bool wellFormed = false)
+    {
+        return {Kind::Error, {}, text, wellFormed};
+    }
 };
 
 // Prints or reports what there is instead of a run, and returns the exit code; nothing where it is to run.
@@ -38,6 +42,9 @@ std::optional<int> answer(const CommandLine<Settings> &commandLine, int wrongUsa
     }
     if (commandLine.kind == Kind::Error) {
         writeError(commandLine.text);
+        if (commandLine.wellFormed) {
+            return ExitError;
+        }
         writeError(QStringLiteral("try --help"));
         return wrongUsage;
     }

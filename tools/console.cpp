@@ -3,6 +3,8 @@
 
 #include "tools/console.h"
 
+#include "tools/lookup.h"
+
 #include <QCoreApplication>
 #include <QJsonDocument>
 #include <QRegularExpression>
@@ -46,6 +48,14 @@ bool isDigits(const QString &text)
     return digits.match(text).hasMatch();
 }
 
+// Letters, digits, "_" and inner dashes in each part. Digits alone would be an address with a part missing.
+bool isHostName(const QString &text)
+{
+    static const QRegularExpression form(
+        u"^(?=.*[A-Za-z])(?:(?!-)[A-Za-z0-9_-]{1,63}(?<!-)\\.)*(?!-)[A-Za-z0-9_-]{1,63}(?<!-)\\.?\\z"_s);
+    return text.size() <= 253 && form.match(text).hasMatch();
+}
+
 std::optional<quint32> hexadecimal(const QString &text, quint32 maximum)
 {
     static const QRegularExpression digits(u"^[0-9A-Fa-f]{1,8}\\z"_s);
@@ -54,6 +64,11 @@ std::optional<quint32> hexadecimal(const QString &text, quint32 maximum)
     }
     const quint32 value = text.toUInt(nullptr, 16);
     return value <= maximum ? std::optional(value) : std::nullopt;
+}
+
+QString notAHost(const QString &text)
+{
+    return u"'%1' is neither an IPv4 address nor a host's name"_s.arg(text);
 }
 
 QString padded(quint32 value, int width)
@@ -74,9 +89,14 @@ QString versionText()
     return QCoreApplication::applicationName() + u' ' + QCoreApplication::applicationVersion();
 }
 
+QString Endpoint::host() const
+{
+    return name.isEmpty() ? address.toString() : name;
+}
+
 QString Endpoint::text() const
 {
-    return address.toString() + u':' + QString::number(port);
+    return host() + u':' + QString::number(port);
 }
 
 Parsed<quint64> parseNumber(const QString &text, quint64 minimum, quint64 maximum)
@@ -119,18 +139,40 @@ Parsed<QHostAddress> parseAddress(const QString &text)
 Parsed<Endpoint> parseEndpoint(const QString &text, quint16 defaultPort)
 {
     const qsizetype colon = text.indexOf(u':');
-    const Parsed<QHostAddress> address = parseAddress(text.left(colon));
-    if (!address) {
-        return Parsed<Endpoint>::failed(address.error);
+    const QString host = text.left(colon);
+    const Parsed<QHostAddress> address = parseAddress(host);
+    if (!address && !isHostName(host)) {
+        return Parsed<Endpoint>::failed(notAHost(host));
     }
-    if (colon < 0) {
-        return Parsed<Endpoint>::of({*address, defaultPort});
-    }
-    const Parsed<quint16> port = parsePort(text.mid(colon + 1));
+    const Parsed<quint16> port =
+        colon < 0 ? Parsed<quint16>::of(defaultPort) : parsePort(text.mid(colon + 1));
     if (!port) {
         return Parsed<Endpoint>::failed(port.error);
     }
-    return Parsed<Endpoint>::of({*address, *port});
+    return Parsed<Endpoint>::of(address ? Endpoint{*address, *port, QString()}
+                                        : Endpoint{QHostAddress(), *port, host});
+}
+
+Parsed<Endpoint> resolveEndpoint(const QString &text, quint16 defaultPort)
+{
+    Parsed<Endpoint> endpoint = parseEndpoint(text, defaultPort);
+    if (endpoint && !endpoint.value->name.isEmpty()) {
+        const Parsed<QHostAddress> address = lookUp(endpoint.value->name);
+        if (!address) {
+            return Parsed<Endpoint>::unavailable(address.error);
+        }
+        endpoint.value->address = *address;
+    }
+    return endpoint;
+}
+
+Parsed<QHostAddress> resolveAddress(const QString &text)
+{
+    if (isHostName(text)) {
+        return lookUp(text);
+    }
+    const Parsed<QHostAddress> address = parseAddress(text);
+    return address ? address : Parsed<QHostAddress>::failed(notAHost(text));
 }
 
 Parsed<qint64> parseSeconds(const QString &text)

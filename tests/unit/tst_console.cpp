@@ -3,6 +3,8 @@
 
 #include "tools/console.h"
 
+#include "tools/lookup.h"
+
 #include <QTest>
 
 #include <limits>
@@ -10,6 +12,13 @@
 using namespace Qt::StringLiterals;
 
 using namespace Console;
+
+// In place of the tools' own, which asks the system's resolver.
+Parsed<QHostAddress> Console::lookUp(const QString &name)
+{
+    return name == u"server.example" ? Parsed<QHostAddress>::of(QHostAddress(u"10.0.0.7"_s))
+                                     : Parsed<QHostAddress>::unavailable(u"nobody knows %1"_s.arg(name));
+}
 
 // Each row: a text, and the value's own text; empty for a text that is refused.
 class TestConsole : public QObject
@@ -102,10 +111,85 @@ private slots:
     }
     void endpointTellsWhichPartIsWrong()
     {
-        QCOMPARE(parseEndpoint(u"10.0.0:80"_s).error, u"'10.0.0' is not an IPv4 address"_s);
+        QCOMPARE(parseEndpoint(u"10.0.0:80"_s).error,
+                 u"'10.0.0' is neither an IPv4 address nor a host's name"_s);
+        QVERIFY(!parseEndpoint(u"10.0.0:80"_s).wellFormed);
         QCOMPARE(parseEndpoint(u"10.0.0.1:0"_s).error, u"'0' is not a port (1 to 65535)"_s);
         QCOMPARE(parseEndpoint(u"10.0.0.1:"_s).error, u"'' is not a port (1 to 65535)"_s);
         QCOMPARE(parseEndpoint(u"10.0.0.1:80:80"_s).error, u"'80:80' is not a port (1 to 65535)"_s);
+    }
+
+    void hostIsAnAddressOrAName_data()
+    {
+        const QString label(63, u'a');
+        const QString part = label + u'.';
+        const QString longest = part.repeated(3) + QString(61, u'b');
+        rows({{"localhost", "localhost"},
+              {"a", "a"},
+              {"Server-1.Example", "Server-1.Example"},
+              {"server_1", "server_1"},
+              {"1st.example.", "1st.example."},
+              {"10.0.0.a", "10.0.0.a"},
+              {qPrintable(label), qPrintable(label)},
+              {qPrintable(longest), qPrintable(longest)},
+              {"10.0.0.1", "10.0.0.1"},
+              {qPrintable(label + u'a'), ""},
+              {qPrintable(longest + u'b'), ""},
+              {"10.0.0", ""},
+              {"10", ""},
+              {"10.0.0.01", ""},
+              {"", ""},
+              {".", ""},
+              {"a..b", ""},
+              {".a", ""},
+              {"-a", ""},
+              {"a-", ""},
+              {"a-.b", ""},
+              {"a.-b", ""},
+              {"a b", ""},
+              {"a/b", ""},
+              {"a\n", ""},
+              {"ä", ""},
+              {"[", ""}});
+    }
+    void hostIsAnAddressOrAName()
+    {
+        check([](const QString &text) { return parseEndpoint(text); },
+              [](const Endpoint &endpoint) { return endpoint.host(); },
+              u"'%1' is neither an IPv4 address nor a host's name"_s);
+    }
+    void nameIsLookedUpOnlyToBeResolved()
+    {
+        const Parsed<Endpoint> parsed = parseEndpoint(u"server.example:80"_s);
+        QVERIFY(parsed && (*parsed).address.isNull());
+        QCOMPARE((*parsed).text(), u"server.example:80"_s);
+
+        const Parsed<Endpoint> resolved = resolveEndpoint(u"server.example:80"_s);
+        QVERIFY(resolved);
+        QCOMPARE((*resolved).address.toString(), u"10.0.0.7"_s);
+        QCOMPARE((*resolved).text(), u"server.example:80"_s);
+        QCOMPARE((*resolveEndpoint(u"10.0.0.1"_s)).text(), u"10.0.0.1:9361"_s);
+        QCOMPARE((*resolveEndpoint(u"server.example"_s, 7)).port, quint16{7});
+
+        QCOMPARE((*resolveAddress(u"server.example"_s)).toString(), u"10.0.0.7"_s);
+        QCOMPARE((*resolveAddress(u"10.0.0.1"_s)).toString(), u"10.0.0.1"_s);
+    }
+    void unknownNameIsNoFaultOfTheText()
+    {
+        const Parsed<Endpoint> endpoint = resolveEndpoint(u"nowhere:80"_s);
+        QVERIFY(!endpoint && endpoint.wellFormed);
+        QCOMPARE(endpoint.error, u"nobody knows nowhere"_s);
+        const Parsed<QHostAddress> address = resolveAddress(u"nowhere"_s);
+        QVERIFY(!address && address.wellFormed);
+        QCOMPARE(address.error, u"nobody knows nowhere"_s);
+
+        for (const auto &wrong : {u"10.0.0"_s, u"-a"_s}) {
+            QVERIFY(!resolveEndpoint(wrong).wellFormed);
+            QVERIFY(!resolveAddress(wrong).wellFormed);
+            QCOMPARE(resolveAddress(wrong).error,
+                     u"'%1' is neither an IPv4 address nor a host's name"_s.arg(wrong));
+        }
+        QVERIFY(!resolveEndpoint(u"nowhere:0"_s).wellFormed);
     }
 
     void secondsAreMilliseconds_data()

@@ -1,6 +1,7 @@
 // SPDX-FileCopyrightText: 2026 The Quillmere developers
 // SPDX-License-Identifier: MIT
 
+#include "tools/lookup.h"
 #include "tools/radio/commandline.h"
 #include "tools/radio/fleetmembers.h"
 
@@ -11,6 +12,13 @@ using namespace Qt::StringLiterals;
 using RadioTool::Command;
 using RadioTool::CommandLine;
 using RadioTool::Settings;
+
+// In place of the tools' own, which asks the system's resolver.
+Console::Parsed<QHostAddress> Console::lookUp(const QString &name)
+{
+    return name == u"radio-5"_s ? Parsed<QHostAddress>::of(QHostAddress(u"10.0.0.5"_s))
+                                : Parsed<QHostAddress>::unavailable(u"nobody knows %1"_s.arg(name));
+}
 
 class TestRadioCommandLine : public QObject
 {
@@ -162,6 +170,25 @@ private slots:
         QVERIFY2(result.text.contains(part), qPrintable(result.text));
     }
 
+    void namesAreLookedUp()
+    {
+        const Settings settings = accepted("register --suid 1.1.1 --server radio-5:99 --from radio-5");
+        QCOMPARE(settings.server.text(), u"radio-5:99"_s);
+        QCOMPARE(settings.server.address.toString(), u"10.0.0.5"_s);
+        QCOMPARE(settings.from->toString(), u"10.0.0.5"_s);
+    }
+    void unknownNameIsNoWrongUsage()
+    {
+        for (const char *line : {"register --suid 1.1.1 --server nowhere",
+                                 "register --suid 1.1.1 --server nowhere --timeout x"}) {
+            const CommandLine result = parse(line);
+            QCOMPARE(result.kind, CommandLine::Kind::Error);
+            QCOMPARE(result.text, u"--server: nobody knows nowhere"_s);
+            QVERIFY(result.wellFormed);
+        }
+        QVERIFY(!parse("register --suid 1.1.1 --server 10.0.0 --from nowhere").wellFormed);
+    }
+
     void badInputIsRefused_data()
     {
         QTest::addColumn<QString>("line");
@@ -181,11 +208,12 @@ private slots:
             "--suid: '1.1' is not a SUID: it is WACN.System.Unit, as in 12345.678.9ABCDE");
         row("register --suid 1.1.1 --esn 0011",
             "--esn: '0011' is not an ESN (16 hexadecimal digits, or 8 pairs with ':' between)");
-        row("register --suid 1.1.1 --server localhost", "--server: 'localhost' is not an IPv4 address");
+        row("register --suid 1.1.1 --server localhost?",
+            "--server: 'localhost?' is neither an IPv4 address nor a host's name");
         row("register --suid 1.1.1 --server 1.2.3.4:0", "--server: '0' is not a port (1 to 65535)");
         row("register --suid 1.1.1 --server 0.0.0.0", "--server: 0.0.0.0 is not an address of a server");
         row("register --suid 1.1.1 --from 0.0.0.0", "--from: 0.0.0.0 is not an address of a radio");
-        row("register --suid 1.1.1 --from ::1", "--from: '::1' is not an IPv4 address");
+        row("register --suid 1.1.1 --from ::1", "--from: '::1' is neither an IPv4 address nor a host's name");
         row("register --suid 1.1.1 --services 1,,2",
             "--services: '' is not a service code (0 to 255, with ',' between)");
         row("register --suid 1.1.1 --services 256",

@@ -125,13 +125,13 @@ private slots:
         QTest::addColumn<QString>("error");
         QTest::newRow("option") << u"--nothing"_s << u"Unknown option 'nothing'."_s;
         QTest::newRow("command") << u"reprot"_s << u"unknown command 'reprot'"_s;
-        QTest::newRow("server") << u"--server localhost"_s
-                                << u"--server: 'localhost' is not an IPv4 address"_s;
+        QTest::newRow("server") << u"--server -a"_s
+                                << u"--server: '-a' is neither an IPv4 address nor a host's name"_s;
         QTest::newRow("twice") << u"--count 1 --count 2"_s << u"--count is given more than once"_s;
         QTest::newRow("both outputs") << u"--json --table"_s << u"--json and --table exclude each other"_s;
         QTest::newRow("report alone") << u"report"_s << u"report needs an ESN and an address"_s;
-        QTest::newRow("report address")
-            << u"report 0011AABB22CC3301 10.0.0"_s << u"'10.0.0' is not an IPv4 address"_s;
+        QTest::newRow("report address") << u"report 0011AABB22CC3301 10.0.0"_s
+                                        << u"'10.0.0' is neither an IPv4 address nor a host's name"_s;
         QTest::newRow("report count") << u"report 0011AABB22CC3301 10.0.0.1 --count 1"_s
                                       << u"report takes neither --count nor --table"_s;
     }
@@ -143,6 +143,13 @@ private slots:
         const CommandLine parsed = parse(line.split(u' '));
         QVERIFY(parsed.kind == CommandLine::Kind::Error);
         QCOMPARE(parsed.text, error);
+    }
+
+    void namesAreKept()
+    {
+        const auto parsed = parse(u"--server server.example:99"_s.split(u' '));
+        QCOMPARE(parsed.settings.server.text(), u"server.example:99"_s);
+        QVERIFY(parsed.settings.server.address.isNull());
     }
 
     void settingsAreRead()

@@ -123,7 +123,7 @@ public:
         readValues();
         checkTogether();
         if (!options.error().isEmpty()) {
-            return CommandLine::error(options.error());
+            return CommandLine::error(options.error(), options.isWellFormed());
         }
         return CommandLine::run(settings);
     }
@@ -147,14 +147,14 @@ void Reader::declare()
     const bool fleet = is(Command::Fleet);
     options.flag(u"json"_s, u"One JSON object a line instead of readable lines."_s);
     if (!is(Command::Listen)) {
-        options.value(u"server"_s, u"ADDRESS[:PORT]"_s, u"The server (127.0.0.1:9361)."_s);
+        options.value(u"server"_s, u"HOST[:PORT]"_s, u"The server (127.0.0.1:9361)."_s);
         options.value(u"esn"_s, u"ESN"_s,
                       fleet ? u"The first radio's ESN; each next has one more (0000000000000001)."_s
                             : u"16 hexadecimal digits; ':' between bytes is allowed."_s);
         options.value(u"protocol"_s, u"VERSION"_s, u"Protocol version, 1 to 3 (3; 1 with --basic)."_s);
     }
     if (!fleet) {
-        options.value(u"from"_s, u"ADDRESS"_s,
+        options.value(u"from"_s, u"HOST"_s,
                       is(Command::Listen) ? u"The address to listen at (all)."_s
                                           : u"The radio's own address (as the system chooses)."_s);
     }
@@ -225,13 +225,13 @@ void Reader::readValues()
     settings.radio.pending = is(Command::Register) && options.isSet(u"pending"_s);
     settings.radio.protocolVersion = settings.radio.basic ? 1 : 3;
     options.read(
-        u"server"_s, [](const QString &text) { return Console::parseEndpoint(text); },
+        u"server"_s, [](const QString &text) { return Console::resolveEndpoint(text); },
         store(settings.server));
     options.read(u"esn"_s, Console::parseEsn, store(settings.radio.esn));
     options.read(u"suid"_s, Console::parseSuid, store(settings.radio.suid));
     options.read(u"services"_s, parseServices, store(settings.radio.services));
     options.read(u"protocol"_s, within(1, 3, settings.radio.protocolVersion), ignore);
-    options.read(u"from"_s, Console::parseAddress, store(settings.from));
+    options.read(u"from"_s, Console::resolveAddress, store(settings.from));
     options.read(u"listen-port"_s, Console::parsePort, store(settings.listenPort));
     options.read(u"timeout"_s, within(1, 3'600'000, settings.timeout), ignore);
     options.read(u"retries"_s, within(0, 100, settings.retries), ignore);

@@ -17,13 +17,13 @@ constexpr qint64 ReportPatience = 2000; // ms
 
 const auto Help =
     u"Usage: quillmere-watch [options]\n"
-    "       quillmere-watch report ESN ADDRESS [options]\n"
+    "       quillmere-watch report ESN HOST [options]\n"
     "\n"
     "Follows the radios of a server, as its applications do; or reports that a radio cannot be\n"
     "reached at an address, and waits until the server holds it for unconfirmed.\n"
     "\n"
     "Options:\n"
-    "  --server ADDRESS[:PORT]  the server's application port (127.0.0.1:9361)\n"
+    "  --server HOST[:PORT]     the server's application port (127.0.0.1:9361)\n"
     "  --json                   one JSON object a line\n"
     "  --table                  a live table of all radios; plain text at the end where standard\n"
     "                           output is not a terminal\n"
@@ -91,9 +91,12 @@ CommandLine parse(const QStringList &arguments)
         return CommandLine::error(u"report takes neither --count nor --table"_s);
     }
     const auto esn = Console::parseEsn(words[1]);
-    const auto address = Console::parseAddress(words[2]);
-    if (!esn || !address) {
-        return CommandLine::error(esn ? address.error : esn.error);
+    if (!esn) {
+        return CommandLine::error(esn.error);
+    }
+    const auto address = Console::resolveAddress(words[2]);
+    if (!address) {
+        return CommandLine::error(address.error, address.wellFormed);
     }
     settings.report = Settings::Report{*esn, *address};
     if (settings.duration == 0) {

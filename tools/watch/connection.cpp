@@ -34,7 +34,8 @@ qint64 Connection::pauseBeforeAttempt(int attempt)
 
 void Connection::open()
 {
-    socket.connectToHost(server.address, server.port);
+    // A name is looked up anew each time: a server may have moved since.
+    socket.connectToHost(server.host(), server.port, QTcpSocket::ReadWrite, QTcpSocket::IPv4Protocol);
 }
 
 void Connection::stop()

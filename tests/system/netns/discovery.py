@@ -12,14 +12,11 @@ CI is true.
 """
 
 import contextlib
-import ctypes
 import os
 import pathlib
-import shutil
 import signal
 import socket
 import sqlite3
-import subprocess
 import sys
 import tempfile
 import time
@@ -28,15 +25,11 @@ sys.dont_write_bytecode = True
 sys.path.insert(0, str(pathlib.Path(__file__).resolve().parent.parent))
 
 import wire  # noqa: E402
-from foreground import Server, libc, wait_for  # noqa: E402
+from foreground import Server, wait_for  # noqa: E402
+from namespaces import CLONE_NEWNET, CannotRun, call, enter, ip, skipped  # noqa: E402
 from wire import DISCOVERY, PATIENCE, REGISTERED, UNCONFIRMED, UNREACHABLE  # noqa: E402
 
-SKIPPED = 77
 PORT = 9361  # of both protocols, and of the radios: where requests go
-
-CLONE_NEWNS = 0x00020000
-CLONE_NEWNET = 0x40000000
-MS_PRIVATE_RECURSIVE = (1 << 18) | (1 << 14)
 
 SERVER_HOST = "server"
 SERVER_ADDRESS = "10.77.0.1"
@@ -45,34 +38,14 @@ LOST = ("lost", "10.77.0.5")
 SILENT = ("silent", "10.77.0.6")
 
 
-class CannotRun(Exception):
-    """This machine cannot make the hosts."""
-
-
 def check(condition, text):
     if not condition:
         raise AssertionError(text)
 
 
-def call(function, *arguments):
-    if getattr(libc, function)(*arguments) != 0:
-        raise CannotRun(f"{function}: {os.strerror(ctypes.get_errno())}")
-
-
-def ip(*arguments):
-    result = subprocess.run(["ip", *arguments], capture_output=True, text=True, check=False)
-    if result.returncode != 0:
-        raise CannotRun(f"ip {' '.join(arguments)}: {result.stderr.strip()}")
-
-
 def make_hosts():
     """A bridge in the namespace of this run, and a host at each of its ports."""
-    if os.geteuid() != 0:
-        raise CannotRun("needs root")
-    if not shutil.which("ip"):
-        raise CannotRun("needs iproute2")
-    call("unshare", CLONE_NEWNS | CLONE_NEWNET)
-    call("mount", b"none", b"/", None, MS_PRIVATE_RECURSIVE, None)
+    enter()
     call("mount", b"tmpfs", b"/run", b"tmpfs", 0, None)  # where the names of namespaces are kept
     ip("link", "add", "bridge", "type", "bridge")
     ip("link", "set", "bridge", "up")
@@ -199,8 +172,7 @@ def main():
     try:
         make_hosts()
     except CannotRun as reason:
-        print(f"discovery between hosts cannot be tested here: {reason}", file=sys.stderr)
-        return 1 if os.environ.get("CI") == "true" else SKIPPED
+        return skipped("discovery between hosts", reason)
     with tempfile.TemporaryDirectory(prefix="quillmere-") as folder:
         try:
             run(os.path.abspath(sys.argv[1]), pathlib.Path(folder))

@@ -1,0 +1,98 @@
+#!/usr/bin/env python3
+# SPDX-FileCopyrightText: 2026 The Quillmere developers
+# SPDX-License-Identifier: MIT
+"""The tools find hosts by name, as the system's resolver does.
+
+usage: hostnames.py <folder of the programs>
+
+The run has a network of its own without a way out, and its own list of hosts. Exits with 77 where that cannot be made,
+with 1 there when CI is true.
+"""
+
+import json
+import os
+import pathlib
+import socket
+import subprocess
+import sys
+import tempfile
+import unittest
+
+sys.dont_write_bytecode = True
+sys.path.insert(0, str(pathlib.Path(__file__).resolve().parent))
+
+from namespaces import MS_BIND, CannotRun, call, enter, skipped  # noqa: E402
+
+from foreground import Server  # noqa: E402
+from wire import PATIENCE  # noqa: E402
+
+HOSTS = """
+127.0.0.1 localhost
+::1 six.radios.example
+::1 both.radios.example
+127.0.0.1 both.radios.example
+127.0.0.5 portable-5
+"""
+RADIO = ("--esn", "0011AABB22CC3301", "--suid", "12345/678/9ABC01")
+LINE = "0011AABB22CC3301 12345/678/9ABC01 127.0.0.5 {} no services"
+
+
+class HostNames(unittest.TestCase):
+    """Against a server at 127.0.0.1."""
+
+    def setUp(self):
+        folder = self.enterContext(tempfile.TemporaryDirectory(prefix="quillmere-"))
+        self.server = Server(os.path.join(PROGRAMS, "quillmere"), pathlib.Path(folder))
+        self.addCleanup(self.server.kill)
+        self.server.start()
+
+    def run_tool(self, tool, *arguments, code=0):
+        done = subprocess.run([os.path.join(PROGRAMS, tool), *arguments], capture_output=True, text=True, check=False,
+                              timeout=PATIENCE)
+        self.assertEqual(done.returncode, code, done.stderr)
+        return done
+
+    def test_names(self):
+        self.run_tool("quillmere-radio", "register", *RADIO, "--server", "both.radios.example", "--from", "portable-5")
+        watched = self.run_tool("quillmere-watch", "--server", "both.radios.example:9361", "--count", "1", "--json")
+        self.assertEqual(json.loads(watched.stdout)["address"], "127.0.0.5")
+        self.assertIn("connected to both.radios.example:9361", watched.stderr)
+        reported = self.run_tool("quillmere-watch", "report", RADIO[1], "portable-5", "--server", "localhost", "--json")
+        self.assertIn("unconfirmed", reported.stdout)
+        fleet = self.run_tool("quillmere-radio", "fleet", "--count", "1", "--server", "localhost:9361", "--json")
+        self.assertEqual(json.loads(fleet.stdout.splitlines()[-1])["acknowledged"], 1)
+
+    def test_host_without_an_address(self):
+        for arguments in (("--server", "six.radios.example"), ("--from", "six.radios.example")):
+            done = self.run_tool("quillmere-radio", "register", *RADIO, *arguments, code=1)
+            self.assertEqual(done.stderr, f"quillmere-radio: {arguments[0]}: 'six.radios.example' has no IPv4 address\n")
+        done = self.run_tool("quillmere-watch", "report", RADIO[1], "six.radios.example", code=1)
+        self.assertEqual(done.stderr, "quillmere-watch: 'six.radios.example' has no IPv4 address\n")
+        with socket.create_server(("::1", 9361), family=socket.AF_INET6):
+            done = self.run_tool("quillmere-watch", "--server", "six.radios.example", "--for", "0.2", code=1)
+        self.assertNotIn("connected to", done.stderr)
+
+    def test_name_that_nobody_knows(self):
+        done = self.run_tool("quillmere-radio", "register", *RADIO, "--server", "nowhere.example", code=1)
+        self.assertRegex(done.stderr, r"\Aquillmere-radio: --server: 'nowhere\.example' cannot be looked up: [^\n]+\n\Z")
+        done = self.run_tool("quillmere-watch", "--server", "nowhere.example", "--for", "1.2", code=1)
+        self.assertGreaterEqual(done.stderr.count("trying again"), 1, done.stderr)
+
+
+def main():
+    try:
+        enter()
+        with tempfile.NamedTemporaryFile("w") as hosts, tempfile.NamedTemporaryFile("w") as resolver:
+            hosts.write(HOSTS)
+            hosts.flush()
+            for file, place in ((hosts, b"/etc/hosts"), (resolver, b"/etc/resolv.conf")):
+                call("mount", file.name.encode(), place, None, MS_BIND, None)
+            return 0 if unittest.main(argv=sys.argv[:1], exit=False).result.wasSuccessful() else 1
+    except CannotRun as reason:
+        return skipped("host names", reason)
+
+
+if len(sys.argv) != 2:
+    sys.exit(__doc__)
+PROGRAMS = os.path.abspath(sys.argv[1])
+sys.exit(main())
