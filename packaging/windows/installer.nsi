@@ -24,6 +24,7 @@ ${Using:StrFunc} StrStr
 ${Using:StrFunc} UnStrStr
 
 !define SERVICE "Quill Mere"
+!define REGISTERED "SYSTEM\CurrentControlSet\Services\${SERVICE}"
 !define UNINSTALL "Software\Microsoft\Windows\CurrentVersion\Uninstall\Quillmere"
 
 Name "Quillmere ${VERSION}"
@@ -177,12 +178,27 @@ FunctionEnd
     ${EndIf}
 !macroend
 
+; "-install" takes a service that is registered for installed, wherever its program lies: the new files would never run.
+Function checkRegistered
+    ReadRegStr $R0 HKLM "${REGISTERED}" ImagePath
+    ${If} $R0 != ""
+    ${AndIf} $R0 != "$INSTDIR\quillmere.exe"
+    ${AndIf} $R0 != '"$INSTDIR\quillmere.exe"'
+        ${Fail} "The service is installed already, from another folder: $R0. Uninstall it there first, or install to that folder."
+    ${EndIf}
+FunctionEnd
+
 Section
+    Call checkRegistered
     !insertmacro StopService ""
-    StrCpy $4 $1
+    StrCpy $4 $start
     StrCpy $5 ""
     ${If} ${FileExists} "$INSTDIR\quillmere.exe"
         StrCpy $5 "upgrade"
+        StrCpy $4 "no" ; a service that was stopped on purpose stays stopped
+        ${If} $1 == "running"
+            StrCpy $4 "yes"
+        ${EndIf}
         ; Event Viewer may hold the old one open, which can be renamed all the same.
         Delete "$INSTDIR\quillmere-old.exe"
         Rename "$INSTDIR\quillmere.exe" "$INSTDIR\quillmere-old.exe"
@@ -217,10 +233,7 @@ Section
     WriteRegDWORD HKLM "${UNINSTALL}" NoModify 1
     WriteRegDWORD HKLM "${UNINSTALL}" NoRepair 1
 
-    ; A service that was stopped on purpose stays stopped.
-    ${If} $4 == "running"
-    ${OrIf} $5 == ""
-    ${AndIf} $start == "yes"
+    ${If} $4 == "yes"
         ${Run} '"$INSTDIR\quillmere.exe"'
         ${If} $0 != 0
             ${Fail} "The service could not be started: $output"

@@ -24,6 +24,7 @@ EXECUTABLES = {"quillmere": BIN / "quillmere.exe", "servicecontrol": TEST_BIN / 
 FOLDER = r"C:\Quillmere"
 RECORDED = ("netsh.exe", "icacls.exe", "sc.exe")
 UNINSTALL_KEY = r"HKLM\Software\Microsoft\Windows\CurrentVersion\Uninstall\Quillmere"
+SERVICE_KEY = r"HKLM\SYSTEM\CurrentControlSet\Services\Quill Mere"
 DOES_NOT_EXIST = 1060
 
 # By their full paths: the installer's own folder, a folder of downloads perhaps, must not be searched for them.
@@ -112,13 +113,20 @@ class Installer(unittest.TestCase):
         self.wine.wait_for(lambda: self.starts() == before + 1, "one start")
         self.assertEqual(self.rows(), [(Radio.ESN.hex().upper(),)])
         self.radio_registers()
+        self.assertTrue(self.wine.unix_path(FOLDER + r"\quillmere-old.exe").exists())
+
+        # So it does for who wants no first start.
+        self.install("/NOSTART")
+        self.server.wait_for_state(RUNNING)
+        self.wine.wait_for(lambda: self.starts() == before + 2, "another start")
+        self.commands()
 
         # And leaves stopped what was stopped.
         self.server.run("-terminate")
         self.server.wait_for_state(STOPPED)
         self.install()
         self.assertEqual(self.server.status()["state"], STOPPED)
-        self.assertEqual(self.starts(), before + 1)
+        self.assertEqual(self.starts(), before + 2)
         self.commands()
 
         self.server.start()
@@ -157,6 +165,22 @@ class Installer(unittest.TestCase):
         self.install(r"/D=C:\Program", r"Files\Quillmere", code=2)
         self.assertEqual(self.server.status(), {"error": DOES_NOT_EXIST})
         self.assertFalse(self.wine.unix_path(r"C:\Program Files\Quillmere").exists())
+
+    def test_service_of_another_folder_is_left_alone(self):
+        elsewhere = r"C:\elsewhere\quillmere.exe"
+        self.assertEqual(self.server.run("-install").exit_code, 0)
+        self.server.start()
+        self.install(code=2)
+        self.assertEqual(self.server.config()["path"], elsewhere)
+        self.assertEqual(self.server.status()["state"], RUNNING)
+        self.assertEqual((self.commands(), self.wine.unix_path(FOLDER).exists()), ([], False))
+        # It is taken over where it is, also by a path that somebody has put in quotation marks since.
+        self.wine.run("reg.exe", "add", SERVICE_KEY, "/v", "ImagePath", "/d", f'"{elsewhere}"', "/f")
+        self.assertEqual(self.server.registry_value(SERVICE_KEY, "ImagePath"), ("REG_SZ", f'"{elsewhere}"'))
+        self.install(r"/D=C:\elsewhere")
+        self.server.path = elsewhere
+        self.server.wait_for_state(RUNNING)
+        self.assertEqual(self.starts(), 2)
 
     def test_rule_that_the_firewall_refuses(self):
         self.wine.unix_path(r"C:\recorder-exit-code").write_text("1")
