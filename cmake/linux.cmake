@@ -6,24 +6,13 @@ endfunction()
 
 set(QUILLMERE_SERVICE_USER "" CACHE STRING "The user that the installed unit runs the server as (empty: root)")
 
-# The unit, from the template that -install fills in, with what it would have for the installed program.
 function(quillmere_platform_install)
-    set(NAME "Quill Mere")
-    set(UNIT quill-mere)
-    set(DESCRIPTION "${PROJECT_DESCRIPTION}")
-    set(COMMAND ":\"${CMAKE_INSTALL_FULL_BINDIR}/quillmere\"")
-    set(USER ${QUILLMERE_SERVICE_USER})
-    set(STATE_DIRECTORY "\"Brackwater/${NAME}\"")
-    set(PROTECT_HOME yes)
-    file(READ ${PROJECT_SOURCE_DIR}/service/linux/unit.service.in text)
-    # A setting without a value is left out: with an empty one it would be another setting.
-    string(REPLACE "BindReadOnlyPaths=@VISIBLE_PROGRAM@\n" "" text "${text}")
-    if(NOT USER)
-        string(REPLACE "User=@USER@\n" "" text "${text}")
-    endif()
-    string(CONFIGURE "${text}" text @ONLY)
-    file(WRITE ${PROJECT_BINARY_DIR}/${UNIT}.service "${text}")
-    install(FILES ${PROJECT_BINARY_DIR}/${UNIT}.service DESTINATION lib/systemd/system COMPONENT server)
+    install(CODE "
+        set(QUILLMERE_UNIT_TEMPLATE \"${PROJECT_SOURCE_DIR}/service/linux/unit.service.in\")
+        set(QUILLMERE_UNIT_BINDIR \"${CMAKE_INSTALL_BINDIR}\")
+        set(QUILLMERE_UNIT_DESCRIPTION \"${PROJECT_DESCRIPTION}\")
+        set(QUILLMERE_UNIT_USER \"${QUILLMERE_SERVICE_USER}\")" COMPONENT server)
+    install(SCRIPT ${PROJECT_SOURCE_DIR}/cmake/installunit.cmake COMPONENT server)
     # Each shell looks for a file by the name of the command, and each component has its own.
     set(completion ${PROJECT_SOURCE_DIR}/packaging/completion)
     foreach(program server/quillmere server/quillmere-check tools/quillmere-radio tools/quillmere-watch)

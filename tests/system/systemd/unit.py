@@ -3,9 +3,11 @@
 
 """What the unit says, setting by setting, and what becomes of the service by it."""
 
+import difflib
 import json
 import os
 import shutil
+import subprocess
 
 from scenarios import DATA, ESN, NOT_RUNNING, RUNNING, UNIT_FILE
 
@@ -242,6 +244,37 @@ def masked(host):
     host.container.run("systemctl", "daemon-reload")
 
 
+def installed_by_cmake(host):
+    """cmake --install has the unit that -install writes for the program, also below a folder that the sandbox hides"""
+    build = os.path.dirname(os.path.dirname(host.program))
+    for prefix in ("/usr/local", "/opt/quill 50%", "/home/quill mere"):
+        subprocess.run(["cmake", "--install", build, "--prefix", prefix, "--component", "server"],
+                       env=dict(os.environ, DESTDIR=host.container.root), check=True, stdout=subprocess.DEVNULL)
+        unit = f"{prefix}/lib/systemd/system/quill-mere.service"
+        with open(host.container.path(unit), encoding="utf-8") as file:
+            installed = file.read()
+        if prefix == "/usr/local":
+            host.container.run("systemctl", "daemon-reload")
+        else:
+            host.container.run("systemctl", "link", unit)
+        host.start(program=f"{prefix}/bin/quillmere")
+        host.radio("register", ESN)
+        host.check(host.property("LimitNOFILE") == "16384", "it runs by that unit")
+        host.stop()
+        host.container.run("rm", "-f", unit, UNIT_FILE)
+        host.container.run("systemctl", "daemon-reload")
+        host.install(program=f"{prefix}/bin/quillmere")
+        with open(host.container.path(UNIT_FILE), encoding="utf-8") as file:
+            written = file.read()
+        host.quillmere("-u", out="The service Quill Mere has been uninstalled.\n")
+
+        def but_for_the_description(text):
+            return [line for line in text.splitlines() if not line.startswith("Description=")]
+
+        host.check(but_for_the_description(installed) == but_for_the_description(written), "it is what -install writes",
+                   "\n".join(difflib.unified_diff(written.splitlines(), installed.splitlines())))
+
+
 def machine_restarts(host):
     """enabled, it starts with the machine, with its table"""
     host.install()
@@ -253,4 +286,4 @@ def machine_restarts(host):
     host.status(RUNNING)
 
 
-SCENARIOS = [settings, sandbox, killed_quickly, start_parameters, masked, machine_restarts]
+SCENARIOS = [settings, sandbox, killed_quickly, start_parameters, masked, installed_by_cmake, machine_restarts]
