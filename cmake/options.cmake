@@ -86,6 +86,11 @@ endif()
 
 if(NOT WIN32)
     set(CMAKE_POSITION_INDEPENDENT_CODE ON)
+    # A library's precompiled header serves programs too, if they are compiled alike. Qt asks for it on some processors only.
+    get_target_property(options_of_qt Qt6::Core INTERFACE_COMPILE_OPTIONS)
+    if(NOT "-fPIC" IN_LIST options_of_qt)
+        target_compile_options(quillmere_options INTERFACE -fPIC)
+    endif()
     target_link_options(quillmere_options INTERFACE $<$<STREQUAL:$<TARGET_PROPERTY:TYPE>,EXECUTABLE>:-pie>)
     quillmere_link_hardening(-z,relro -Wl,-z,relro)
     quillmere_link_hardening(-z,now -Wl,-z,now)
