@@ -64,9 +64,41 @@ private slots:
     {
         run(u"--json --count 1"_s);
         QCOMPARE(exitCode(), 0);
-        const QJsonObject object = QJsonDocument::fromJson(output().toUtf8()).object();
+        const QStringList lines = output().split(u'\n', Qt::SkipEmptyParts);
+        QCOMPARE(lines.size(), 2);
+        QCOMPARE(QJsonDocument::fromJson(lines[0].toUtf8()).object()[u"event"_s].toString(), u"connected"_s);
+        const QJsonObject object = QJsonDocument::fromJson(lines[1].toUtf8()).object();
+        QCOMPARE(object[u"event"_s].toString(), u"radio"_s);
         QCOMPARE(object[u"esn"_s].toString(), radio->esnText());
         QCOMPARE(object[u"state"_s].toString(), u"registered"_s);
+    }
+
+    // A radio that left while nobody listened must not live on in a reader's table.
+    void tableCanBeKeptFromTheObjects()
+    {
+        run(u"--json --count 2"_s);
+        QString printed;
+        QTRY_VERIFY((printed += output()).contains(u"\"event\":\"snapshot\""_s));
+        server->restart();
+        QCOMPARE(exitCode(), 0);
+        printed += output();
+        QStringList events;
+        for (const QString &line : printed.split(u'\n', Qt::SkipEmptyParts)) {
+            const QJsonObject object = QJsonDocument::fromJson(line.toUtf8()).object();
+            QVERIFY2(!object[u"time"_s].toString().isEmpty(), qPrintable(line));
+            events.append(object[u"event"_s].toString());
+        }
+        QCOMPARE(events, (QStringList{u"connected"_s, u"radio"_s, u"snapshot"_s, u"disconnected"_s,
+                                      u"connected"_s, u"radio"_s}));
+    }
+
+    void reportTellsOnlyOfItsRadio()
+    {
+        run(u"report 0011AABB22CC33DD 127.0.0.2 --for 20 --json"_s);
+        QCOMPARE(exitCode(), 0);
+        const QJsonObject object = QJsonDocument::fromJson(output().toUtf8()).object();
+        QCOMPARE(object[u"event"_s].toString(), u"radio"_s);
+        QCOMPARE(object[u"state"_s].toString(), u"unconfirmed"_s);
     }
 
     void tableIsPlainTextWhereThereIsNoTerminal()

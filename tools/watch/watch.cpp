@@ -20,7 +20,8 @@ constexpr int AnyWidth = 1000;
 
 } // namespace
 
-Watch::Watch(const Settings &newSettings) : settings(newSettings), connection(newSettings.server)
+Watch::Watch(const Settings &newSettings)
+    : settings(newSettings), connection(newSettings.server), events(Console::writeJson)
 {
     connection.onConnected = [this] { connected(); };
     connection.onNotice = [this](const auto &notice) { noticed(notice); };
@@ -57,6 +58,8 @@ void Watch::connected()
     if (settings.report) {
         connection.send(
             QMR::Qmra::encodeReport({settings.report->esn, settings.report->address.toIPv4Address()}));
+    } else if (settings.output == Output::Json) {
+        events.connected(settings.server.text());
     }
 }
 
@@ -74,7 +77,7 @@ void Watch::noticed(const QMR::Qmra::RadioNotice &notice)
         Console::writeLine(noticeLine(notice));
         break;
     case Output::Json:
-        Console::writeJson(noticeObject(notice));
+        events.noticed(notice);
         break;
     case Output::Table:
         table.apply(notice);
@@ -87,6 +90,7 @@ void Watch::noticed(const QMR::Qmra::RadioNotice &notice)
 
 void Watch::lost(const QString &reason, qint64 pause)
 {
+    events.disconnected(reason);
     status(u"%1: %2; trying again in %3 s"_s.arg(settings.server.text(), reason).arg(double(pause) / 1000));
 }
 

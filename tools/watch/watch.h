@@ -4,6 +4,7 @@
 #pragma once
 
 #include "tools/watch/connection.h"
+#include "tools/watch/events.h"
 #include "tools/watch/radiotable.h"
 #include "tools/watch/screen.h"
 #include "tools/watch/settings.h"
@@ -38,6 +39,7 @@ private:
     const Settings settings;
     Connection connection;
     RadioTable table;
+    Events events;                  // of --json
     std::unique_ptr<Screen> screen; // of a live table
     QTimer duration;
     QTimer redraw; // of the table, with the window's size of then

@@ -55,7 +55,7 @@ class HostNames(unittest.TestCase):
     def test_names(self):
         self.run_tool("quillmere-radio", "register", *RADIO, "--server", "both.radios.example", "--from", "portable-5")
         watched = self.run_tool("quillmere-watch", "--server", "both.radios.example:9361", "--count", "1", "--json")
-        self.assertEqual(json.loads(watched.stdout)["address"], "127.0.0.5")
+        self.assertEqual(json.loads(watched.stdout.splitlines()[-1])["address"], "127.0.0.5")
         self.assertIn("connected to both.radios.example:9361", watched.stderr)
         reported = self.run_tool("quillmere-watch", "report", RADIO[1], "portable-5", "--server", "localhost", "--json")
         self.assertIn("unconfirmed", reported.stdout)
