@@ -16,19 +16,16 @@ namespace Console {
 template<class Settings>
 struct CommandLine
 {
-    enum class Kind { Run, Print, Error };
+    enum class Kind { Run, Print, Error, Failure };
 
     Kind kind = Kind::Run;
     Settings settings;
     QString text;
-    bool wellFormed = false; // an error that help does not help with
 
     static CommandLine run(const Settings &settings) { return {Kind::Run, settings, QString()}; }
     static CommandLine print(const QString &text) { return {Kind::Print, {}, text}; }
-    static CommandLine error(const QString &text, bool wellFormed = false)
-    {
-        return {Kind::Error, {}, text, wellFormed};
-    }
+    static CommandLine error(const QString &text) { return {Kind::Error, {}, text}; }
+    static CommandLine failure(const QString &text) { return {Kind::Failure, {}, text}; }
 };
 
 // Prints or reports what there is instead of a run, and returns the exit code; nothing where it is to run.
@@ -40,11 +37,12 @@ std::optional<int> answer(const CommandLine<Settings> &commandLine, int wrongUsa
         writeLine(commandLine.text);
         return ExitSuccess;
     }
+    if (commandLine.kind == Kind::Failure) {
+        writeError(commandLine.text);
+        return ExitError;
+    }
     if (commandLine.kind == Kind::Error) {
         writeError(commandLine.text);
-        if (commandLine.wellFormed) {
-            return ExitError;
-        }
         writeError(QStringLiteral("try --help"));
         return wrongUsage;
     }

@@ -48,11 +48,13 @@ bool isDigits(const QString &text)
     return digits.match(text).hasMatch();
 }
 
-// Letters, digits, "_" and inner dashes in each part. Digits alone would be an address with a part missing.
+// Letters, digits, "_" and inner dashes in each label. The last is no number: the system's resolver would
+// take what is written like "127.1" or "0x7f000001" for an address.
 bool isHostName(const QString &text)
 {
     static const QRegularExpression form(
-        u"^(?=.*[A-Za-z])(?:(?!-)[A-Za-z0-9_-]{1,63}(?<!-)\\.)*(?!-)[A-Za-z0-9_-]{1,63}(?<!-)\\.?\\z"_s);
+        u"^(?:(?!-)[A-Za-z0-9_-]{1,63}(?<!-)\\.)*(?!-|(?:0[xX][0-9A-Fa-f]*|[0-9]+)\\.?\\z)"
+        u"[A-Za-z0-9_-]{1,63}(?<!-)\\.?\\z"_s);
     return text.size() <= 253 && form.match(text).hasMatch();
 }
 
@@ -64,11 +66,6 @@ std::optional<quint32> hexadecimal(const QString &text, quint32 maximum)
     }
     const quint32 value = text.toUInt(nullptr, 16);
     return value <= maximum ? std::optional(value) : std::nullopt;
-}
-
-QString notAHost(const QString &text)
-{
-    return u"'%1' is neither an IPv4 address nor a host's name"_s.arg(text);
 }
 
 QString padded(quint32 value, int width)
@@ -136,43 +133,34 @@ Parsed<QHostAddress> parseAddress(const QString &text)
     return Parsed<QHostAddress>::of(QHostAddress(address));
 }
 
+Parsed<QString> parseHost(const QString &text)
+{
+    if (!parseAddress(text) && !isHostName(text)) {
+        return Parsed<QString>::failed(u"'%1' is neither an IPv4 address nor a host's name"_s.arg(text));
+    }
+    return Parsed<QString>::of(text);
+}
+
 Parsed<Endpoint> parseEndpoint(const QString &text, quint16 defaultPort)
 {
     const qsizetype colon = text.indexOf(u':');
-    const QString host = text.left(colon);
-    const Parsed<QHostAddress> address = parseAddress(host);
-    if (!address && !isHostName(host)) {
-        return Parsed<Endpoint>::failed(notAHost(host));
+    const Parsed<QString> host = parseHost(text.left(colon));
+    if (!host) {
+        return Parsed<Endpoint>::failed(host.error);
     }
     const Parsed<quint16> port =
         colon < 0 ? Parsed<quint16>::of(defaultPort) : parsePort(text.mid(colon + 1));
     if (!port) {
         return Parsed<Endpoint>::failed(port.error);
     }
-    return Parsed<Endpoint>::of(address ? Endpoint{*address, *port, QString()}
-                                        : Endpoint{QHostAddress(), *port, host});
+    const Parsed<QHostAddress> address = parseAddress(*host);
+    return Parsed<Endpoint>::of(address ? Endpoint{*address, *port} : Endpoint{QHostAddress(), *port, *host});
 }
 
-Parsed<Endpoint> resolveEndpoint(const QString &text, quint16 defaultPort)
+Parsed<QHostAddress> resolve(const QString &host)
 {
-    Parsed<Endpoint> endpoint = parseEndpoint(text, defaultPort);
-    if (endpoint && !endpoint.value->name.isEmpty()) {
-        const Parsed<QHostAddress> address = lookUp(endpoint.value->name);
-        if (!address) {
-            return Parsed<Endpoint>::unavailable(address.error);
-        }
-        endpoint.value->address = *address;
-    }
-    return endpoint;
-}
-
-Parsed<QHostAddress> resolveAddress(const QString &text)
-{
-    if (isHostName(text)) {
-        return lookUp(text);
-    }
-    const Parsed<QHostAddress> address = parseAddress(text);
-    return address ? address : Parsed<QHostAddress>::failed(notAHost(text));
+    const Parsed<QHostAddress> address = parseAddress(host);
+    return address ? address : lookUp(host);
 }
 
 Parsed<qint64> parseSeconds(const QString &text)

@@ -34,14 +34,12 @@ struct Parsed
 {
     std::optional<T> value;
     QString error;
-    bool wellFormed = false; // the text is right, and there is no value all the same
 
     explicit operator bool() const { return value.has_value(); }
     const T &operator*() const { return *value; }
 
     static Parsed of(T value) { return {std::move(value), QString()}; }
     static Parsed failed(const QString &error) { return {std::nullopt, error}; }
-    static Parsed unavailable(const QString &error) { return {std::nullopt, error, true}; }
 };
 
 struct Endpoint
@@ -59,12 +57,13 @@ Parsed<quint64> parseNumber(const QString &text, quint64 minimum, quint64 maximu
 Parsed<quint16> parsePort(const QString &text); // 1 to 65535
 // Four decimal numbers, none with leading zeros.
 Parsed<QHostAddress> parseAddress(const QString &text);
-// "HOST" or "HOST:PORT"; the host is an address or a name, which is not looked up.
+// A host by its address or its name; nothing is looked up.
+Parsed<QString> parseHost(const QString &text);
+// "HOST" or "HOST:PORT"; nothing is looked up.
 Parsed<Endpoint> parseEndpoint(const QString &text, quint16 defaultPort = DefaultPort);
-// The same, looked up: for who sends datagrams. Blocks for as long as the system's resolver does.
-Parsed<Endpoint> resolveEndpoint(const QString &text, quint16 defaultPort = DefaultPort);
-// An address, or the first IPv4 address of the host of this name.
-Parsed<QHostAddress> resolveAddress(const QString &text);
+// The address of a host that has been parsed. Fails when its name is not known, or has no IPv4 address;
+// blocks for as long as the system's resolver does.
+Parsed<QHostAddress> resolve(const QString &host);
 // Seconds with at most three decimals, from 0.001 to a year; the value is in milliseconds.
 Parsed<qint64> parseSeconds(const QString &text);
 // 16 hexadecimal digits, or 8 pairs of them with ":" between.

@@ -43,15 +43,12 @@ public:
         if (parsed) {
             apply(*parsed);
         } else {
-            wellFormed = firstError.isEmpty() ? parsed.wellFormed : wellFormed;
             require(false, u"--" + name + u": " + parsed.error);
         }
     }
 
     void require(bool condition, const QString &otherwise);
     QString error() const { return firstError; }
-    // The error is not the command line's: see Parsed.
-    bool isWellFormed() const { return wellFormed; }
 
 private:
     // Null when there is none to read.
@@ -61,7 +58,6 @@ private:
     QCommandLineParser parser;
     QStringList withOptionalValue;
     QString firstError;
-    bool wellFormed = false;
 };
 
 } // namespace Console

@@ -3,6 +3,9 @@
 
 # Linux on arm64 with Debian's cross compiler; QUILLMERE_ARM64_ROOT is the folder that packaging/arm64/make-root has made.
 
+if("$ENV{QUILLMERE_ARM64_ROOT}" STREQUAL "")
+    message(FATAL_ERROR "QUILLMERE_ARM64_ROOT is not set: scripts/test-arm64 sets it")
+endif()
 set(CMAKE_SYSTEM_NAME Linux)
 set(CMAKE_SYSTEM_PROCESSOR aarch64)
 set(CMAKE_SYSROOT $ENV{QUILLMERE_ARM64_ROOT})

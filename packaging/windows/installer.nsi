@@ -49,6 +49,7 @@ Var radiosField
 Var applicationsField
 Var start
 Var output
+Var registered ; whose program the service has: "" no service, "here" this folder's, or else a path
 
 ; Runs a command; $0 is its exit code, $output what it printed.
 !macro Run COMMAND
@@ -65,6 +66,14 @@ Var output
     Abort `${TEXT}`
 !macroend
 !define Fail "!insertmacro Fail"
+
+!macro ReadRegistered
+    ReadRegStr $registered HKLM "${REGISTERED}" ImagePath
+    ${If} $registered == "$INSTDIR\quillmere.exe"
+    ${OrIf} $registered == '"$INSTDIR\quillmere.exe"'
+        StrCpy $registered "here"
+    ${EndIf}
+!macroend
 
 ; Stops the service of the program in the folder, and waits until it has stopped. $1: "running", if it was.
 !macro StopService Un
@@ -178,27 +187,22 @@ FunctionEnd
     ${EndIf}
 !macroend
 
-; "-install" takes a service that is registered for installed, wherever its program lies: the new files would never run.
-Function checkRegistered
-    ReadRegStr $R0 HKLM "${REGISTERED}" ImagePath
-    ${If} $R0 != ""
-    ${AndIf} $R0 != "$INSTDIR\quillmere.exe"
-    ${AndIf} $R0 != '"$INSTDIR\quillmere.exe"'
-        ${Fail} "The service is installed already, from another folder: $R0. Uninstall it there first, or install to that folder."
-    ${EndIf}
-FunctionEnd
-
 Section
-    Call checkRegistered
+    !insertmacro ReadRegistered
+    ; "-install" takes a service that is registered for installed, wherever its program lies: the new files would never run.
+    ${If} $registered != ""
+    ${AndIf} $registered != "here"
+        ${Fail} 'The service is installed already, from another folder: $registered. Uninstall it there first (sc.exe delete "${SERVICE}" where the program is gone), or install to that folder.'
+    ${EndIf}
     !insertmacro StopService ""
     StrCpy $4 $start
-    StrCpy $5 ""
-    ${If} ${FileExists} "$INSTDIR\quillmere.exe"
-        StrCpy $5 "upgrade"
+    ${If} $registered == "here"
         StrCpy $4 "no" ; a service that was stopped on purpose stays stopped
         ${If} $1 == "running"
             StrCpy $4 "yes"
         ${EndIf}
+    ${EndIf}
+    ${If} ${FileExists} "$INSTDIR\quillmere.exe"
         ; Event Viewer may hold the old one open, which can be renamed all the same.
         Delete "$INSTDIR\quillmere-old.exe"
         Rename "$INSTDIR\quillmere.exe" "$INSTDIR\quillmere-old.exe"
@@ -216,7 +220,7 @@ Section
     ${If} $0 != 0
         ${Fail} "The service could not be installed: $output"
     ${EndIf}
-    ${If} $5 == ""
+    ${If} $registered == ""
         ${Run} '"$SYSDIR\sc.exe" config "${SERVICE}" start= delayed-auto'
         ${Run} '"$SYSDIR\sc.exe" failure "${SERVICE}" reset= 86400 actions= restart/5000/restart/5000/restart/60000'
     ${EndIf}
@@ -255,13 +259,18 @@ Function un.onInit
 FunctionEnd
 
 Section un.Quillmere
+    !insertmacro DeleteRule "${SERVICE} radios"
+    !insertmacro DeleteRule "${SERVICE} applications"
+    !insertmacro ReadRegistered
+    ${If} $registered != ""
+    ${AndIf} $registered != "here"
+        Goto keep ; service and data are another program's by now
+    ${EndIf}
     !insertmacro StopService "Un"
     ${Run} '"$INSTDIR\quillmere.exe" -uninstall'
     ${If} $0 != 0
         ${Fail} "The service could not be removed: $output"
     ${EndIf}
-    !insertmacro DeleteRule "${SERVICE} radios"
-    !insertmacro DeleteRule "${SERVICE} applications"
     SetShellVarContext all ; $APPDATA is C:\ProgramData
     ${If} $removesData == "no"
         MessageBox MB_YESNO|MB_DEFBUTTON2 "Remove the configuration and the list of radios in $APPDATA\Brackwater\Quill Mere, too?" /SD IDNO IDNO keep

@@ -123,7 +123,11 @@ public:
         readValues();
         checkTogether();
         if (!options.error().isEmpty()) {
-            return CommandLine::error(options.error(), options.isWellFormed());
+            return CommandLine::error(options.error());
+        }
+        lookUpHosts();
+        if (!options.error().isEmpty()) {
+            return CommandLine::failure(options.error());
         }
         return CommandLine::run(settings);
     }
@@ -134,6 +138,7 @@ private:
     void readValues();
     void readFleet();
     void checkTogether();
+    void lookUpHosts();
     void checkRegistration();
     void checkFleet();
 
@@ -225,13 +230,14 @@ void Reader::readValues()
     settings.radio.pending = is(Command::Register) && options.isSet(u"pending"_s);
     settings.radio.protocolVersion = settings.radio.basic ? 1 : 3;
     options.read(
-        u"server"_s, [](const QString &text) { return Console::resolveEndpoint(text); },
+        u"server"_s, [](const QString &text) { return Console::parseEndpoint(text); },
         store(settings.server));
     options.read(u"esn"_s, Console::parseEsn, store(settings.radio.esn));
     options.read(u"suid"_s, Console::parseSuid, store(settings.radio.suid));
     options.read(u"services"_s, parseServices, store(settings.radio.services));
     options.read(u"protocol"_s, within(1, 3, settings.radio.protocolVersion), ignore);
-    options.read(u"from"_s, Console::resolveAddress, store(settings.from));
+    options.read(u"from"_s, Console::parseHost,
+                 [this](const QString &host) { settings.from = Console::parseAddress(host).value; });
     options.read(u"listen-port"_s, Console::parsePort, store(settings.listenPort));
     options.read(u"timeout"_s, within(1, 3'600'000, settings.timeout), ignore);
     options.read(u"retries"_s, within(0, 100, settings.retries), ignore);
@@ -284,6 +290,18 @@ void Reader::checkTogether()
                     u"--from: 0.0.0.0 is not an address of a radio"_s);
     options.require(is(Command::Listen) || settings.stay || !settings.listenPort,
                     u"--listen-port needs --stay"_s);
+}
+
+// Last of all: it may take long, and tells nothing about a command line that is wrong anyway.
+void Reader::lookUpHosts()
+{
+    if (!settings.server.name.isEmpty()) {
+        options.read(
+            u"server"_s, [this](const QString &) { return Console::resolve(settings.server.name); },
+            [this](const QHostAddress &address) { settings.server.address = address; });
+    }
+    options.read(u"from"_s, Console::resolve,
+                 [this](const QHostAddress &address) { settings.from = address; });
 }
 
 void Reader::checkRegistration()

@@ -94,9 +94,13 @@ CommandLine parse(const QStringList &arguments)
     if (!esn) {
         return CommandLine::error(esn.error);
     }
-    const auto address = Console::resolveAddress(words[2]);
+    const auto host = Console::parseHost(words[2]);
+    if (!host) {
+        return CommandLine::error(host.error);
+    }
+    const auto address = Console::resolve(*host);
     if (!address) {
-        return CommandLine::error(address.error, address.wellFormed);
+        return CommandLine::failure(address.error);
     }
     settings.report = Settings::Report{*esn, *address};
     if (settings.duration == 0) {

@@ -34,7 +34,7 @@ qint64 Connection::pauseBeforeAttempt(int attempt)
 
 void Connection::open()
 {
-    // A name is looked up anew each time: a server may have moved since.
+    // A name is looked up anew, where Qt's own minute is over: a server may have moved since.
     socket.connectToHost(server.host(), server.port, QTcpSocket::ReadWrite, QTcpSocket::IPv4Protocol);
 }
 

@@ -1,9 +1,16 @@
 # SPDX-FileCopyrightText: 2026 The Quillmere developers
 # SPDX-License-Identifier: MIT
 
-"""The commands of a guide, as they stand there: each has to be taken by a test."""
+"""The commands of a guide, as they stand there: each has to be taken by a test.
+
+A command in the text is one whose first word a test has named; blocks are commands all of them.
+"""
 
 import re
+
+
+class NotInTheGuide(Exception):
+    """A test takes what is not there."""
 
 
 class Guide:
@@ -23,14 +30,14 @@ class Guide:
         found = [block for block in self.blocks
                  if all(any(line.startswith(begin) for line in block.splitlines()) for begin in begins)]
         if len(found) != 1:
-            raise LookupError(f"{len(found)} blocks of the guide have lines that begin with {begins}")
+            raise NotInTheGuide(f"{len(found)} blocks of the guide have lines that begin with {begins}")
         self.blocks.remove(found[0])
         return found[0]
 
     def span(self, command):
         """Takes a command of the text; it may stand there more than once."""
         if command not in self.spans:
-            raise LookupError(f"the guide does not tell of {command}")
+            raise NotInTheGuide(f"the guide does not tell of {command}")
         self.spans.remove(command)
         return command
 

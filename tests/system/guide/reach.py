@@ -3,7 +3,7 @@
 
 """Whether a server is reached from an address of this host: reach.py udp|tcp FROM SERVER
 
-udp: a radio registers. tcp: an application connects. Exit code 0: reached, 1: not within a second.
+udp: a radio registers. tcp: an application connects. Exit code 0: reached, 3: not at three tries of a second each.
 """
 
 import os
@@ -20,7 +20,10 @@ PORT = 9361
 
 
 def main():
-    protocol, source, server = sys.argv[1:]
+    return 0 if any(reaches(*sys.argv[1:]) for _ in range(3)) else 3
+
+
+def reaches(protocol, source, server):
     kind = socket.SOCK_DGRAM if protocol == "udp" else socket.SOCK_STREAM
     with socket.socket(socket.AF_INET, kind) as end:
         end.bind((source, 0))
@@ -29,10 +32,10 @@ def main():
             end.connect((server, PORT))
             if protocol == "udp":
                 end.send(basic_registration(ESN, b"\x01"))
-                return 0 if end.recv(300) == acknowledgement(ESN, version=1) else 1
-            return 0
+                return end.recv(300) == acknowledgement(ESN, version=1)
+            return True
         except TimeoutError:
-            return 1
+            return False
 
 
 sys.exit(main())

@@ -19,11 +19,10 @@ import tempfile
 import unittest
 
 sys.dont_write_bytecode = True
-sys.path.insert(0, str(pathlib.Path(__file__).resolve().parent))
+sys.path.insert(0, str(pathlib.Path(__file__).resolve().parent.parent))
 
+from foreground import Server, memory_folder  # noqa: E402
 from namespaces import MS_BIND, CannotRun, call, enter, skipped  # noqa: E402
-
-from foreground import Server  # noqa: E402
 from wire import PATIENCE  # noqa: E402
 
 HOSTS = """
@@ -33,16 +32,17 @@ HOSTS = """
 127.0.0.1 both.radios.example
 127.0.0.5 portable-5
 """
+FILES = {"hosts": HOSTS, "resolv.conf": "", "nsswitch.conf": "hosts: files dns\n"}
 RADIO = ("--esn", "0011AABB22CC3301", "--suid", "12345/678/9ABC01")
-LINE = "0011AABB22CC3301 12345/678/9ABC01 127.0.0.5 {} no services"
 
 
 class HostNames(unittest.TestCase):
     """Against a server at 127.0.0.1."""
 
     def setUp(self):
-        folder = self.enterContext(tempfile.TemporaryDirectory(prefix="quillmere-"))
-        self.server = Server(os.path.join(PROGRAMS, "quillmere"), pathlib.Path(folder))
+        folder = memory_folder()
+        self.addCleanup(folder.cleanup)
+        self.server = Server(os.path.join(PROGRAMS, "quillmere"), pathlib.Path(folder.name))
         self.addCleanup(self.server.kill)
         self.server.start()
 
@@ -53,11 +53,13 @@ class HostNames(unittest.TestCase):
         return done
 
     def test_names(self):
-        self.run_tool("quillmere-radio", "register", *RADIO, "--server", "both.radios.example", "--from", "portable-5")
+        self.run_tool("quillmere-radio", "register", *RADIO, "--server", "both.radios.example", "--from", "portable-5",
+                      "--retries", "5")
         watched = self.run_tool("quillmere-watch", "--server", "both.radios.example:9361", "--count", "1", "--json")
         self.assertEqual(json.loads(watched.stdout.splitlines()[-1])["address"], "127.0.0.5")
         self.assertIn("connected to both.radios.example:9361", watched.stderr)
-        reported = self.run_tool("quillmere-watch", "report", RADIO[1], "portable-5", "--server", "localhost", "--json")
+        reported = self.run_tool("quillmere-watch", "report", RADIO[1], "portable-5", "--server", "localhost", "--json",
+                                 "--for", "20")
         self.assertIn("unconfirmed", reported.stdout)
         fleet = self.run_tool("quillmere-radio", "fleet", "--count", "1", "--server", "localhost:9361", "--json")
         self.assertEqual(json.loads(fleet.stdout.splitlines()[-1])["acknowledged"], 1)
@@ -82,11 +84,18 @@ class HostNames(unittest.TestCase):
 def main():
     try:
         enter()
-        with tempfile.NamedTemporaryFile("w") as hosts, tempfile.NamedTemporaryFile("w") as resolver:
-            hosts.write(HOSTS)
-            hosts.flush()
-            for file, place in ((hosts, b"/etc/hosts"), (resolver, b"/etc/resolv.conf")):
-                call("mount", file.name.encode(), place, None, MS_BIND, None)
+        # A resolver's daemon would be asked through its socket in /run, and would ask the real network.
+        call("mount", b"tmpfs", b"/run", b"tmpfs", 0, None)
+        try:
+            socket.create_server(("::1", 0), family=socket.AF_INET6).close()
+        except OSError as reason:
+            raise CannotRun(f"no IPv6: {reason}") from reason
+        with tempfile.TemporaryDirectory() as folder:
+            for name, text in FILES.items():
+                file = os.path.join(folder, name)
+                with open(file, "w", encoding="ascii") as written:
+                    written.write(text)
+                call("mount", file.encode(), f"/etc/{name}".encode(), None, MS_BIND, None)
             return 0 if unittest.main(argv=sys.argv[:1], exit=False).result.wasSuccessful() else 1
     except CannotRun as reason:
         return skipped("host names", reason)

@@ -247,9 +247,21 @@ def masked(host):
 def installed_by_cmake(host):
     """cmake --install has the unit that -install writes for the program, also below a folder that the sandbox hides"""
     build = os.path.dirname(os.path.dirname(host.program))
-    for prefix in ("/usr/local", "/opt/quill 50%", "/home/quill mere"):
-        subprocess.run(["cmake", "--install", build, "--prefix", prefix, "--component", "server"],
-                       env=dict(os.environ, DESTDIR=host.container.root), check=True, stdout=subprocess.DEVNULL)
+
+    def cmake_install(prefix):
+        done = subprocess.run(["cmake", "--install", build, "--prefix", prefix, "--component", "server"],
+                              env=dict(os.environ, DESTDIR=host.container.root), check=False, capture_output=True)
+        manifest = os.path.join(build, "install_manifest_server.txt")
+        if os.path.exists(manifest):
+            os.remove(manifest)
+        return done
+
+    for refused in ('/opt/a"b', "/opt/a\nb", "/opt/a;b"):
+        done = cmake_install(refused)
+        host.check(done.returncode != 0 and b"systemd takes no program" in done.stderr, f"not to {refused!r}", str(done))
+    for prefix in ("/usr/local", "/opt/quill 50%", "/home/quill mere", "/root/quill", "/var/tmp/quill"):
+        done = cmake_install(prefix)
+        host.check(done.returncode == 0, f"to {prefix}", str(done))
         unit = f"{prefix}/lib/systemd/system/quill-mere.service"
         with open(host.container.path(unit), encoding="utf-8") as file:
             installed = file.read()

@@ -31,9 +31,8 @@ DOCUMENT = HERE.parent.parent.parent / "docs" / "windows.md"
 DOWNLOADS = r"C:\downloads"
 FOLDER = r"C:\Quillmere"
 RECORDED = ("icacls.exe", "netsh.exe", "sc.exe", "wevtutil.exe")
-PROGRAMS = {"icacls", "quillmere.exe", "sc.exe", "sqlite3", "wevtutil"}
+PROGRAMS = {"icacls", "quillmere-setup.exe", "quillmere.exe", "sc.exe", "sqlite3", "uninstall.exe", "wevtutil"}
 POWERSHELL = ("New-NetFirewallRule", "Get-WinEvent")
-ONE = [(Radio.ESN.hex().upper(),)]
 
 
 class Guided(unittest.TestCase):
@@ -101,10 +100,16 @@ class Guided(unittest.TestCase):
 
     def by_the_installer(self):
         self.server.configure()
-        self.types("quillmere-setup.exe /S")
-        self.is_in(RUNNING)
-        self.prompt(FOLDER + r"\uninstall.exe /S")
-        self.wine.wait_for(lambda: not self.wine.unix_path(FOLDER).exists(), "the end of the uninstaller")
+        command = self.guide.block("quillmere-setup.exe /S")
+        self.guide.span("quillmere-setup.exe")
+        for removal, keeps in (("uninstall.exe /S", True), ("uninstall.exe /S /DATA", False)):
+            self.prompt(command)
+            self.is_in(RUNNING)
+            # From another folder: a prompt that is in it would keep it there.
+            self.prompt(FOLDER + "\\" + self.guide.span(removal))
+            self.wine.wait_for(lambda: not self.wine.unix_path(FOLDER).exists(), "the end of the uninstaller")
+            self.assertEqual(self.server.database.exists(), keeps)
+        self.server.configure()
 
     def by_hand(self):
         printed = self.types("mkdir C:\\Quillmere", "C:\\Quillmere\\quillmere.exe -install")
@@ -152,7 +157,9 @@ class Guided(unittest.TestCase):
         self.server.start()
         self.types(r"copy C:\Quillmere\quillmere.exe C:\Quillmere\quillmere-old.exe")
         self.is_in(RUNNING)
-        self.register()
+        rows = subprocess.run(["sqlite3", "file:qmr.db?mode=ro", "SELECT hex(esn) FROM subscribers"], cwd=self.server.data,
+                              check=True, capture_output=True, text=True)
+        self.assertEqual(rows.stdout.strip(), Radio.ESN.hex().upper())
         for name in ("quillmere-old.exe", "qmr-old.db"):
             self.assertTrue(self.wine.unix_path(rf"{FOLDER}\{name}").exists())
 

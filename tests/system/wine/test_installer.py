@@ -182,6 +182,26 @@ class Installer(unittest.TestCase):
         self.server.wait_for_state(RUNNING)
         self.assertEqual(self.starts(), 2)
 
+    def test_program_without_a_service_is_a_first_installation(self):
+        self.server.copy_to(FOLDER)
+        self.install()
+        self.server.wait_for_state(RUNNING)
+        self.assertEqual(self.commands(), [ICACLS.format(FOLDER), *BY_ITSELF])
+
+    def test_uninstaller_leaves_the_service_of_another_folder(self):
+        self.install()
+        self.server.wait_for_state(RUNNING)
+        self.server.run("-terminate")
+        self.server.wait_for_state(STOPPED)
+        self.server.run("-uninstall")
+        self.server.path = r"C:\elsewhere\quillmere.exe"
+        self.assertEqual(self.server.run("-install").exit_code, 0)
+        self.server.start()
+        self.uninstall("/DATA")
+        self.assertEqual(self.server.status()["state"], RUNNING)
+        self.radio_registers()
+        self.assertTrue(self.server.database.exists())
+
     def test_rule_that_the_firewall_refuses(self):
         self.wine.unix_path(r"C:\recorder-exit-code").write_text("1")
         self.install("/RADIOS=nonsense", code=2)
