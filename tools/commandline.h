@@ -11,8 +11,8 @@
 
 namespace Console {
 
-// A tool's command line, understood: settings to run with, a text to print instead (help, version), or an
-// error.
+// A tool's command line, understood: settings to run with, a text to print instead (help, version), wrong
+// usage (an error), or a failure that no other usage would help with.
 template<class Settings>
 struct CommandLine
 {

@@ -128,6 +128,13 @@ class Server:
                 return fields[1], fields[2]
         return None
 
+    def wait_until_a_radio_registers(self):
+        def registers():
+            with Radio(self.udp_port) as radio:
+                return radio.registers()
+
+        self.wine.wait_for(registers, "an acknowledgement")
+
     def remove(self):
         """Leaves nothing behind, whatever state a test ended in."""
         if self.status().get("state") not in (None, STOPPED):

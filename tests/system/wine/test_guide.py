@@ -79,13 +79,6 @@ class Guided(unittest.TestCase):
     def is_in(self, state):
         self.server.wait_for_state(state)
 
-    def register(self):
-        def registers():
-            with Radio(self.server.udp_port) as radio:
-                return radio.registers()
-
-        self.assertTrue(self.wine.wait_for(registers, "an acknowledgement"))
-
     def test_guide(self):
         self.by_the_installer()
         self.by_hand()
@@ -115,7 +108,7 @@ class Guided(unittest.TestCase):
         printed = self.types("mkdir C:\\Quillmere", "C:\\Quillmere\\quillmere.exe -install")
         self.assertIn("is installed and running", printed)
         self.is_in(RUNNING)
-        self.register()
+        self.server.wait_until_a_radio_registers()
         self.recorded(self.guide.block("icacls C:\\Quillmere"))
         self.recorded(self.guide.block("sc.exe config"))
 
@@ -146,7 +139,7 @@ class Guided(unittest.TestCase):
         self.is_in(STOPPED)
         self.recorded(self.guide.span('sc.exe start "Quill Mere"'))
         foreground = self.wine.start(*self.guide.span("quillmere.exe -exec").split(), cwd=self.wine.unix_path(FOLDER))
-        self.register()
+        self.server.wait_until_a_radio_registers()
         foreground.kill()
         foreground.wait(60)
         # No sqlite3 for Windows here: this machine's makes the copy.

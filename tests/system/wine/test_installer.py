@@ -78,13 +78,6 @@ class Installer(unittest.TestCase):
     def starts(self):
         return len([record for record in self.wine.records() if "Service started" in record.text])
 
-    def radio_registers(self):
-        def registers():
-            with Radio(self.server.udp_port) as radio:
-                return radio.registers()
-
-        self.assertTrue(self.wine.wait_for(registers, "an acknowledgement"))
-
     def rows(self):
         with sqlite3.connect(f"file:{self.server.database}?mode=ro", uri=True) as connection:
             return connection.execute("SELECT hex(esn) FROM subscribers").fetchall()
@@ -103,7 +96,7 @@ class Installer(unittest.TestCase):
         self.assertLessEqual({path.name for path in BIN.glob("*.exe")} | {"LICENSE.txt", "README.md", "docs"}, names)
         self.assertEqual(self.server.registry_value(UNINSTALL_KEY, "DisplayVersion"), ("REG_SZ", "1.38.3.27"))
         self.assertEqual(self.server.registry_value(UNINSTALL_KEY, "InstallLocation"), ("REG_SZ", FOLDER))
-        self.radio_registers()
+        self.server.wait_until_a_radio_registers()
 
         # An upgrade starts what ran, and makes no rule that nobody has asked for.
         before = self.starts()
@@ -112,7 +105,7 @@ class Installer(unittest.TestCase):
         self.assertEqual(self.commands(), [ICACLS.format(FOLDER)])
         self.wine.wait_for(lambda: self.starts() == before + 1, "one start")
         self.assertEqual(self.rows(), [(Radio.ESN.hex().upper(),)])
-        self.radio_registers()
+        self.server.wait_until_a_radio_registers()
         self.assertTrue(self.wine.unix_path(FOLDER + r"\quillmere-old.exe").exists())
 
         # So it does for who wants no first start.
@@ -199,7 +192,7 @@ class Installer(unittest.TestCase):
         self.server.start()
         self.uninstall("/DATA")
         self.assertEqual(self.server.status()["state"], RUNNING)
-        self.radio_registers()
+        self.server.wait_until_a_radio_registers()
         self.assertTrue(self.server.database.exists())
 
     def test_rule_that_the_firewall_refuses(self):
