@@ -64,13 +64,12 @@ private slots:
     {
         run(u"--json --count 1"_s);
         QCOMPARE(exitCode(), 0);
-        const QStringList lines = output().split(u'\n', Qt::SkipEmptyParts);
-        QCOMPARE(lines.size(), 2);
-        QCOMPARE(QJsonDocument::fromJson(lines[0].toUtf8()).object()[u"event"_s].toString(), u"connected"_s);
-        const QJsonObject object = QJsonDocument::fromJson(lines[1].toUtf8()).object();
-        QCOMPARE(object[u"event"_s].toString(), u"radio"_s);
-        QCOMPARE(object[u"esn"_s].toString(), radio->esnText());
-        QCOMPARE(object[u"state"_s].toString(), u"registered"_s);
+        const QList<QJsonObject> objects = withoutSnapshots(output());
+        QCOMPARE(objects.size(), 2);
+        QCOMPARE(objects[0][u"event"_s].toString(), u"connected"_s);
+        QCOMPARE(objects[1][u"event"_s].toString(), u"radio"_s);
+        QCOMPARE(objects[1][u"esn"_s].toString(), radio->esnText());
+        QCOMPARE(objects[1][u"state"_s].toString(), u"registered"_s);
     }
 
     // A radio that left while nobody listened must not live on in a reader's table.
@@ -83,13 +82,12 @@ private slots:
         QCOMPARE(exitCode(), 0);
         printed += output();
         QStringList events;
-        for (const QString &line : printed.split(u'\n', Qt::SkipEmptyParts)) {
-            const QJsonObject object = QJsonDocument::fromJson(line.toUtf8()).object();
-            QVERIFY2(!object[u"time"_s].toString().isEmpty(), qPrintable(line));
+        for (const QJsonObject &object : withoutSnapshots(printed)) {
+            QVERIFY(!object[u"time"_s].toString().isEmpty());
             events.append(object[u"event"_s].toString());
         }
-        QCOMPARE(events, (QStringList{u"connected"_s, u"radio"_s, u"snapshot"_s, u"disconnected"_s,
-                                      u"connected"_s, u"radio"_s}));
+        QCOMPARE(events,
+                 (QStringList{u"connected"_s, u"radio"_s, u"disconnected"_s, u"connected"_s, u"radio"_s}));
     }
 
     void reportTellsOnlyOfItsRadio()
@@ -184,6 +182,19 @@ private:
         tool->start(QCoreApplication::applicationDirPath() + u"/quillmere-watch"_s,
                     line.split(u' ', Qt::SkipEmptyParts));
     }
+    // A snapshot is told after a pause, which a busy machine makes at any place.
+    static QList<QJsonObject> withoutSnapshots(const QString &lines)
+    {
+        QList<QJsonObject> objects;
+        for (const QString &line : lines.split(u'\n', Qt::SkipEmptyParts)) {
+            const QJsonObject object = QJsonDocument::fromJson(line.toUtf8()).object();
+            if (object[u"event"_s].toString() != u"snapshot") {
+                objects.append(object);
+            }
+        }
+        return objects;
+    }
+
     void run(const QString &line)
     {
         start(line + u" --server 127.0.0.1:%1"_s.arg(server->applicationPort()));
