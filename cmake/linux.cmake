@@ -7,6 +7,7 @@ endfunction()
 set(QUILLMERE_SERVICE_USER "" CACHE STRING "The user that the installed unit runs the server as (empty: root)")
 
 function(quillmere_platform_install)
+    # The unit names the program, whose place is known only when it is installed.
     install(CODE "
         set(QUILLMERE_UNIT_TEMPLATE \"${PROJECT_SOURCE_DIR}/service/linux/unit.service.in\")
         set(QUILLMERE_UNIT_BINDIR \"${CMAKE_INSTALL_BINDIR}\")
