@@ -28,6 +28,21 @@ QByteArray notice(quint8 serial, const char *rest)
     return bytes + QByteArray::fromHex(rest);
 }
 
+// Stops the server, and has its ports.
+struct OtherProgram
+{
+    explicit OtherProgram(TestServer &server)
+    {
+        server.stop();
+        hasBothPorts = udp.bind(QHostAddress::LocalHost, server.registrationPort()) &&
+                       tcp.listen(QHostAddress::LocalHost, server.applicationPort());
+    }
+
+    QUdpSocket udp;
+    QTcpServer tcp;
+    bool hasBothPorts = false;
+};
+
 } // namespace
 
 // What quillmere-check says of a server in this process, whose event loop serves it meanwhile; and of other
@@ -87,13 +102,10 @@ private slots:
     // Of a radio that is gone, and of one that was in the table.
     void changesBehindTheTableAreNotCounted()
     {
-        server->stop();
-        QUdpSocket udp;
-        QVERIFY(udp.bind(QHostAddress::LocalHost, server->registrationPort()));
-        QTcpServer tcp;
-        QVERIFY(tcp.listen(QHostAddress::LocalHost, server->applicationPort()));
-        connect(&tcp, &QTcpServer::newConnection, this, [&tcp] {
-            QTcpSocket *const peer = tcp.nextPendingConnection();
+        OtherProgram other(*server);
+        QVERIFY(other.hasBothPorts);
+        connect(&other.tcp, &QTcpServer::newConnection, this, [&other] {
+            QTcpSocket *const peer = other.tcp.nextPendingConnection();
             peer->write(notice(1, "00"
                                   "0200007f"
                                   "03"
@@ -286,11 +298,8 @@ private slots:
     // Radio after radio, each behind the one before. A machine that pauses may make it look like an end.
     void tableThatDoesNotEnd()
     {
-        server->stop();
-        QUdpSocket udp;
-        QVERIFY(udp.bind(QHostAddress::LocalHost, server->registrationPort()));
-        QTcpServer endless;
-        QVERIFY(endless.listen(QHostAddress::LocalHost, server->applicationPort()));
+        OtherProgram other(*server);
+        QVERIFY(other.hasBothPorts);
         QPointer<QTcpSocket> peer;
         quint8 serial = 0;
         QTimer next;
@@ -302,9 +311,9 @@ private slots:
                                              "00"));
             }
         });
-        connect(&endless, &QTcpServer::newConnection, this, [&] {
+        connect(&other.tcp, &QTcpServer::newConnection, this, [&] {
             serial = 0;
-            peer = endless.nextPendingConnection();
+            peer = other.tcp.nextPendingConnection();
             connect(peer, &QTcpSocket::disconnected, peer, &QObject::deleteLater);
         });
         next.start(20);
@@ -319,13 +328,10 @@ private slots:
 
     void portsOfAnotherProgram()
     {
-        server->stop();
-        QUdpSocket udp;
-        QVERIFY(udp.bind(QHostAddress::LocalHost, server->registrationPort()));
-        QTcpServer tcp;
-        QVERIFY(tcp.listen(QHostAddress::LocalHost, server->applicationPort()));
-        connect(&tcp, &QTcpServer::newConnection, this,
-                [&tcp] { tcp.nextPendingConnection()->write("SSH-2.0-OpenSSH\r\n"); });
+        OtherProgram other(*server);
+        QVERIFY(other.hasBothPorts);
+        connect(&other.tcp, &QTcpServer::newConnection, this,
+                [&other] { other.tcp.nextPendingConnection()->write("SSH-2.0-OpenSSH\r\n"); });
         check();
         QCOMPARE(exitCode, Critical);
         QVERIFY2(of(u"server"_s)
