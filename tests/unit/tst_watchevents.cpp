@@ -2,7 +2,7 @@
 // SPDX-License-Identifier: MIT
 
 #include "tools/watch/events.h"
-#include "tools/watch/format.h"
+#include "tools/follow/format.h"
 
 #include <QCoreApplication>
 #include <QDateTime>
@@ -12,6 +12,7 @@
 
 using namespace Qt::StringLiterals;
 
+using namespace Follow;
 using namespace WatchTool;
 
 class TestWatchEvents : public QObject

@@ -2,14 +2,15 @@
 // SPDX-License-Identifier: MIT
 
 #include "tools/watch/commandline.h"
-#include "tools/watch/connection.h"
-#include "tools/watch/format.h"
+#include "tools/follow/connection.h"
+#include "tools/follow/format.h"
 #include "tools/watch/radiotable.h"
 
 #include <QJsonDocument>
 #include <QTest>
 
 using namespace Qt::StringLiterals;
+using namespace Follow;
 using namespace WatchTool;
 using QMR::Qmra::RadioNotice;
 

@@ -4,7 +4,7 @@
 #include "tools/check/servercheck.h"
 
 #include "tools/check/ports.h"
-#include "tools/watch/connection.h"
+#include "tools/follow/connection.h"
 
 #include <QEventLoop>
 #include <QTimer>
@@ -109,7 +109,7 @@ private:
         QTimer::singleShot(patience, &loop, &QEventLoop::quit);
     }
 
-    WatchTool::Connection connection;
+    Follow::Connection connection;
     std::chrono::milliseconds patience;
     QEventLoop loop;
     QTimer silence;

@@ -5,13 +5,12 @@
 #pragma once
 
 #include "apps/qmra.h"
+#include "tools/follow/snapshot.h"
 
 #include <QJsonObject>
 #include <QString>
-#include <QTimer>
 
 #include <functional>
-#include <optional>
 
 namespace WatchTool {
 
@@ -35,13 +34,10 @@ public:
 
 private:
     void write(const QString &event, QJsonObject object) const;
-    void endSnapshot();
 
     Write writer;
     bool isConnected = false;
-    std::optional<QMR::Esn> lastOfSnapshot;
-    qint64 radios = 0;
-    QTimer quiet; // active while the snapshot goes on
+    Follow::Snapshot snapshot;
 };
 
 } // namespace WatchTool

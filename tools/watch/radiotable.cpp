@@ -3,7 +3,7 @@
 
 #include "tools/watch/radiotable.h"
 
-#include "tools/watch/format.h"
+#include "tools/follow/format.h"
 
 using namespace Qt::StringLiterals;
 
@@ -72,8 +72,9 @@ QStringList RadioTable::lines(int width, int height, bool coloured) const
         if (done++ == shown) {
             break;
         }
-        QString line = row(esn == changedLast ? u'>' : u' ', esn.text(), suidText(notice.suid),
-                           addressText(notice.address), stateName(notice), servicesText(notice.services))
+        QString line = row(esn == changedLast ? u'>' : u' ', esn.text(), Follow::suidText(notice.suid),
+                           Follow::addressText(notice.address), Follow::stateName(notice),
+                           Follow::servicesText(notice.services))
                            .left(width);
         if (coloured && line.size() > StateColumn) {
             const qsizetype end = std::min<qsizetype>(line.size(), StateColumn + StateWidth);

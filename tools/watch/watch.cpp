@@ -3,7 +3,7 @@
 
 #include "tools/watch/watch.h"
 
-#include "tools/watch/format.h"
+#include "tools/follow/format.h"
 
 #include <QCoreApplication>
 
@@ -74,7 +74,7 @@ void Watch::noticed(const QMR::Qmra::RadioNotice &notice)
     ++notices;
     switch (settings.output) {
     case Output::Lines:
-        Console::writeLine(noticeLine(notice));
+        Console::writeLine(Follow::noticeLine(notice));
         break;
     case Output::Json:
         events.noticed(notice);

@@ -3,7 +3,7 @@
 
 #pragma once
 
-#include "tools/watch/connection.h"
+#include "tools/follow/connection.h"
 #include "tools/watch/events.h"
 #include "tools/watch/radiotable.h"
 #include "tools/watch/screen.h"
@@ -37,7 +37,7 @@ private:
     void finish(int exitCode);
 
     const Settings settings;
-    Connection connection;
+    Follow::Connection connection;
     RadioTable table;
     Events events;                  // of --json
     std::unique_ptr<Screen> screen; // of a live table

@@ -1,7 +1,7 @@
 // SPDX-FileCopyrightText: 2026 The Quillmere developers
 // SPDX-License-Identifier: MIT
 
-#include "tools/watch/format.h"
+#include "tools/follow/format.h"
 
 #include <QHostAddress>
 #include <QJsonArray>
@@ -12,7 +12,7 @@
 
 using namespace Qt::StringLiterals;
 
-namespace WatchTool {
+namespace Follow {
 
 namespace {
 
@@ -84,4 +84,4 @@ QJsonObject noticeObject(const QMR::Qmra::RadioNotice &notice)
             {u"services"_s, services}};
 }
 
-} // namespace WatchTool
+} // namespace Follow

@@ -11,7 +11,7 @@
 
 #include <functional>
 
-namespace WatchTool {
+namespace Follow {
 
 // A connection to a server that comes back by itself, each time after a longer pause, and cuts what it gets
 // into notices.
@@ -47,4 +47,4 @@ private:
     bool stopped = false;
 };
 
-} // namespace WatchTool
+} // namespace Follow

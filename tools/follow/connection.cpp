@@ -1,14 +1,14 @@
 // SPDX-FileCopyrightText: 2026 The Quillmere developers
 // SPDX-License-Identifier: MIT
 
-#include "tools/watch/connection.h"
+#include "tools/follow/connection.h"
 
 #include <algorithm>
 #include <utility>
 
 using namespace Qt::StringLiterals;
 
-namespace WatchTool {
+namespace Follow {
 
 namespace {
 
@@ -79,4 +79,4 @@ void Connection::read()
     }
 }
 
-} // namespace WatchTool
+} // namespace Follow

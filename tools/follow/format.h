@@ -9,7 +9,7 @@
 #include <QJsonObject>
 #include <QString>
 
-namespace WatchTool {
+namespace Follow {
 
 // "registered", "unconfirmed", "unreachable", "gone"; "pending" for a registration awaiting confirmation; a
 // number for what the protocol does not know.
@@ -25,4 +25,4 @@ QString noticeLine(const QMR::Qmra::RadioNotice &notice);
 // services.
 QJsonObject noticeObject(const QMR::Qmra::RadioNotice &notice);
 
-} // namespace WatchTool
+} // namespace Follow
