@@ -8,7 +8,8 @@ set -euo pipefail
 cd "$(dirname "${BASH_SOURCE[0]}")/.."
 
 # shellcheck disable=SC2034 # each script picks the lists it needs
-build_packages=(g++ cmake ninja-build ccache pkg-config qt6-base-dev qt6-base-dev-tools libqt6sql6-sqlite libsqlite3-dev libsystemd-dev)
+build_packages=(g++ cmake ninja-build ccache pkg-config qt6-base-dev qt6-base-dev-tools libqt6sql6-sqlite libsqlite3-dev libsystemd-dev
+    libboost-dev)
 # shellcheck disable=SC2034
 demo_packages=(python3 iproute2 util-linux)
 # shellcheck disable=SC2034

@@ -39,11 +39,15 @@ public:
         if (text.isNull()) {
             return;
         }
-        const auto parsed = parse(text);
-        if (parsed) {
-            apply(*parsed);
-        } else {
-            require(false, u"--" + name + u": " + parsed.error);
+        applyParsed(name, parse(text), apply);
+    }
+
+    // The same for one that may be given more than once: each value, in their order.
+    template<class Parser, class Apply>
+    void readEach(const QString &name, const Parser &parse, const Apply &apply)
+    {
+        for (const QString &text : isSet(name) ? parser.values(name) : QStringList()) {
+            applyParsed(name, parse(text), apply);
         }
     }
 
@@ -51,6 +55,15 @@ public:
     QString error() const { return firstError; }
 
 private:
+    template<class Parsed, class Apply>
+    void applyParsed(const QString &name, const Parsed &parsed, const Apply &apply)
+    {
+        if (parsed) {
+            apply(*parsed);
+        } else {
+            require(false, u"--" + name + u": " + parsed.error);
+        }
+    }
     // Null when there is none to read.
     QString onlyValue(const QString &name);
 

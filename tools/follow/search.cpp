@@ -85,9 +85,9 @@ void Search::readSuid(char separator)
     }
 }
 
-bool Search::matches(const QMR::Qmra::RadioNotice &notice) const
+bool Search::matches(const QMR::Esn &esn, const QMR::Suid &suid, quint32 address) const
 {
-    return matchesSuid(notice.suid) || matchesEsn(notice.esn) || matchesAddress(notice.address);
+    return matchesSuid(suid) || matchesEsn(esn) || matchesAddress(address);
 }
 
 bool Search::matchesEsn(const QMR::Esn &esn) const

@@ -26,7 +26,11 @@ public:
     explicit Search(const QString &text = {});
 
     bool isEmpty() const { return text.empty(); }
-    bool matches(const QMR::Qmra::RadioNotice &notice) const;
+    bool matches(const QMR::Esn &esn, const QMR::Suid &suid, quint32 address) const;
+    bool matches(const QMR::Qmra::RadioNotice &notice) const
+    {
+        return matches(notice.esn, notice.suid, notice.address);
+    }
 
 private:
     // The bits of a SUID that are asked for.

@@ -1,0 +1,66 @@
+// SPDX-FileCopyrightText: 2026 The Quillmere developers
+// SPDX-License-Identifier: MIT
+
+#pragma once
+
+#include "tools/monitor/requestreader.h"
+
+#include <QTcpSocket>
+#include <QTimer>
+
+#include <functional>
+#include <memory>
+
+namespace Monitor {
+
+// One connection of a browser's, or whoever it is: takes one request after the other and answers it, or tells
+// a stream until it ends. Whoever is too slow loses it, and nobody waits for anybody.
+class HttpConnection
+{
+public:
+    // The answer to a request; called at once for each.
+    using Answering = std::function<Answer(const Request &)>;
+
+    // Takes the socket. onEnd is called once, from the event loop's turn, and the connection may be destroyed
+    // then.
+    HttpConnection(QTcpSocket *socket, Answering answering, std::function<void()> onEnd);
+    ~HttpConnection();
+    Q_DISABLE_COPY_MOVE(HttpConnection)
+
+    // For its next request: nobody loses anything that was asked for if it ends.
+    bool isWaiting() const { return !stream && !isClosing && socket->bytesToWrite() == 0; }
+    bool isEnding() const { return isClosing; }
+    bool isStream() const { return stream != nullptr; }
+    // Sends what its stream has to tell, as far as the other side has taken what came before.
+    void tell();
+    // Answers with an error, and ends when that is sent.
+    void refuse(int status, const QByteArray &text);
+
+    // ms
+    static constexpr int RequestPatience =
+        10000; // for a whole request, from its first byte or the connection's begin
+    static constexpr int IdlePatience =
+        60000; // for the next request, and for the other side to take what is sent
+    static constexpr int ClosingPatience =
+        2000; // for the other side to end, once it has sent what is no request
+
+private:
+    void read();
+    void answer(const Request &request);
+    void refuseRequest(int status);
+    void send(const Answer &answer, bool keepAlive, bool withBody);
+    void written();
+    void timeIsOver();
+    void end();
+
+    std::unique_ptr<QTcpSocket> socket;
+    const Answering answering;
+    const std::function<void()> onEnd;
+    RequestReader reader;
+    std::unique_ptr<Stream> stream;
+    QTimer patience;
+    bool isClosing = false; // after what is still to be sent
+    bool hasEnded = false;
+};
+
+} // namespace Monitor
