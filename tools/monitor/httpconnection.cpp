@@ -16,17 +16,18 @@ constexpr qint64 MostUnsent = 262144; // bytes, ahead of what the other side has
 
 } // namespace
 
-HttpConnection::HttpConnection(QTcpSocket *newSocket, Answering newAnswering, std::function<void()> newOnEnd)
-    : socket(newSocket), answering(std::move(newAnswering)), onEnd(std::move(newOnEnd))
+HttpConnection::HttpConnection(QTcpSocket *newSocket, Answering newAnswering, std::function<void()> newOnEnd,
+                               Patience newPatience)
+    : socket(newSocket), answering(std::move(newAnswering)), onEnd(std::move(newOnEnd)), patience(newPatience)
 {
     socket->setReadBufferSize(MostUnread);
     socket->setSocketOption(QAbstractSocket::LowDelayOption, 1);
     QObject::connect(socket.get(), &QTcpSocket::readyRead, socket.get(), [this] { read(); });
     QObject::connect(socket.get(), &QTcpSocket::bytesWritten, socket.get(), [this] { written(); });
     QObject::connect(socket.get(), &QTcpSocket::disconnected, socket.get(), [this] { end(); });
-    patience.setSingleShot(true);
-    QObject::connect(&patience, &QTimer::timeout, &patience, [this] { timeIsOver(); });
-    patience.start(RequestPatience);
+    deadline.setSingleShot(true);
+    QObject::connect(&deadline, &QTimer::timeout, &deadline, [this] { timeIsOver(); });
+    deadline.start(patience.request);
 }
 
 HttpConnection::~HttpConnection()
@@ -42,16 +43,17 @@ void HttpConnection::read()
     }
     // What is sent waits for the other side, and the next request waits for that.
     while (socket->bytesToWrite() < MostUnsent) {
-        if (!reader.isWithinRequest() && socket->bytesAvailable() > 0) {
-            patience.start(RequestPatience);
-        }
         reader.add(socket->readAll());
         RequestReader::Result result = reader.next();
         if (result.error != 0) {
-            refuseRequest(result.error);
+            refuseRequest(result.error, "this is no request that can be read"_ba);
             return;
         }
         if (!result.request) {
+            // Only its first bytes begin its time: whoever sends it bit by bit gets no more.
+            if (reader.isWithinRequest() && !std::exchange(isRequestDue, true)) {
+                deadline.start(patience.request);
+            }
             return;
         }
         answer(*result.request);
@@ -65,7 +67,8 @@ void HttpConnection::answer(const Request &received)
 {
     Request request = received;
     request.peer = socket->peerAddress();
-    patience.start(IdlePatience);
+    isRequestDue = false;
+    deadline.start(patience.idle);
     Answer answer = answering(request);
     const bool isHead = request.method == "HEAD";
     const bool streams = answer.stream && !isHead;
@@ -90,17 +93,17 @@ void HttpConnection::send(const Answer &answer, bool keepAlive, bool withBody)
 
 void HttpConnection::refuse(int status, const QByteArray &text)
 {
-    patience.start(RequestPatience);
+    deadline.start(patience.request);
     send(Answer::error(status, text), false, true);
 }
 
-void HttpConnection::refuseRequest(int status)
+void HttpConnection::refuseRequest(int status, const QByteArray &text)
 {
     // More of it may be on its way. Who is still sending would not get the answer from a socket that is
     // closed.
     isClosing = true;
-    patience.start(ClosingPatience);
-    const Answer answer = Answer::error(status, "this is no request that can be read"_ba);
+    deadline.start(patience.closing);
+    const Answer answer = Answer::error(status, text);
     socket->write(head(answer, false) + answer.body);
 }
 
@@ -120,8 +123,8 @@ void HttpConnection::written()
     if (isClosing) {
         return;
     }
-    if (stream || !reader.isWithinRequest()) {
-        patience.start(IdlePatience);
+    if (!isRequestDue) {
+        deadline.start(patience.idle);
     }
     if (stream) {
         tell();
@@ -133,9 +136,9 @@ void HttpConnection::written()
 void HttpConnection::timeIsOver()
 {
     if (stream && socket->bytesToWrite() == 0) {
-        patience.start(IdlePatience);
+        deadline.start(patience.idle);
     } else if (!isClosing && reader.isWithinRequest()) {
-        refuse(408, "the request took too long"_ba);
+        refuseRequest(408, "the request took too long"_ba);
     } else {
         end();
     }
@@ -144,7 +147,7 @@ void HttpConnection::timeIsOver()
 void HttpConnection::end()
 {
     if (!std::exchange(hasEnded, true)) {
-        patience.stop();
+        deadline.stop();
         onEnd();
     }
 }

@@ -21,9 +21,16 @@ public:
     // The answer to a request; called at once for each.
     using Answering = std::function<Answer(const Request &)>;
 
+    struct Patience // ms
+    {
+        int request = 10000; // for a whole request, from its first byte or the connection's begin
+        int idle = 60000;    // for the next request, and for the other side to take what is sent
+        int closing = 2000;  // for the other side to end, once its request has been refused
+    };
+
     // Takes the socket. onEnd is called once, from the event loop's turn, and the connection may be destroyed
     // then.
-    HttpConnection(QTcpSocket *socket, Answering answering, std::function<void()> onEnd);
+    HttpConnection(QTcpSocket *socket, Answering answering, std::function<void()> onEnd, Patience patience);
     ~HttpConnection();
     Q_DISABLE_COPY_MOVE(HttpConnection)
 
@@ -36,18 +43,10 @@ public:
     // Answers with an error, and ends when that is sent.
     void refuse(int status, const QByteArray &text);
 
-    // ms
-    static constexpr int RequestPatience =
-        10000; // for a whole request, from its first byte or the connection's begin
-    static constexpr int IdlePatience =
-        60000; // for the next request, and for the other side to take what is sent
-    static constexpr int ClosingPatience =
-        2000; // for the other side to end, once it has sent what is no request
-
 private:
     void read();
     void answer(const Request &request);
-    void refuseRequest(int status);
+    void refuseRequest(int status, const QByteArray &text);
     void send(const Answer &answer, bool keepAlive, bool withBody);
     void written();
     void timeIsOver();
@@ -58,8 +57,10 @@ private:
     const std::function<void()> onEnd;
     RequestReader reader;
     std::unique_ptr<Stream> stream;
-    QTimer patience;
-    bool isClosing = false; // after what is still to be sent
+    const Patience patience;
+    QTimer deadline;
+    bool isRequestDue = true; // the deadline is that of a request
+    bool isClosing = false;   // after what is still to be sent
     bool hasEnded = false;
 };
 

@@ -17,7 +17,8 @@ const auto TooMany = "too many connections"_ba;
 
 } // namespace
 
-HttpServer::HttpServer(HttpConnection::Answering newAnswering) : answering(std::move(newAnswering))
+HttpServer::HttpServer(HttpConnection::Answering newAnswering, HttpConnection::Patience newPatience)
+    : answering(std::move(newAnswering)), patience(newPatience)
 {
     QObject::connect(&listener, &QTcpServer::newConnection, &listener, [this] { accept(); });
     // Qt no longer accepts then, and does not begin again by itself.
@@ -48,7 +49,8 @@ void HttpServer::accept()
                 ended.splice(ended.end(), places, place);
                 QMetaObject::invokeMethod(
                     &listener, [this] { ended.clear(); }, Qt::QueuedConnection);
-            });
+            },
+            patience);
         if (isRefused) {
             place->connection->refuse(503, TooMany);
         }

@@ -20,7 +20,7 @@ public:
     static constexpr size_t MostConnections = 400;
     static constexpr size_t MostStreams = 64;
 
-    explicit HttpServer(HttpConnection::Answering answering);
+    explicit HttpServer(HttpConnection::Answering answering, HttpConnection::Patience patience = {});
     Q_DISABLE_COPY_MOVE(HttpServer)
 
     // False: error() tells why.
@@ -45,6 +45,7 @@ private:
     Answer answer(Places::iterator place, const Request &request);
 
     const HttpConnection::Answering answering;
+    const HttpConnection::Patience patience;
     QTcpServer listener;
     QTimer again;  // to accept, where the system had no descriptor left
     Places places; // in the order of their last requests
