@@ -119,13 +119,20 @@ bool Search::matchesAddress(quint32 address) const
     if (address == 0) {
         return false; // none
     }
-    std::array<char, 16> written;
-    char *end = written.data();
+    std::array<char, 16> written; // a "." behind each number
+    size_t size = 0;
     for (int shift = 24; shift >= 0; shift -= 8) {
-        end = std::to_chars(end, written.data() + written.size(), address >> shift & 0xFF).ptr;
-        *end++ = '.';
+        const quint32 number = address >> shift & 0xFF;
+        if (number >= 100) {
+            written[size++] = static_cast<char>('0' + number / 100);
+        }
+        if (number >= 10) {
+            written[size++] = static_cast<char>('0' + number / 10 % 10);
+        }
+        written[size++] = static_cast<char>('0' + number % 10);
+        written[size++] = '.';
     }
-    return std::string_view(written.data(), end - 1).starts_with(text);
+    return std::string_view(written.data(), size - 1).starts_with(text);
 }
 
 } // namespace Follow
