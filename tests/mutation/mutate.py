@@ -2,7 +2,7 @@
 # SPDX-FileCopyrightText: 2026 The Quillmere developers
 # SPDX-License-Identifier: MIT
 
-"""Changes the server one place at a time and shows which changes no test notices.
+"""Changes the server, or what is named of the tools, one place at a time and shows which changes no test notices.
 
 All changes are compiled into one copy of the tree; a process picks its own from the environment. Which tests pass a
 place is found once, and only those are run for its mutant, the quickest first."""
@@ -26,7 +26,7 @@ sys.path.insert(0, str(pathlib.Path(__file__).resolve().parent))
 from mutants import Source  # noqa: E402
 
 FOLDERS = ("core", "radio", "apps", "db")
-MUTATED = {"libquillmere_server.a", "libquillmere_protocol.a"}
+SERVER = {"libquillmere_server.a", "libquillmere_protocol.a"}
 ATTEMPTS = 12  # at a build: each leaves out what did not compile
 PLACES = 1 << 16  # as mutant.h has it
 EQUIVALENT = pathlib.Path("tests/mutation/equivalent.txt")
@@ -45,7 +45,7 @@ def write_if_new(path, content):
 class Laboratory:
     """The copy of the tree, its build, and its tests."""
 
-    def __init__(self, folder):
+    def __init__(self, folder, files):
         self.tree, self.build = folder / "tree", folder / "build"
         for name in subprocess.check_output(["git", "ls-files"], text=True).splitlines():
             target = self.tree / name
@@ -58,23 +58,34 @@ class Laboratory:
         self.commands = json.loads((self.build / "compile_commands.json").read_text())
         listed = json.loads(output("ctest", "--test-dir", self.build, "--show-only=json-v1").stdout)
         names = [test["name"] for test in listed["tests"]]
-        programs = [name for name in names if name.startswith("tst_") and self.holds_mutants(name)]
-        self.tests = programs + [name for name in names if name.startswith(("server_lives", "load_"))]
-        self.targets = programs + ["fuzz_server", "quillmere"]
+        self.libraries = {self.library(name) for name in files}
+        self.tests = [name for name in names if name.startswith("tst_") and self.holds_mutants(name)]
+        self.targets = list(self.tests)
+        if self.libraries & SERVER:
+            self.tests += [name for name in names if name.startswith(("server_lives", "load_"))]
+            self.targets += ["fuzz_server", "quillmere"]
+
+    def library(self, name):
+        """The one that a source goes into."""
+        [target] = re.findall(r"CMakeFiles/([\w-]+)\.dir/", self.command(name)["command"])[:1]
+        return f"lib{target}.a"
 
     def holds_mutants(self, target):
-        return MUTATED & {pathlib.Path(name).name
+        return self.libraries & {pathlib.Path(name).name
                           for name in output("ninja", "-C", self.build, "-t", "inputs", target).stdout.splitlines()}
+
+    def command(self, name):
+        for entry in self.commands:
+            if entry["file"] == str(self.tree / name):
+                return entry
+        raise SystemExit(f"{name} is not compiled")
 
     def arguments(self, name):
         """What of the compiler's command line says how the source is to be read."""
-        for entry in self.commands:
-            if entry["file"] == str(self.tree / name):
-                words = shlex.split(entry["command"])
-                flags = [word for word in words if word.startswith(("-D", "-std", "-I"))]
-                system = [part for at, word in enumerate(words) if word == "-isystem" for part in (word, words[at + 1])]
-                return ["-x", "c++", f"-I{os.getcwd()}"] + flags + system
-        raise SystemExit(f"{name} is not compiled")
+        words = shlex.split(self.command(name)["command"])
+        flags = [word for word in words if word.startswith(("-D", "-std", "-I"))]
+        system = [part for at, word in enumerate(words) if word == "-isystem" for part in (word, words[at + 1])]
+        return ["-x", "c++", f"-I{os.getcwd()}"] + flags + system
 
     def write(self, sources, left_out):
         for source in sources:
@@ -149,7 +160,7 @@ def main():
 
     # A mutant that crashes is not worth an image of its memory.
     resource.setrlimit(resource.RLIMIT_CORE, (0, 0))
-    laboratory = Laboratory(pathlib.Path("build-mutate").resolve())
+    laboratory = Laboratory(pathlib.Path("build-mutate").resolve(), files)
     sources, number = [], 0
     for name in files:
         sources.append(Source(pathlib.Path(name), laboratory.arguments(name), number))
