@@ -9,11 +9,12 @@ cd "$(dirname "${BASH_SOURCE[0]}")/.."
 
 # shellcheck disable=SC2034 # each script picks the lists it needs
 build_packages=(g++ cmake ninja-build ccache pkg-config qt6-base-dev qt6-base-dev-tools libqt6sql6-sqlite libsqlite3-dev libsystemd-dev
-    libboost-dev)
+    libboost-dev nodejs npm)
 # shellcheck disable=SC2034
 demo_packages=(python3 iproute2 util-linux)
 # shellcheck disable=SC2034
-test_packages=(python3 iproute2 systemd-container dbus zsh jq nftables psmisc sqlite3 tcpdump)
+test_packages=(python3 iproute2 systemd-container dbus zsh jq nftables psmisc sqlite3 tcpdump
+    chromium)
 # shellcheck disable=SC2034 # what packaging/windows/build-qt needs it installs itself
 windows_packages=(python3 nsis)
 # shellcheck disable=SC2034
@@ -43,13 +44,20 @@ as_root() {
     fi
 }
 
+# Node.js and npm may have come from elsewhere than Debian, in one package or two.
+is_there() {
+    case $1 in
+        nodejs) command -v node >/dev/null ;;
+        npm) command -v npm >/dev/null ;;
+        *) [ "$(dpkg-query -W -f '${db:Status-Status}' "$1" 2>/dev/null)" = installed ] ;;
+    esac
+}
+
 # need PACKAGE...: installs what is missing, and asks for nothing when nothing is.
 need() {
     local missing=() package
     for package in "$@"; do
-        if [ "$(dpkg-query -W -f '${db:Status-Status}' "$package" 2>/dev/null)" != installed ]; then
-            missing+=("$package")
-        fi
+        is_there "$package" || missing+=("$package")
     done
     if [ ${#missing[@]} -gt 0 ]; then
         echo "Installing ${missing[*]}"
