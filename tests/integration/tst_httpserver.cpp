@@ -325,6 +325,29 @@ private slots:
         QCOMPARE(server->streams(), HttpServer::MostStreams);
     }
 
+    void whatNobodyTakesIsBounded()
+    {
+        std::vector<Client> clients;
+        const auto large = [&] {
+            clients.push_back(connected());
+            clients.back()->setReadBufferSize(1024);
+            clients.back()->write(get("/large"));
+        };
+        for (int i = 1; i <= 3; ++i) { // the system holds some of it, too
+            large();
+            QTRY_COMPARE(asked.size(), i);
+        }
+        const Client client = asking(get("/a"));
+        const QByteArray text = until(*client, "}\n");
+        QVERIFY2(text.startsWith("HTTP/1.1 503 Service Unavailable\r\n"), text.constData());
+        QVERIFY(text.endsWith("{\"error\":\"too much is waiting to be taken\"}\n"));
+        clients.clear();
+        const auto isServed = [&] {
+            const Client other = asking(get("/a", "Connection: close\r\n"));
+            return untilEnd(*other).endsWith("at /a\n");
+        };
+        QTRY_VERIFY(isServed()); // once they have gone
+    }
     void thousandConnectionsKeepNobodyOut()
     {
         told = "t\n"_ba;

@@ -37,6 +37,7 @@ public:
     // For its next request: nobody loses anything that was asked for if it ends.
     bool isWaiting() const { return !stream && !isClosing && socket->bytesToWrite() == 0; }
     bool isEnding() const { return isClosing; }
+    qint64 unsent() const { return socket->bytesToWrite(); } // bytes
     bool isStream() const { return stream != nullptr; }
     // Sends what its stream has to tell, as far as the other side has taken what came before.
     void tell();

@@ -4,7 +4,7 @@
 #include "tools/monitor/httpserver.h"
 
 #include <algorithm>
-#include <iterator>
+#include <numeric>
 
 using namespace Qt::StringLiterals;
 
@@ -78,11 +78,20 @@ bool HttpServer::makeRoom()
 Answer HttpServer::answer(Places::iterator place, const Request &request)
 {
     places.splice(places.end(), places, place);
+    if (unsent() >= MostUnsent) {
+        return Answer::error(503, "too much is waiting to be taken"_ba);
+    }
     Answer answer = answering(request);
     if (answer.stream && streams() >= MostStreams) {
         return Answer::error(503, "too many streams"_ba);
     }
     return answer;
+}
+
+qint64 HttpServer::unsent() const
+{
+    return std::accumulate(places.begin(), places.end(), qint64{0},
+                           [](qint64 sum, const Place &place) { return sum + place.connection->unsent(); });
 }
 
 void HttpServer::tellStreams()

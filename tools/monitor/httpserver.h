@@ -19,6 +19,8 @@ class HttpServer
 public:
     static constexpr size_t MostConnections = 400;
     static constexpr size_t MostStreams = 64;
+    static constexpr qint64 MostUnsent =
+        33554432; // bytes to all together; more is not begun until some have taken theirs
 
     explicit HttpServer(HttpConnection::Answering answering, HttpConnection::Patience patience = {});
     Q_DISABLE_COPY_MOVE(HttpServer)
@@ -41,6 +43,7 @@ private:
 
     void accept();
     bool hasRoom() const;
+    qint64 unsent() const;
     bool makeRoom();
     Answer answer(Places::iterator place, const Request &request);
 
