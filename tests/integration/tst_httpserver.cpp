@@ -215,7 +215,7 @@ private slots:
     }
     void requestThatTakesTooLongGetsItsError()
     {
-        start({50, 60000, 20});
+        start({1000, 60000, 20});
         const Client client = asking(get("/a") + get("/b").left(10));
         const QByteArray text = untilEnd(*client);
         QVERIFY2(text.contains("at /a\n") && text.contains("HTTP/1.1 408 Request Timeout\r\n"),
@@ -224,7 +224,7 @@ private slots:
     }
     void requestThatComesBitByBitHasNoMoreTime()
     {
-        start({100, 60000, 2000});
+        start({1000, 60000, 2000});
         const Client client = connected();
         QTimer drip;
         const QByteArray request = get("/" + QByteArray(5000, 'a'));
@@ -242,15 +242,16 @@ private slots:
     }
     void whoAsksNothingIsLeft()
     {
-        start({20, 20, 20});
+        start({20, 60000, 20});
         const Client silent = connected();
         QCOMPARE(untilEnd(*silent), QByteArray());
+        start({10000, 20, 20});
         const Client idle = asking(get("/a"));
         QVERIFY(untilEnd(*idle).endsWith("at /a\n"));
     }
     void whoTakesNothingIsLeft()
     {
-        start({10000, 200, 2000});
+        start({10000, 1000, 2000});
         const Client client = connected();
         client->setReadBufferSize(1024);
         client->write(get("/flood"));
@@ -280,7 +281,7 @@ private slots:
     }
     void quietStreamStays()
     {
-        start({20, 20, 20});
+        start({10000, 20, 20});
         told = "first\n"_ba;
         const Client client = asking(get("/stream"));
         until(*client, "first\n");
