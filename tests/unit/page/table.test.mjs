@@ -95,6 +95,24 @@ test("a new order or filter has what was not flushed yet", () => {
     assert.deepEqual(shown(table), [3, 2, 1]);
 });
 
+test("what changes is sorted, and not what is there", () => {
+    const table = filled(...Array(1000).keys());
+    table.setOrder("state", true);
+    table.take([radio(esn(1), { state: "pending" }), radio(esn(5), { state: "gone" }), radio(esn(2000))]);
+    const lengths = [];
+    const sort = Array.prototype.sort;
+    Array.prototype.sort = function (compare) {
+        lengths.push(this.length);
+        return sort.call(this, compare);
+    };
+    try {
+        table.flush();
+    } finally {
+        Array.prototype.sort = sort;
+    }
+    assert.deepEqual(lengths, [2]);
+});
+
 test("knows where a row is", () => {
     const table = filled(1, 2, 3);
     table.setFilter((row) => row.esn !== esn(2));

@@ -42,18 +42,19 @@ export class History {
     #row = null;
     #asked = 0;
 
+    #onClose;
+
     constructor(onClose) {
-        byId("history-close").addEventListener("click", () => this.#dialog.close());
+        this.#onClose = onClose;
+        byId("history-close").addEventListener("click", () => this.close());
         this.#dialog.addEventListener("keydown", (event) => {
             if (event.key === "Escape") {
                 event.preventDefault();
-                this.#dialog.close();
+                this.close();
             }
         });
-        this.#dialog.addEventListener("close", () => {
-            this.#row = null;
-            onClose();
-        });
+        // A phone's browser closes it by itself, too. The event comes later: it may be open again by then.
+        this.#dialog.addEventListener("close", () => this.#dialog.open || this.close());
     }
 
     open(row, severalServers) {
@@ -73,7 +74,11 @@ export class History {
     }
 
     close() {
-        this.#dialog.close();
+        if (this.#row) {
+            this.#row = null;
+            this.#dialog.close();
+            this.#onClose();
+        }
     }
 
     /** Asks again when the radio has another row, or none, than what is shown. */
@@ -95,7 +100,7 @@ export class History {
         let told = { history: [] };
         let note = "";
         try {
-            const answer = await fetch(`/api/radios/${esn}`);
+            const answer = await fetch(`/api/radios/${encodeURIComponent(esn)}`);
             if (answer.ok) {
                 told = await answer.json();
             } else if (answer.status !== 404) {

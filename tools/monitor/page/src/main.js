@@ -8,7 +8,6 @@ import { makeFilter } from "./filter.js";
 import { Grid } from "./grid.js";
 import { History } from "./history.js";
 import { Plots } from "./plots.js";
-import { Rates } from "./rates.js";
 import { Stream } from "./stream.js";
 import { Table } from "./table.js";
 import { dateTimeText } from "./texts.js";
@@ -16,11 +15,10 @@ import { Totals } from "./totals.js";
 
 /** Changes are shown together, so often at most. */
 const FLUSH = 250;
-/** Rates that a status does not tell are asked for, so often at most. */
-const RATES_PAUSE = 5000;
+/** The rates are asked for so often at most. */
+const RATES_PAUSE = 2000;
 
 const table = new Table();
-const rates = new Rates();
 const order = { column: "esn", descending: false };
 let status = null;
 let heard = true; // until the monitor does not answer
@@ -83,17 +81,17 @@ function flushSoon() {
     }
 }
 
+/** The second that a status has the counts of is the monitor's, and may be told twice or not at all: /api/rates has each. */
 async function askRates() {
     const time = performance.now();
-    if (time - ratesAsked < RATES_PAUSE) {
+    if (document.hidden || time - ratesAsked < RATES_PAUSE) {
         return;
     }
     ratesAsked = time;
     try {
         const answer = await fetch("/api/rates");
         if (answer.ok) {
-            rates.load(await answer.json());
-            plots.show(rates);
+            plots.show(await answer.json());
         }
     } catch {
         // The stream ends too where the monitor is away, and says so.
@@ -109,11 +107,7 @@ function showStatus(told) {
     setText(byId("servers"), told.servers.map(({ server }) => server).join(", "));
     totals.show(told);
     controls.offer(told);
-    if (!rates.add(told)) {
-        askRates();
-    } else {
-        plots.show(rates);
-    }
+    askRates();
     banner.show(status, now(), heard);
 }
 

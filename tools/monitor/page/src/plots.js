@@ -4,10 +4,11 @@
 // The rates as plots. Each has its figures as text as well.
 import uPlot from "uplot";
 import { byId, setText } from "./dom.js";
+import { columnsOf } from "./rates.js";
 import { numberText } from "./texts.js";
 
 const HEIGHT = 150;
-const PADDING = [8, 12, 0, 0];
+const PADDING = [8, 20, 0, 0];
 
 function colour(name) {
     return getComputedStyle(document.documentElement).getPropertyValue(name).trim();
@@ -40,9 +41,9 @@ class Plot {
     show(columns) {
         this.#columns = columns;
         const [registrations, changes] = [columns[1], columns[2]].map(
-            (counts) => `${numberText(counts.at(-1))} (at most ${numberText(Math.max(...counts))})`,
+            (counts) => `${numberText(counts.at(-1))}/${this.#unit}, at most ${numberText(Math.max(...counts))}`,
         );
-        setText(this.#summary, `Registrations: ${registrations} a ${this.#unit}. Changes: ${changes}.`);
+        setText(this.#summary, `Registrations: ${registrations}. Changes: ${changes}.`);
         if (this.#plot) {
             this.#plot.setData(columns);
         } else {
@@ -104,9 +105,8 @@ class Plot {
 }
 
 export class Plots {
-    #seconds = new Plot("seconds", "second");
-    #minutes = new Plot("minutes", "minute");
-    #lastMinute = 0;
+    #seconds = new Plot("seconds", "s");
+    #minutes = new Plot("minutes", "min");
 
     constructor() {
         matchMedia("(prefers-color-scheme: dark)").addEventListener("change", () => {
@@ -115,11 +115,9 @@ export class Plots {
         });
     }
 
-    show(rates) {
-        this.#seconds.show(rates.seconds.columns());
-        if (rates.minutes.last !== this.#lastMinute) {
-            this.#lastMinute = rates.minutes.last;
-            this.#minutes.show(rates.minutes.columns());
-        }
+    /** What /api/rates tells. */
+    show({ time, seconds, minutes }) {
+        this.#seconds.show(columnsOf(time, 1, seconds));
+        this.#minutes.show(columnsOf(time, 60, minutes));
     }
 }
