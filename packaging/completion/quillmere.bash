@@ -19,6 +19,11 @@ _quillmere_tool() {
         mapfile -t COMPREPLY < <(compgen -d -- "$current")
         return
     fi
+    if [[ $previous == --login ]]; then
+        compopt -o filenames
+        mapfile -t COMPREPLY < <(compgen -f -- "$current")
+        return
+    fi
     if [[ $previous == --account ]]; then
         mapfile -t COMPREPLY < <(compgen -u -- "$current")
         return
@@ -35,4 +40,4 @@ _quillmere_tool() {
 }
 
 complete -F _quillmere quillmere
-complete -F _quillmere_tool quillmere-radio quillmere-watch quillmere-check
+complete -F _quillmere_tool quillmere-radio quillmere-watch quillmere-check quillmere-monitor

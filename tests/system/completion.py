@@ -33,7 +33,7 @@ words=("$@")
 CURRENT=$#
 service=$1
 compadd() { shift; print -rl -- ${(M)@:#$words[CURRENT]*} }
-_files() { print -rl -- ${words[CURRENT]}*(N/) }
+_files() { [[ $1 == -/ ]] && print -rl -- ${words[CURRENT]}*(N/) || print -rl -- ${words[CURRENT]}*(N) }
 _users() { print -rl -- ${(M)${(f)"$(cut -d: -f1 /etc/passwd)"}:#$words[CURRENT]*} }
 complete_it() { source $file }
 complete_it
@@ -82,6 +82,11 @@ class Shell:
         self.assertEqual(self.offered("quillmere-check", "--st"), {"--stopped"})
         self.assertEqual(self.offered("quillmere-check", "--folder", "/us"), {"/usr"})
         self.assertEqual(self.offered("quillmere-check", "--account", "roo"), {"root"})
+
+    def test_monitor(self):
+        self.assertEqual(self.offered("quillmere-monitor", ""), options("quillmere-monitor"))
+        self.assertEqual(self.offered("quillmere-monitor", "--li"), {"--listen"})
+        self.assertIn("/etc/passwd", self.offered("quillmere-monitor", "--login", "/etc/passw"))
 
 
 class Bash(Shell, unittest.TestCase):

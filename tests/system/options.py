@@ -31,8 +31,7 @@ def rows(text):
 def main():
     docs, programs = sys.argv[1:]
     tools = os.path.join(docs, "tools.md")
-    radio, watch, check, server = (os.path.join(programs, name)
-                                   for name in ("quillmere-radio", "quillmere-watch", "quillmere-check", "quillmere"))
+    radio, server = (os.path.join(programs, name) for name in ("quillmere-radio", "quillmere"))
     different = []
 
     def compare(name, documented, helped):
@@ -50,7 +49,8 @@ def main():
                 documented |= set(OPTION.findall(option))
         compare("quillmere-radio " + command, documented,
                 set(LISTED.findall(told(radio, command, "--help"))) - {"--help"})
-    for name, tool in (("quillmere-watch", watch), ("quillmere-check", check)):
+    for name in ("quillmere-watch", "quillmere-monitor", "quillmere-check"):
+        tool = os.path.join(programs, name)
         compare(name, {option for row in rows(section(tools, name)) for option in OPTION.findall(row[0])},
                 set(LISTED.findall(told(tool, "--help"))) - {"--help", "--version"})
     helped = re.findall(r"^\t-([a-z])\(([a-z]+)\)", told(server, "-h"), re.MULTILINE)

@@ -36,7 +36,7 @@ class Output(unittest.TestCase):
                     self.assertEqual(done.returncode, code)
 
     def test_help_and_version(self):
-        for tool, code in (("quillmere-radio", 1), ("quillmere-watch", 1), ("quillmere-check", 3)):
+        for tool, code in (("quillmere-radio", 1), ("quillmere-watch", 1), ("quillmere-monitor", 1), ("quillmere-check", 3)):
             for option in ("--help", "--version"):
                 self.ends(tool, option, code=code)
 
