@@ -1,8 +1,8 @@
 # SPDX-FileCopyrightText: 2026 The Quillmere developers
 # SPDX-License-Identifier: MIT
 #
-# Run by `cmake --install`, whose prefix is known only then: writes the unit that -install would write for the installed
-# program. QUILLMERE_UNIT_... come from linux.cmake.
+# Run by `cmake --install`, whose prefix is known only then: writes a program's unit. The server's is the one that -install
+# would write for the installed program. QUILLMERE_UNIT_... come from linux.cmake.
 
 cmake_policy(PUSH)
 cmake_policy(VERSION 3.25)
@@ -11,7 +11,7 @@ if("$ENV{DESTDIR}" STREQUAL "")
     file(REAL_PATH "${prefix}" prefix) # the sandbox hides folders by where they really are
 endif()
 cmake_path(ABSOLUTE_PATH QUILLMERE_UNIT_BINDIR BASE_DIRECTORY "${prefix}" NORMALIZE OUTPUT_VARIABLE folder)
-set(program "${folder}/quillmere")
+set(program "${folder}/${QUILLMERE_UNIT_PROGRAM}")
 string(ASCII 1 first)
 string(ASCII 31 last)
 string(ASCII 127 delete)
@@ -21,8 +21,9 @@ endif()
 string(REPLACE "%" "%%" quoted "\"${program}\"")
 
 set(NAME "Quill Mere")
-set(UNIT quill-mere)
+set(UNIT ${QUILLMERE_UNIT_NAME})
 set(DESCRIPTION "${QUILLMERE_UNIT_DESCRIPTION}")
+set(QUOTED "${quoted}")
 set(COMMAND ":${quoted}")
 set(USER "${QUILLMERE_UNIT_USER}")
 set(STATE_DIRECTORY "\"Brackwater/${NAME}\"")

@@ -75,9 +75,10 @@ class Container:
             pass
         units = self.path("/etc/systemd/system")
         for name in os.listdir(units):
-            if name.endswith(".wants") or name.startswith("quill-mere"):
+            if name.endswith(".wants") or name.startswith(("quill-mere", "quillmere-monitor")):
                 subprocess.run(["rm", "-rf", "--", os.path.join(units, name)], check=True)
-        subprocess.run(["rm", "-f", "--", self.path("/lib/systemd/system/quill-mere.service")], check=True)  # a package's
+        for name in ("quill-mere", "quillmere-monitor"):  # of packages
+            subprocess.run(["rm", "-f", "--", self.path(f"/lib/systemd/system/{name}.service")], check=True)
         subprocess.run(["ln", "-sf", "/lib/systemd/system/multi-user.target", units + "/default.target"], check=True)
         subprocess.run(["rm", "-rf", "--", self.path("/var/lib/Brackwater"), self.path("/var/log/journal")], check=True)
 
