@@ -74,3 +74,30 @@ build() {
     cmake --preset "$preset" >/dev/null
     cmake --build --preset "$preset" ${1:+--target "$@"}
 }
+
+# promtool: leaves the path of Prometheus' tool in QUILLMERE_PROMTOOL. Where it is not installed, it is unpacked into the cache: Debian's
+# package would start a service. Without it, its tests are skipped, and say so.
+promtool() {
+    local cache=${QUILLMERE_CACHE:-${XDG_CACHE_HOME:-$HOME/.cache}/quillmere} folder
+    if [ -n "${QUILLMERE_PROMTOOL:-}" ]; then
+        return
+    fi
+    QUILLMERE_PROMTOOL=$(command -v promtool) || QUILLMERE_PROMTOOL=$cache/prometheus/usr/bin/promtool
+    export QUILLMERE_PROMTOOL
+    if [ -e "$QUILLMERE_PROMTOOL" ]; then
+        return
+    fi
+    mkdir -p "$cache"
+    folder=$(mktemp -d "$cache/prometheus.XXXXXX")
+    echo "Unpacking promtool into $cache"
+    if as_root apt-get -qq update && (cd "$folder" && apt-get -qq -o APT::Sandbox::User= download prometheus) &&
+        dpkg-deb --extract "$folder"/prometheus_*.deb "$folder/unpacked" &&
+        "$folder/unpacked/usr/bin/promtool" --version >/dev/null; then
+        # Of several runs that get here at once the first one's stays.
+        mv -T "$folder/unpacked" "$cache/prometheus" 2>/dev/null || true
+    else
+        echo "promtool cannot be had: its tests will be skipped" >&2
+    fi
+    rm -rf "$folder"
+    [ -e "$QUILLMERE_PROMTOOL" ] || unset QUILLMERE_PROMTOOL
+}

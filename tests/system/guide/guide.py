@@ -17,6 +17,7 @@ class Guide:
     """What a reader would type: the indented blocks, and what begins with a program's name between backticks."""
 
     def __init__(self, path, programs):
+        self.path = path
         with open(path, encoding="utf-8") as file:
             text = file.read()
         blocks = re.findall(r"(?:^    .*\n(?:\n+(?=    ))?)+", text, re.MULTILINE)
