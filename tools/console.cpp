@@ -24,12 +24,14 @@ constexpr qint64 MaximumMilliseconds = 31'536'000'000; // a year
 
 int exitWithoutOutput = ExitError;
 
-// False: not all of it has been written.
+// False: not all of it has been written. A line that a terminal has not taken glibc's fwrite() drops, and
+// returns that it has written it: only the stream knows of the error.
 bool put(FILE *stream, const QString &text)
 {
     const QByteArray bytes = text.toUtf8();
     const auto size = static_cast<size_t>(bytes.size());
-    return std::fwrite(bytes.constData(), 1, size, stream) == size && std::fflush(stream) == 0;
+    return std::fwrite(bytes.constData(), 1, size, stream) == size && std::fflush(stream) == 0 &&
+           std::ferror(stream) == 0;
 }
 
 // Who asked for it would take half of it for the whole.

@@ -6,6 +6,7 @@
 
 import os
 import pathlib
+import pty
 import socket
 import subprocess
 import sys
@@ -61,6 +62,26 @@ class Output(unittest.TestCase):
                     self.assertEqual(tool.communicate(timeout=PATIENCE)[1].decode().splitlines()[-1],
                                      "quillmere-watch: standard output: No space left on device")
                 self.assertEqual(tool.returncode, 1)
+
+    def test_terminal_that_goes_after_the_first_line(self):
+        ours, terminal = pty.openpty()
+        with socket.create_server(("127.0.0.1", 0)) as server:
+            server.settimeout(PATIENCE)
+            tool = subprocess.Popen([os.path.join(FOLDER, "quillmere-watch"), "--server",
+                                     f"127.0.0.1:{server.getsockname()[1]}"],
+                                    stdin=subprocess.DEVNULL, stdout=terminal, stderr=subprocess.PIPE)
+            os.close(terminal)
+            with tool, server.accept()[0] as connection:
+                try:
+                    connection.sendall(NOTICE)
+                    self.assertTrue(os.read(ours, 4096).startswith(b"0011AABB22CC33DD "))
+                    os.close(ours)
+                    connection.sendall(NOTICE)
+                    self.assertEqual(tool.communicate(timeout=PATIENCE)[1].decode().splitlines()[-1],
+                                     "quillmere-watch: standard output: Input/output error")
+                finally:
+                    tool.kill()
+            self.assertEqual(tool.returncode, 1)
 
 
 unittest.main(argv=sys.argv[:1])
