@@ -236,6 +236,11 @@ void writeLine(const QString &line)
     putOrEnd(line + u'\n');
 }
 
+bool write(const QString &text)
+{
+    return put(stdout, text);
+}
+
 void writeJson(const QJsonObject &object)
 {
     putOrEnd(QString::fromUtf8(QJsonDocument(object).toJson(QJsonDocument::Compact)) + u'\n');

@@ -80,6 +80,8 @@ void writeLine(const QString &line);
 void setExitWithoutOutput(int exitCode);
 // One compact object, one line, in the same way.
 void writeJson(const QJsonObject &object);
+// Text on standard output as it is, at once. False: it could not be written, and that is all that happens.
+bool write(const QString &text);
 // "<program>: <text>" on standard error.
 void writeError(const QString &text);
 // On standard error, in place of the last progress; only for a terminal. Empty text wipes it.

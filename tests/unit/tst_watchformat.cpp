@@ -1,10 +1,10 @@
 // SPDX-FileCopyrightText: 2026 The Quillmere developers
 // SPDX-License-Identifier: MIT
 
-#include "tools/watch/commandline.h"
+#include "tests/support/radionotice.h"
 #include "tools/follow/connection.h"
 #include "tools/follow/format.h"
-#include "tools/watch/radiotable.h"
+#include "tools/watch/commandline.h"
 
 #include <QJsonDocument>
 #include <QTest>
@@ -14,20 +14,6 @@ using namespace Follow;
 using namespace WatchTool;
 using QMR::Qmra::RadioNotice;
 
-namespace {
-
-RadioNotice radio(quint8 serial, quint8 availability, bool pending = false)
-{
-    return {{{0x00, 0x11, 0xAA, 0xBB, 0x22, 0xCC, 0x33, serial}},
-            {{0x01, 0x23, 0x45, 0x67, 0x89, 0xAB, serial}},
-            pending,
-            availability == QMR::Deregistered ? 0 : 0x0A000000U + serial,
-            availability,
-            {1, 3}};
-}
-
-} // namespace
-
 // What quillmere-watch makes of its command line and shows of the notices.
 class TestWatchFormat : public QObject
 {
@@ -36,78 +22,30 @@ class TestWatchFormat : public QObject
 private slots:
     void lineNamesEverything()
     {
-        QCOMPARE(noticeLine(radio(5, QMR::Registered)),
+        QCOMPARE(noticeLine(radioNotice(5, QMR::Registered)),
                  u"0011AABB22CC3305 01234/567/89AB05 10.0.0.5 registered services 1,3"_s);
-        RadioNotice gone = radio(5, QMR::Deregistered);
+        RadioNotice gone = radioNotice(5, QMR::Deregistered);
         gone.services.clear();
         QCOMPARE(noticeLine(gone), u"0011AABB22CC3305 01234/567/89AB05 - gone services -"_s);
     }
 
     void statesHaveNames()
     {
-        QCOMPARE(stateName(radio(1, QMR::Registered)), u"registered"_s);
-        QCOMPARE(stateName(radio(1, QMR::Unconfirmed)), u"unconfirmed"_s);
-        QCOMPARE(stateName(radio(1, QMR::Unreachable)), u"unreachable"_s);
-        QCOMPARE(stateName(radio(1, QMR::Deregistered)), u"gone"_s);
-        QCOMPARE(stateName(radio(1, QMR::Registered, true)), u"pending"_s);
-        QCOMPARE(stateName(radio(1, 77)), u"77"_s);
+        QCOMPARE(stateName(radioNotice(1, QMR::Registered)), u"registered"_s);
+        QCOMPARE(stateName(radioNotice(1, QMR::Unconfirmed)), u"unconfirmed"_s);
+        QCOMPARE(stateName(radioNotice(1, QMR::Unreachable)), u"unreachable"_s);
+        QCOMPARE(stateName(radioNotice(1, QMR::Deregistered)), u"gone"_s);
+        QCOMPARE(stateName(radioNotice(1, QMR::Registered, true)), u"pending"_s);
+        QCOMPARE(stateName(radioNotice(1, 77)), u"77"_s);
     }
 
     void objectHasAllOfIt()
     {
-        QCOMPARE(QJsonDocument(noticeObject(radio(5, QMR::Unconfirmed))).toJson(QJsonDocument::Compact),
+        QCOMPARE(QJsonDocument(noticeObject(radioNotice(5, QMR::Unconfirmed))).toJson(QJsonDocument::Compact),
                  R"({"address":"10.0.0.5","availability":2,"esn":"0011AABB22CC3305",)"
                  R"("pending":false,"services":[1,3],"state":"unconfirmed",)"
                  R"("system":"567","unit":"89AB05","wacn":"01234"})"_ba);
-        QVERIFY(noticeObject(radio(5, QMR::Deregistered)).value(u"address"_s).isNull());
-    }
-
-    void tableIsInEsnOrderAndMarksTheLastChange()
-    {
-        RadioTable table;
-        table.apply(radio(9, QMR::Registered));
-        table.apply(radio(1, QMR::Unconfirmed));
-        QCOMPARE(table.lines(1000, 0, false),
-                 (QStringList{u"  ESN              WACN/SYSTEM/UNIT  ADDRESS         STATE       SERVICES"_s,
-                              u"> 0011AABB22CC3301 01234/567/89AB01  10.0.0.1        unconfirmed 1,3"_s,
-                              u"  0011AABB22CC3309 01234/567/89AB09  10.0.0.9        registered  1,3"_s}));
-    }
-
-    void radioThatIsGoneIsShownOnceMore()
-    {
-        RadioTable table;
-        table.apply(radio(1, QMR::Registered));
-        table.apply(radio(1, QMR::Deregistered));
-        QCOMPARE(table.size(), size_t{0});
-        QVERIFY(table.lines(1000, 0, false).at(1).contains(u" -               gone "));
-        table.apply(radio(2, QMR::Registered));
-        QCOMPARE(table.size(), size_t{1});
-        QCOMPARE(table.lines(1000, 0, false).size(), 2);
-    }
-
-    void tableFitsItsWindow()
-    {
-        RadioTable table;
-        for (quint8 serial = 0; serial < 20; ++serial) {
-            table.apply(radio(serial, QMR::Registered));
-        }
-        const QStringList lines = table.lines(30, 10, false);
-        QCOMPARE(lines.size(), 10);
-        QCOMPARE(lines.last(), u"  ... and 12 more"_s);
-        for (const QString &line : lines) {
-            QVERIFY(line.size() <= 30);
-        }
-        QCOMPARE(table.lines(80, 21, false).size(), 21);
-        QCOMPARE(table.lines(80, 1, false).size(), 1);
-    }
-
-    void stateIsColouredAndNothingElse()
-    {
-        RadioTable table;
-        table.apply(radio(1, QMR::Unreachable));
-        QVERIFY(table.lines(80, 5, true).at(1).contains(u"10.0.0.1        \033[31munreachable \033[0m1,3"_s));
-        QVERIFY(!table.lines(40, 5, true).at(1).contains(u'\033'));
-        QVERIFY(!table.lines(80, 5, false).join(u' ').contains(u'\033'));
+        QVERIFY(noticeObject(radioNotice(5, QMR::Deregistered)).value(u"address"_s).isNull());
     }
 
     void pausesGrowToTheirBound()

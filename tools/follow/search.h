@@ -1,7 +1,8 @@
 // SPDX-FileCopyrightText: 2026 The Quillmere developers
 // SPDX-License-Identifier: MIT
 
-// What a person types to find radios; tests/support/searchcases.json has it by examples, for every language.
+// What a person types to find radios: docs/tools.md has it in words, and tests/support/searchcases.json by
+// examples, for every language.
 #pragma once
 
 #include "apps/qmra.h"

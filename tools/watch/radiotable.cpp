@@ -3,89 +3,99 @@
 
 #include "tools/watch/radiotable.h"
 
-#include "tools/follow/format.h"
-
-using namespace Qt::StringLiterals;
-
 namespace WatchTool {
 
-namespace {
-
-constexpr int StateColumn = 53; // where the state begins
-constexpr int StateWidth = 12;
-
-QString row(QChar mark, const QString &esn, const QString &suid, const QString &address, const QString &state,
-            const QString &services)
-{
-    return mark + u' ' + esn.leftJustified(17) + suid.leftJustified(18) + address.leftJustified(16) +
-           state.leftJustified(StateWidth) + services;
-}
-
-// SGR codes: registered green, pending cyan, unconfirmed yellow, unreachable red, gone dim.
-QString colourOf(const QMR::Qmra::RadioNotice &notice)
+RadioState stateOf(const QMR::Qmra::RadioNotice &notice)
 {
     if (notice.pending) {
-        return u"36"_s;
+        return RadioState::Pending;
     }
     switch (notice.availability) {
-    case QMR::Registered:
-        return u"32"_s;
-    case QMR::Unconfirmed:
-        return u"33"_s;
+    case QMR::Deregistered:
+        return RadioState::Gone;
     case QMR::Unreachable:
-        return u"31"_s;
+        return RadioState::Unreachable;
+    case QMR::Unconfirmed:
+        return RadioState::Unconfirmed;
+    case QMR::Registered:
+        return RadioState::Registered;
     default:
-        return u"2"_s;
+        return RadioState::Other;
     }
 }
 
-} // namespace
-
-bool RadioTable::lastIsGone() const
+void RadioTable::beginSnapshot()
 {
-    const auto last = radios.find(changedLast);
-    return last != radios.end() && last->second.availability == QMR::Deregistered && !last->second.pending;
+    inSnapshot = true;
+    ++tellings;
 }
 
-void RadioTable::apply(const QMR::Qmra::RadioNotice &notice)
+void RadioTable::endSnapshot()
 {
-    if (lastIsGone()) {
-        radios.erase(changedLast);
-    }
-    radios[notice.esn] = notice;
-    changedLast = notice.esn;
-}
-
-void RadioTable::clear()
-{
-    radios.clear();
-}
-
-QStringList RadioTable::lines(int width, int height, bool coloured) const
-{
-    QStringList lines{
-        row(u' ', u"ESN"_s, u"WACN/SYSTEM/UNIT"_s, u"ADDRESS"_s, u"STATE"_s, u"SERVICES"_s).left(width)};
-    const auto room = height > 0 ? static_cast<size_t>(height - 1) : radios.size();
-    const size_t shown = radios.size() <= room ? radios.size() : (room > 0 ? room - 1 : 0);
-    size_t done = 0;
-    for (const auto &[esn, notice] : radios) {
-        if (done++ == shown) {
-            break;
+    inSnapshot = false;
+    for (auto radio = radios.begin(); radio != radios.end();) {
+        if (radio->second.telling == tellings) {
+            ++radio;
+            continue;
         }
-        QString line = row(esn == changedLast ? u'>' : u' ', esn.text(), Follow::suidText(notice.suid),
-                           Follow::addressText(notice.address), Follow::stateName(notice),
-                           Follow::servicesText(notice.services))
-                           .left(width);
-        if (coloured && line.size() > StateColumn) {
-            const qsizetype end = std::min<qsizetype>(line.size(), StateColumn + StateWidth);
-            line.insert(end, u"\033[0m"_s).insert(StateColumn, u"\033[" + colourOf(notice) + u'm');
+        const QMR::Esn esn = radio->first;
+        --countOf(radio->second);
+        radio = radios.erase(radio);
+        if (onTouched) {
+            onTouched(esn);
         }
-        lines.append(line);
     }
-    if (shown < radios.size() && room > 0) {
-        lines.append(u"  ... and %1 more"_s.arg(radios.size() - shown).left(width));
+}
+
+bool RadioTable::isNews(const TableRadio *known, const QMR::Qmra::RadioNotice &notice) const
+{
+    return !inSnapshot || (tellings > 1 && (known == nullptr || known->notice != notice));
+}
+
+void RadioTable::apply(const QMR::Qmra::RadioNotice &notice, qint64 now)
+{
+    removeTheGone();
+    const TableRadio *known = find(notice.esn);
+    const bool isChange = isNews(known, notice);
+    if (known != nullptr) {
+        --countOf(*known);
     }
-    return lines;
+    TableRadio &radio = radios[notice.esn];
+    radio.notice = notice;
+    radio.telling = tellings;
+    if (isChange) {
+        radio.changed = now;
+        radio.change = ++changes;
+    }
+    ++countOf(radio);
+    toldLast = notice.esn;
+    if (onTouched) {
+        onTouched(notice.esn);
+    }
+}
+
+void RadioTable::removeTheGone()
+{
+    const TableRadio *told = last();
+    if (told == nullptr || stateOf(told->notice) != RadioState::Gone) {
+        return;
+    }
+    --countOf(*told);
+    radios.erase(toldLast);
+    if (onTouched) {
+        onTouched(toldLast);
+    }
+}
+
+const TableRadio *RadioTable::find(const QMR::Esn &esn) const
+{
+    const auto radio = radios.find(esn);
+    return radio == radios.end() ? nullptr : &radio->second;
+}
+
+size_t RadioTable::size() const
+{
+    return radios.size() - count(RadioState::Gone);
 }
 
 } // namespace WatchTool

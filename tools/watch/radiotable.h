@@ -5,30 +5,61 @@
 
 #include "apps/qmra.h"
 
-#include <QStringList>
-
+#include <array>
+#include <functional>
 #include <map>
+#include <optional>
 
 namespace WatchTool {
 
-// The radios as the notices tell of them, and the lines of a table that shows them.
+// In the order in which somebody should look at them.
+enum class RadioState { Unreachable, Unconfirmed, Pending, Registered, Other, Gone };
+
+RadioState stateOf(const QMR::Qmra::RadioNotice &notice);
+
+// A radio as it was told of last.
+struct TableRadio
+{
+    QMR::Qmra::RadioNotice notice;
+    std::optional<qint64> changed; // when, in ms; none: not since the table began
+    quint64 change = 0;            // the later, the higher; 0: none
+    quint64 telling = 0;           // of all radios, in which it was told of
+};
+
+// The radios as the notices tell of them, since when each is as it is, and how many are in each state.
 class RadioTable
 {
 public:
-    // A radio that is gone is shown once more, and leaves with the next notice.
-    void apply(const QMR::Qmra::RadioNotice &notice);
-    void clear();
-    size_t size() const { return radios.size() - (lastIsGone() ? 1 : 0); }
+    using Radios = std::map<QMR::Esn, TableRadio>;
 
-    // A heading, then a line a radio in ESN order; the one that changed last begins with ">". None wider than
-    // width, none more than height (0: any number): the last line then tells how many are left out.
-    QStringList lines(int width, int height, bool coloured) const;
+    // A radio was told of, or has left the table.
+    std::function<void(const QMR::Esn &)> onTouched;
+
+    // What is told until the end are all radios of the server: what was known and is not told has left. Only
+    // at the first time are they no changes. There need not be an end before it begins again.
+    void beginSnapshot();
+    void endSnapshot();
+    // A radio that is gone stays once more, and leaves with the next notice.
+    void apply(const QMR::Qmra::RadioNotice &notice, qint64 now);
+
+    const Radios &all() const { return radios; }
+    const TableRadio *find(const QMR::Esn &esn) const;
+    const TableRadio *last() const { return find(toldLast); } // that was told of
+    // Without one that is gone.
+    size_t size() const;
+    size_t count(RadioState state) const { return counts[static_cast<size_t>(state)]; }
 
 private:
-    bool lastIsGone() const;
+    size_t &countOf(const TableRadio &radio) { return counts[static_cast<size_t>(stateOf(radio.notice))]; }
+    bool isNews(const TableRadio *known, const QMR::Qmra::RadioNotice &notice) const;
+    void removeTheGone();
 
-    std::map<QMR::Esn, QMR::Qmra::RadioNotice> radios;
-    QMR::Esn changedLast;
+    Radios radios;
+    std::array<size_t, 6> counts{};
+    QMR::Esn toldLast;
+    quint64 changes = 0;
+    quint64 tellings = 0;
+    bool inSnapshot = false;
 };
 
 } // namespace WatchTool

@@ -5,32 +5,19 @@
 
 #include "tools/console.h"
 
-#include <cstdio>
-
 using namespace Qt::StringLiterals;
 
 namespace WatchTool {
 
-namespace {
-
-void put(const QString &text)
+Screen::Screen() : undo(prepare())
 {
-    const QByteArray bytes = text.toUtf8();
-    std::fwrite(bytes.constData(), 1, static_cast<size_t>(bytes.size()), stdout);
-    std::fflush(stdout);
-}
-
-} // namespace
-
-Screen::Screen()
-{
-    prepare();
-    put(u"\033[?1049h\033[?25l"_s); // the alternate screen, no cursor
+    Console::write(u"\033[?1049h\033[?25l"_s); // the alternate screen, no cursor
 }
 
 Screen::~Screen()
 {
-    put(u"\033[?25h\033[?1049l"_s);
+    Console::write(u"\033[?25h\033[?1049l"_s);
+    undo();
 }
 
 bool Screen::isUsable()
@@ -43,9 +30,13 @@ bool Screen::hasColours()
     return qEnvironmentVariableIsEmpty("NO_COLOR");
 }
 
-void Screen::show(const QStringList &lines)
+bool Screen::show(const QStringList &lines)
 {
-    put(u"\033[H"_s + lines.join(u"\033[K\r\n"_s) + u"\033[K\033[J"_s);
+    if (lines == shown) {
+        return true;
+    }
+    shown = lines;
+    return Console::write(u"\033[H"_s + lines.join(u"\033[K\r\n"_s) + u"\033[K\033[J"_s);
 }
 
 } // namespace WatchTool

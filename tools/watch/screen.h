@@ -5,12 +5,16 @@
 
 #include <QStringList>
 
+#include <functional>
+
 namespace WatchTool {
 
 struct ScreenSize
 {
     int columns = 80;
     int rows = 24;
+
+    bool operator==(const ScreenSize &) const = default;
 };
 
 // The whole terminal of standard output while the object lives; afterwards it is as it was.
@@ -27,10 +31,17 @@ public:
     static bool hasColours();
     static ScreenSize size(); // of now: a window changes
 
-    static void show(const QStringList &lines);
+    // Nothing is written where the lines are there already. False: they could not be written.
+    bool show(const QStringList &lines);
+    // Somebody else may have written to it.
+    void forget() { shown.clear(); }
 
 private:
-    static void prepare(); // what the platform needs for control sequences
+    // What the platform needs for control sequences; gives what undoes it.
+    static std::function<void()> prepare();
+
+    const std::function<void()> undo;
+    QStringList shown;
 };
 
 } // namespace WatchTool

@@ -4,6 +4,7 @@
 #include "tools/watch/watch.h"
 
 #include "tools/follow/format.h"
+#include "tools/watch/screen.h"
 
 #include <QCoreApplication>
 
@@ -13,13 +14,6 @@ using namespace Qt::StringLiterals;
 
 namespace WatchTool {
 
-namespace {
-
-constexpr int RedrawPeriod = 100; // ms
-constexpr int AnyWidth = 1000;
-
-} // namespace
-
 Watch::Watch(const Settings &newSettings)
     : settings(newSettings), connection(newSettings.server), events(Console::writeJson)
 {
@@ -28,14 +22,16 @@ Watch::Watch(const Settings &newSettings)
     connection.onLost = [this](const QString &reason, qint64 pause) { lost(reason, pause); };
     duration.setSingleShot(true);
     QObject::connect(&duration, &QTimer::timeout, &duration, [this] { timeIsOver(); });
-    QObject::connect(&redraw, &QTimer::timeout, &redraw, [this] { draw(); });
+    snapshot.onEnd = [this](qint64) { table.endSnapshot(); };
 }
 
 void Watch::start()
 {
+    clock.start();
     if (settings.output == Output::Table && Screen::isUsable()) {
-        screen = std::make_unique<Screen>();
-        redraw.start(RedrawPeriod);
+        live = std::make_unique<LiveTable>(table, clock);
+        live->onQuit = [this] { interrupt(); };
+        live->onOutputLost = [this] { finish(Console::ExitError); };
     }
     if (settings.duration > 0) {
         duration.start(
@@ -53,7 +49,8 @@ void Watch::interrupt()
 void Watch::connected()
 {
     wasConnected = true;
-    table.clear(); // the server tells all of it again
+    table.beginSnapshot(); // the server tells all of it again
+    snapshot.begin();
     status(u"connected to %1"_s.arg(settings.server.text()));
     if (settings.report) {
         connection.send(
@@ -80,7 +77,8 @@ void Watch::noticed(const QMR::Qmra::RadioNotice &notice)
         events.noticed(notice);
         break;
     case Output::Table:
-        table.apply(notice);
+        snapshot.takes(notice.esn); // tells of its end before the notice that shows it
+        table.apply(notice, clock.elapsed());
         break;
     }
     if (settings.report || (settings.count > 0 && notices == settings.count)) {
@@ -91,7 +89,9 @@ void Watch::noticed(const QMR::Qmra::RadioNotice &notice)
 void Watch::lost(const QString &reason, qint64 pause)
 {
     events.disconnected(reason);
-    status(u"%1: %2; trying again in %3 s"_s.arg(settings.server.text(), reason).arg(double(pause) / 1000));
+    snapshot.abandon();
+    status(u"%1: %2; trying again in %3 s"_s.arg(settings.server.text(), reason).arg(double(pause) / 1000),
+           wasConnected);
 }
 
 void Watch::timeIsOver()
@@ -103,17 +103,11 @@ void Watch::timeIsOver()
     }
 }
 
-void Watch::draw()
+void Watch::status(const QString &text, bool isOld)
 {
-    const ScreenSize size = Screen::size();
-    const QStringList head{u"%1 radios, %2"_s.arg(table.size()).arg(statusText).left(size.columns)};
-    Screen::show(head + table.lines(size.columns, size.rows - 1, Screen::hasColours()));
-}
-
-void Watch::status(const QString &text)
-{
-    statusText = text;
-    if (!screen) {
+    if (live) {
+        live->setStatus(text, isOld);
+    } else {
         Console::writeError(text);
     }
 }
@@ -125,10 +119,9 @@ void Watch::finish(int exitCode)
     }
     finished = true;
     connection.stop();
-    redraw.stop();
-    screen.reset();
+    live.reset();
     if (settings.output == Output::Table) {
-        for (const QString &line : table.lines(AnyWidth, 0, false)) {
+        for (const QString &line : plainLines(table)) {
             Console::writeLine(line);
         }
     }

@@ -4,11 +4,13 @@
 #pragma once
 
 #include "tools/follow/connection.h"
+#include "tools/follow/snapshot.h"
 #include "tools/watch/events.h"
+#include "tools/watch/livetable.h"
 #include "tools/watch/radiotable.h"
-#include "tools/watch/screen.h"
 #include "tools/watch/settings.h"
 
+#include <QElapsedTimer>
 #include <QTimer>
 
 #include <memory>
@@ -32,18 +34,17 @@ private:
     void noticed(const QMR::Qmra::RadioNotice &notice);
     void lost(const QString &reason, qint64 pause);
     void timeIsOver();
-    void draw();
-    void status(const QString &text);
+    void status(const QString &text, bool isOld = false);
     void finish(int exitCode);
 
     const Settings settings;
     Follow::Connection connection;
+    QElapsedTimer clock;
     RadioTable table;
-    Events events;                  // of --json
-    std::unique_ptr<Screen> screen; // of a live table
+    Follow::Snapshot snapshot;       // of --table
+    std::unique_ptr<LiveTable> live; // where there is a terminal for it
+    Events events;                   // of --json
     QTimer duration;
-    QTimer redraw; // of the table, with the window's size of then
-    QString statusText;
     quint64 notices = 0;
     bool wasConnected = false;
     bool finished = false;

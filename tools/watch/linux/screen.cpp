@@ -8,8 +8,9 @@
 
 namespace WatchTool {
 
-void Screen::prepare()
+std::function<void()> Screen::prepare()
 {
+    return [] {};
 }
 
 ScreenSize Screen::size()

@@ -7,13 +7,15 @@
 
 namespace WatchTool {
 
-void Screen::prepare()
+std::function<void()> Screen::prepare()
 {
     const HANDLE output = GetStdHandle(STD_OUTPUT_HANDLE);
     DWORD mode = 0;
-    if (GetConsoleMode(output, &mode) != 0) {
-        SetConsoleMode(output, mode | ENABLE_VIRTUAL_TERMINAL_PROCESSING);
+    if (GetConsoleMode(output, &mode) == 0) {
+        return [] {};
     }
+    SetConsoleMode(output, mode | ENABLE_VIRTUAL_TERMINAL_PROCESSING);
+    return [output, mode] { SetConsoleMode(output, mode); };
 }
 
 ScreenSize Screen::size()
