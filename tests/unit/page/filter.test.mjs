@@ -20,6 +20,7 @@ for (const [what, asked, expected] of [
     ["one of its services", { service: "13" }, true],
     ["a service that only looks like one of its", { service: "3" }, false],
     ["its server", { server: "a:1" }, true],
+    ["the beginning of its server's name", { server: "a:" }, false],
     ["a server whose name goes on", { server: "a:11" }, false],
     ["its ESN", { query: "33dd" }, true],
     ["another ESN", { query: "44dd" }, false],

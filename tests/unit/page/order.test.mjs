@@ -41,8 +41,8 @@ test("radios that have not changed stand last in either direction", () => {
 });
 
 test("sorts states from those that are well to those that are not, then numbers", () => {
-    const states = ["9", "unreachable", "10", "unconfirmed", "pending", "registered"].map((state) => ({ state }));
-    assert.deepEqual(sorted("state", false, ...states), [5, 4, 3, 1, 0, 2]);
+    const states = ["10", "unreachable", "9", "unconfirmed", "pending", "registered"].map((state) => ({ state }));
+    assert.deepEqual(sorted("state", false, ...states), [5, 4, 3, 1, 2, 0]);
 });
 
 test("sorts services code by code", () => {

@@ -95,6 +95,7 @@ test("a connection that ends is made anew after a pause", () => {
 
 test("a connection that says nothing is given up, each event puts that off", () => {
     const { environment, seen, source } = opened();
+    assert.equal(environment.timers.size, 1);
     const [before] = environment.timers.keys();
     source.play("status", {});
     assert.ok(!environment.timers.has(before));

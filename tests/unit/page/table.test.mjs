@@ -48,6 +48,7 @@ test("a radio that is gone is taken out, also one that came and went between", (
         radio(esn(4), { state: "gone" }),
     ]);
     assert.equal(table.flush(), true);
+    assert.equal(table.flush(), false);
     assert.deepEqual(shown(table), [2]);
     assert.equal(table.row(makeRow(radio(esn(1))).key), undefined);
 });

@@ -40,7 +40,7 @@ export function comparator(column, descending) {
     const sign = descending ? -1 : 1;
     return (a, b) =>
         missing(a) - missing(b) ||
-        (missing(a) ? 0 : sign * compare(a, b)) ||
+        sign * compare(a, b) ||
         compareValues(a.esn, b.esn) ||
         compareValues(a.server, b.server);
 }

@@ -11,11 +11,7 @@ export function keyOf(radio) {
     return `${radio.server} ${radio.esn}`;
 }
 
-/** An IPv4 address as a number; one that is missing comes after all others. */
 function addressNumber(address) {
-    if (address === null) {
-        return 2 ** 32;
-    }
     return address.split(".").reduce((number, part) => number * 256 + Number(part), 0);
 }
 
@@ -36,7 +32,7 @@ export function makeRow(radio) {
         suid: suidText(radio),
         suidDigits: radio.wacn + radio.system + radio.unit,
         address: radio.address,
-        addressNumber: addressNumber(radio.address),
+        addressNumber: radio.address === null ? null : addressNumber(radio.address),
         state: radio.state,
         stateRank: stateRank(radio.state),
         services: radio.services,

@@ -4,7 +4,6 @@
 // What a person types to find radios; tests/support/searchcases.json has it by examples, for every language.
 
 const SUID_WIDTHS = [5, 3, 6];
-const SUID_DIGITS = 14;
 
 function isDigits(text) {
     return /^[0-9A-F]*$/.test(text);
@@ -13,8 +12,9 @@ function isDigits(text) {
 /** The beginnings of a SUID's digits that a text with this separator may mean. */
 function suidReadings(text, separator) {
     const fields = text.split(separator);
+    // A fourth field has no width to fit into.
     const fits = (field, index) => field.length <= SUID_WIDTHS[index] && isDigits(field);
-    if (fields.length < 2 || fields.length > SUID_WIDTHS.length || !fields.every(fits)) {
+    if (fields.length < 2 || !fields.every(fits)) {
         return [];
     }
     // A number in front of a separator is that number. The last may be that number, or its beginning as it is written.
@@ -38,7 +38,7 @@ export function makeSearch(typed) {
         return null;
     }
     const suids = [...suidReadings(text, "/"), ...suidReadings(text, ".")];
-    if (isDigits(text) && text.length <= SUID_DIGITS) {
+    if (isDigits(text)) {
         suids.push(text);
     }
     const esnOf = text.includes(":") ? (row) => withColons(row.esn) : (row) => row.esn;
