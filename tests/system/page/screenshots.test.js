@@ -60,7 +60,9 @@ for (const [name, options] of Object.entries({
         const visit = await Visit.begin(browser, monitor.origin, { ...options, reducedMotion: "reduce" });
         const { page } = visit;
         await visit.untilCount(`${RADIOS} radios`);
-        await page.waitForSelector("#minutes-plot canvas");
+        await visit.until(() =>
+            /Changes: .* at most [1-9]/.test(document.querySelector("#seconds-summary").textContent),
+        );
         await visit.untilText("#totals", `${RADIOS} all radios`);
         await page.click(".head .changed button");
         if (name !== "phone") {
