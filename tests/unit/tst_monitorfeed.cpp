@@ -173,6 +173,18 @@ private slots:
         goMany();
         QCOMPARE(all(later), (QStringList{u"reset"_s, u"snapshot 0"_s}));
     }
+    void whatIsForgottenWhileTheTableIsToldWasNeverHeardOf()
+    {
+        changes(1);
+        goMany();
+        changes(2);
+        Feed feed(*observed);
+        feed.next();
+        auto notice = of(3, QMR::Deregistered);
+        observed->table.noticed(0, notice, false, 1000); // one that had gone before is forgotten for it
+        QVERIFY(observed->table.forgottenOrder() > 0);
+        QCOMPARE(all(feed), (QStringList{u"radios 01 02"_s, u"snapshot 2"_s, u"radios 03-gone"_s}));
+    }
     void readerThatWasToldOfTheLastOneForgottenHasMissedNothing()
     {
         changes(1);

@@ -69,7 +69,7 @@ private slots:
         observed->table.noticed(0, of(1), true, Time);
         observed->table.noticed(0, of(2, QMR::Unconfirmed), true, Time);
         observed->table.noticed(0, of(9, 77), true, Time);
-        observed->table.snapshotEnded(0, 3, Time);
+        observed->table.snapshotEnded(0, 3);
         observed->table.noticed(0, of(3, QMR::Registered, true), false, Time + 1000);
         observed->table.noticed(0, of(2, QMR::Deregistered), false, Time + 1250);
         observed->table.noticed(0, of(9, 77), false, Time + 1250);
@@ -220,7 +220,7 @@ private slots:
                  (QList<std::pair<QByteArray, QByteArray>>{
                      {"WWW-Authenticate"_ba, "Basic realm=\"Quillmere\", charset=\"UTF-8\""_ba}}));
         QCOMPARE(ask(u"/nothing"_s).status, 401); // nor what there is
-        QCOMPARE(ask(u"/healthz"_s).status, 503);
+        QCOMPARE(text(ask(u"/healthz"_s)), "503 text/plain; charset=utf-8 not all servers are there\n"_ba);
         Request request;
         request.method = "GET"_ba;
         request.path = u"/metrics"_s;

@@ -183,7 +183,8 @@ private slots:
         for (const int serial : {1, 2, 3}) {
             table->noticed(0, of(serial), true, 2000);
         }
-        table->snapshotEnded(0, 3, 2500);
+        table->snapshotEnded(0, 3);
+        table->dropUntold(0, 2500);
         QCOMPARE(table->size(), 3);
         table->disconnected(0, u"away"_s, 3000);
         QCOMPARE(table->size(), 3);
@@ -191,7 +192,8 @@ private slots:
         table->noticed(0, of(1), true, 4000);
         table->noticed(0, of(3, QMR::Unconfirmed), true, 4000);
         QCOMPARE(table->size(), 3);
-        table->snapshotEnded(0, 2, 5000);
+        table->snapshotEnded(0, 2);
+        table->dropUntold(0, 5000);
         QCOMPARE(server().snapshot, 2);
         QCOMPARE(table->size(), 2);
         QVERIFY(radio(2).now().isGone());
@@ -203,7 +205,8 @@ private slots:
         QCOMPARE(server().notices[QMR::Deregistered], quint64{0}); // nobody has told so
         const quint64 order = table->lastOrder();
         table->connected(0, 6000);
-        table->snapshotEnded(0, 0, 7000);
+        table->snapshotEnded(0, 0);
+        table->dropUntold(0, 7000);
         QCOMPARE(table->lastOrder(), order + 2); // what is gone already does not go again
     }
     void radiosOfAnotherServerStay()
@@ -211,7 +214,8 @@ private slots:
         table->connected(1, 1000);
         table->noticed(1, of(1), true, 2000);
         table->connected(0, 3000);
-        table->snapshotEnded(0, 0, 4000);
+        table->snapshotEnded(0, 0);
+        table->dropUntold(0, 4000);
         QCOMPARE(table->size(), 1);
     }
 
@@ -266,7 +270,8 @@ private slots:
             table->noticed(0, notice, true, 2000);
         }
         table->connected(0, 3000);
-        table->snapshotEnded(0, 0, 4000);
+        table->snapshotEnded(0, 0);
+        table->dropUntold(0, 4000);
         QCOMPARE(table->size(), 0);
         QCOMPARE(table->radiosOf(0).size(), Table::LongestMemory);
         QVERIFY(!table->radiosOf(0).contains(esn(50)));

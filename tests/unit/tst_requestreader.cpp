@@ -95,6 +95,12 @@ private slots:
         QTest::newRow("chunks") << QByteArray(get("Transfer-Encoding: chunked\r\n"_ba) +
                                               "1\r\na\r\n0\r\n\r\n")
                                 << 413;
+        QTest::newRow("other encoding") << get("Transfer-Encoding: gzip\r\n"_ba) << 413;
+        QTest::newRow("endless chunk")
+            << QByteArray(get("Transfer-Encoding: chunked\r\n"_ba) + "0;" + QByteArray(20000, 'a')) << 413;
+        QTest::newRow("long trailer") << QByteArray(get("Transfer-Encoding: chunked\r\n"_ba) +
+                                                    "0\r\nX: " + QByteArray(20000, 'a') + "\r\n\r\n")
+                                      << 413;
         QTest::newRow("long path") << QByteArray("GET /" + QByteArray(9000, 'a') + " HTTP/1.1" + host +
                                                  "\r\n")
                                    << 431;

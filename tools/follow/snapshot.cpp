@@ -15,7 +15,7 @@ Snapshot::Snapshot()
 {
     quiet.setSingleShot(true);
     quiet.setInterval(PauseAfterSnapshot);
-    QObject::connect(&quiet, &QTimer::timeout, &quiet, [this] { end(); });
+    QObject::connect(&quiet, &QTimer::timeout, &quiet, [this] { end(End::AfterPause); });
 }
 
 void Snapshot::begin()
@@ -31,7 +31,7 @@ bool Snapshot::takes(const QMR::Esn &esn)
         return false;
     }
     if (last && !(*last < esn)) {
-        end();
+        end(End::Certain);
         return false;
     }
     last = esn;
@@ -45,10 +45,10 @@ void Snapshot::abandon()
     quiet.stop();
 }
 
-void Snapshot::end()
+void Snapshot::end(End how)
 {
     quiet.stop();
-    onEnd(radios);
+    onEnd(radios, how);
 }
 
 } // namespace Follow

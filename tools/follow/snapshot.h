@@ -18,9 +18,11 @@ namespace Follow {
 class Snapshot
 {
 public:
+    // After a pause it may be that the network only stood still, and more of it comes.
+    enum class End { AfterPause, Certain };
     // radios: so many were told, and they were all that the server had. Called in front of the change that
     // shows it.
-    std::function<void(qint64 radios)> onEnd;
+    std::function<void(qint64 radios, End end)> onEnd;
 
     Snapshot();
     Q_DISABLE_COPY_MOVE(Snapshot)
@@ -32,7 +34,7 @@ public:
     bool isGoingOn() const { return quiet.isActive(); }
 
 private:
-    void end();
+    void end(End how);
 
     std::optional<QMR::Esn> last;
     qint64 radios = 0;

@@ -29,7 +29,6 @@ void Feed::beginAnew()
 {
     told = 0;
     endOfTable = observed.table.lastOrder();
-    forgottenBefore = observed.table.forgottenOrder();
     radiosOfTable = 0;
     tableIsTold = false;
 }
@@ -40,7 +39,8 @@ QByteArray Feed::next()
         toldStatus = observed.statusNumber;
         return event("status", observed.status);
     }
-    if (observed.table.forgottenOrder() > std::max(told, forgottenBefore)) {
+    // What was forgotten and had gone before the table began to be told, the reader never heard of.
+    if (observed.table.forgottenOrder() > std::max(told, endOfTable)) {
         beginAnew();
         return event("reset", "{}");
     }

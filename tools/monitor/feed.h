@@ -30,9 +30,8 @@ private:
 
     const Observed &observed;
     quint64 toldStatus = 0;
-    quint64 told = 0;            // the order of the change told last
-    quint64 endOfTable = 0;      // the order of the last change as the table began to be told
-    quint64 forgottenBefore = 0; // what had been forgotten then has never been told
+    quint64 told = 0;       // the order of the change told last
+    quint64 endOfTable = 0; // the order of the last change as the table began to be told
     qint64 radiosOfTable = 0;
     bool tableIsTold = false;
 };

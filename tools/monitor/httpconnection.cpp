@@ -37,29 +37,45 @@ HttpConnection::~HttpConnection()
 
 void HttpConnection::read()
 {
+    if (hasEnded) {
+        return;
+    }
     if (stream || isClosing) {
         socket->readAll(); // nothing more is asked here
         return;
     }
     // What is sent waits for the other side, and the next request waits for that.
-    while (socket->bytesToWrite() < MostUnsent) {
+    if (socket->bytesToWrite() >= MostUnsent) {
+        return;
+    }
+    RequestReader::Result result = reader.next();
+    if (!result.request && result.error == 0 && socket->bytesAvailable() > 0) {
         reader.add(socket->readAll());
-        RequestReader::Result result = reader.next();
-        if (result.error != 0) {
-            refuseRequest(result.error, "this is no request that can be read"_ba);
-            return;
-        }
-        if (!result.request) {
-            // Only its first bytes begin its time: whoever sends it bit by bit gets no more.
-            if (reader.isWithinRequest() && !std::exchange(isRequestDue, true)) {
-                deadline.start(patience.request);
-            }
-            return;
-        }
+        result = reader.next();
+    }
+    if (result.error != 0) {
+        refuseRequest(result.error, "this is no request that can be read"_ba);
+    } else if (result.request) {
         answer(*result.request);
-        if (stream || isClosing) {
-            return;
-        }
+        readNext();
+    } else if (reader.isWithinRequest() && !std::exchange(isRequestDue, true)) {
+        // Only its first bytes begin its time: whoever sends it bit by bit gets no more.
+        deadline.start(patience.request);
+    }
+}
+
+void HttpConnection::readNext()
+{
+    // One request a turn: whoever sends a thousand at once does not keep the others, and the servers,
+    // waiting.
+    if (!std::exchange(isReadDue, true)) {
+        QMetaObject::invokeMethod(
+            socket.get(),
+            [this] {
+                isReadDue = false;
+                read();
+            },
+            Qt::QueuedConnection);
     }
 }
 
@@ -72,20 +88,22 @@ void HttpConnection::answer(const Request &received)
     Answer answer = answering(request);
     const bool isHead = request.method == "HEAD";
     const bool streams = answer.stream && !isHead;
-    send(answer, request.keepAlive && !streams, !isHead);
+    // Who is not served has no claim to a place.
+    const bool isLast = !request.keepAlive || answer.status >= 400;
+    send(answer, !isHead, isLast || streams, isLast && !streams ? After::Close : After::Stay);
     if (streams) {
         stream = std::move(answer.stream);
         tell();
     }
 }
 
-void HttpConnection::send(const Answer &answer, bool keepAlive, bool withBody)
+void HttpConnection::send(const Answer &answer, bool withBody, bool isLast, After after)
 {
-    socket->write(head(answer, keepAlive));
+    socket->write(head(answer, !isLast));
     if (withBody) {
         socket->write(answer.body);
     }
-    if (!keepAlive && !answer.stream) {
+    if (after == After::Close) {
         isClosing = true;
         socket->disconnectFromHost(); // once it is sent
     }
@@ -94,7 +112,8 @@ void HttpConnection::send(const Answer &answer, bool keepAlive, bool withBody)
 void HttpConnection::refuse(int status, const QByteArray &text)
 {
     deadline.start(patience.request);
-    send(Answer::error(status, text), false, true);
+    isRefused = true;
+    send(Answer::error(status, text), true, true, After::Close);
 }
 
 void HttpConnection::refuseRequest(int status, const QByteArray &text)
@@ -102,15 +121,17 @@ void HttpConnection::refuseRequest(int status, const QByteArray &text)
     // More of it may be on its way. Who is still sending would not get the answer from a socket that is
     // closed.
     isClosing = true;
+    isRefused = true;
     deadline.start(patience.closing);
-    const Answer answer = Answer::error(status, text);
-    socket->write(head(answer, false) + answer.body);
+    send(Answer::error(status, text), true, true, After::Stay);
 }
 
 void HttpConnection::tell()
 {
-    while (stream && socket->bytesToWrite() < MostUnsent) {
-        const QByteArray next = stream->next();
+    isHeldUp = false;
+    while (stream && !hasEnded) {
+        isHeldUp = socket->bytesToWrite() >= MostUnsent;
+        const QByteArray next = isHeldUp ? QByteArray() : stream->next();
         if (next.isEmpty()) {
             return;
         }
@@ -120,16 +141,16 @@ void HttpConnection::tell()
 
 void HttpConnection::written()
 {
-    if (isClosing) {
+    if (hasEnded || isRefused) {
         return;
     }
     if (!isRequestDue) {
         deadline.start(patience.idle);
     }
-    if (stream) {
+    if (isHeldUp) {
         tell();
-    } else {
-        read();
+    } else if (!stream && !isClosing) {
+        readNext();
     }
 }
 

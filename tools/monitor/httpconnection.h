@@ -46,9 +46,11 @@ public:
 
 private:
     void read();
+    void readNext(); // in the event loop's next turn
     void answer(const Request &request);
     void refuseRequest(int status, const QByteArray &text);
-    void send(const Answer &answer, bool keepAlive, bool withBody);
+    enum class After { Stay, Close };
+    void send(const Answer &answer, bool withBody, bool isLast, After after);
     void written();
     void timeIsOver();
     void end();
@@ -62,6 +64,9 @@ private:
     QTimer deadline;
     bool isRequestDue = true; // the deadline is that of a request
     bool isClosing = false;   // after what is still to be sent
+    bool isRefused = false;   // and what still comes is no longer read for what it is
+    bool isReadDue = false;   // readNext() has been called, and its turn has not come
+    bool isHeldUp = false;    // the stream has more to tell than the other side has taken
     bool hasEnded = false;
 };
 

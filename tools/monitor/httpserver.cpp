@@ -13,6 +13,7 @@ namespace Monitor {
 namespace {
 
 constexpr int PauseWithoutDescriptors = 1000; // ms
+constexpr qsizetype LargeBody = 65536;        // bytes; what is smaller is always answered
 const auto TooMany = "too many connections"_ba;
 
 } // namespace
@@ -22,8 +23,10 @@ HttpServer::HttpServer(HttpConnection::Answering newAnswering, HttpConnection::P
 {
     QObject::connect(&listener, &QTcpServer::newConnection, &listener, [this] { accept(); });
     // Qt no longer accepts then, and does not begin again by itself.
-    QObject::connect(&listener, &QTcpServer::acceptError, &listener,
-                     [this] { again.start(PauseWithoutDescriptors); });
+    QObject::connect(&listener, &QTcpServer::acceptError, &listener, [this] {
+        makeRoom();
+        again.start(PauseWithoutDescriptors);
+    });
     again.setSingleShot(true);
     QObject::connect(&again, &QTimer::timeout, &again, [this] { listener.resumeAccepting(); });
 }
@@ -78,10 +81,10 @@ bool HttpServer::makeRoom()
 Answer HttpServer::answer(Places::iterator place, const Request &request)
 {
     places.splice(places.end(), places, place);
-    if (unsent() >= MostUnsent) {
+    Answer answer = answering(request);
+    if (answer.body.size() > LargeBody && unsent() >= MostUnsent) {
         return Answer::error(503, "too much is waiting to be taken"_ba);
     }
-    Answer answer = answering(request);
     if (answer.stream && streams() >= MostStreams) {
         return Answer::error(503, "too many streams"_ba);
     }

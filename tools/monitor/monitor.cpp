@@ -17,6 +17,10 @@ namespace {
 
 constexpr int TellPeriod = 100;    // ms
 constexpr int StatusPeriod = 1000; // ms
+// A network that stands still for half a second is no rare thing, and a radio that is shown for too long is
+// better than all of them gone and back.
+constexpr int PauseBeforeDrop = 10000; // ms
+constexpr int AlivePeriod = 30000;     // ms
 
 qint64 now()
 {
@@ -51,6 +55,14 @@ Monitor::Monitor(const Settings &newSettings, Access access)
 {
     site.streams = [this] { return http.streams(); };
     QObject::connect(&tell, &QTimer::timeout, &tell, [this] { http.tellStreams(); });
+    // A server that is cut off never says so: only what is sent and not acknowledged tells of it.
+    QObject::connect(&alive, &QTimer::timeout, &alive, [this] {
+        for (size_t i = 0; i < followed.size(); ++i) {
+            if (observed.table.servers()[i].isConnected) {
+                followed[i]->connection.send(QMR::Qmra::encodeIgnored());
+            }
+        }
+    });
     status.setTimerType(Qt::PreciseTimer);
     QObject::connect(&status, &QTimer::timeout, &status, [this] { putStatusIntoWords(); });
 }
@@ -70,6 +82,7 @@ bool Monitor::start()
     putStatusIntoWords();
     tell.start(TellPeriod);
     status.start(StatusPeriod);
+    alive.start(AlivePeriod);
     return true;
 }
 
@@ -77,7 +90,13 @@ void Monitor::follow(int index)
 {
     const Console::Endpoint server = settings.servers[index];
     Followed &it = *followed.emplace_back(std::make_unique<Followed>(server));
-    it.snapshot.onEnd = [this, index](qint64 radios) { observed.table.snapshotEnded(index, radios, now()); };
+    it.dropUntold.setSingleShot(true);
+    QObject::connect(&it.dropUntold, &QTimer::timeout, &it.dropUntold,
+                     [this, index] { observed.table.dropUntold(index, now()); });
+    it.snapshot.onEnd = [this, index, &it](qint64 radios, Follow::Snapshot::End end) {
+        observed.table.snapshotEnded(index, radios);
+        it.dropUntold.start(end == Follow::Snapshot::End::Certain ? 0 : PauseBeforeDrop);
+    };
     it.connection.onConnected = [this, index, &it, server] {
         observed.table.connected(index, now());
         it.snapshot.begin();
@@ -87,6 +106,7 @@ void Monitor::follow(int index)
     it.connection.onNotice = [this, index](const auto &notice) { noticed(index, notice); };
     it.connection.onLost = [this, index, &it, server](const QString &reason, qint64 pause) {
         it.snapshot.abandon();
+        it.dropUntold.stop();
         observed.table.disconnected(index, reason, now());
         putStatusIntoWords();
         Console::writeError(

@@ -36,6 +36,7 @@ private:
 
         Follow::Connection connection;
         Follow::Snapshot snapshot;
+        QTimer dropUntold; // where only a pause says that the snapshot has ended
     };
 
     void follow(int index);
@@ -51,6 +52,7 @@ private:
     std::vector<std::unique_ptr<Followed>> followed;
     QTimer tell;   // the streams what has changed
     QTimer status; // each second anew
+    QTimer alive;  // asks TCP whether the servers are still there
 };
 
 } // namespace Monitor

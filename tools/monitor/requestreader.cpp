@@ -51,6 +51,10 @@ RequestReader::Result RequestReader::next()
         const size_t used = parser->put(
             boost::asio::const_buffer(input.constData(), static_cast<size_t>(input.size())), error);
         input.remove(0, static_cast<qsizetype>(used));
+        // What is sent in chunks has no bound of its own, and nothing here takes a body.
+        if (parser->is_header_done() && parser->get().count(http::field::transfer_encoding) > 0) {
+            return {std::nullopt, 413};
+        }
         if (error == http::error::need_more) {
             return {};
         }

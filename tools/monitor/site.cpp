@@ -72,7 +72,8 @@ Answer Site::answer(const Request &request) const
     if (isLocal && !request.host.isEmpty() && !isOwnName(request.host)) {
         return Answer::error(421, "this is served at an address, not at a name"_ba);
     }
-    if (!access.knows(request.authorization) && request.path != u"/healthz") {
+    const bool isKnown = access.knows(request.authorization);
+    if (!isKnown && request.path != u"/healthz") {
         Answer answer = Answer::error(401, "a login is needed"_ba);
         answer.fields.append({"WWW-Authenticate"_ba, "Basic realm=\"Quillmere\", charset=\"UTF-8\""_ba});
         return answer;
@@ -82,7 +83,7 @@ Answer Site::answer(const Request &request) const
         answer.fields.append({"Allow"_ba, "GET, HEAD"_ba});
         return answer;
     }
-    return found(request);
+    return request.path == u"/healthz" ? health(isKnown) : found(request);
 }
 
 Answer Site::found(const Request &request) const
@@ -93,9 +94,6 @@ Answer Site::found(const Request &request) const
         if (path == QLatin1StringView(page.path) && file.open(QIODevice::ReadOnly)) {
             return {200, page.type, file.readAll()};
         }
-    }
-    if (path == u"/healthz") {
-        return health();
     }
     if (path == u"/metrics") {
         return {200, "text/plain; version=0.0.4; charset=utf-8"_ba,
@@ -118,7 +116,7 @@ Answer Site::found(const Request &request) const
     return Answer::error(404, "there is nothing at this path"_ba);
 }
 
-Answer Site::health() const
+Answer Site::health(bool isKnown) const
 {
     QByteArray away;
     for (const Server &server : observed.table.servers()) {
@@ -127,7 +125,11 @@ Answer Site::health() const
             away += QString(server.name + u": " + reason + u'\n').toUtf8();
         }
     }
-    return away.isEmpty() ? Answer{200, TextType, "ok\n"_ba} : Answer{503, TextType, away};
+    if (away.isEmpty()) {
+        return {200, TextType, "ok\n"_ba};
+    }
+    // Which servers there are is for those who may know.
+    return {503, TextType, isKnown ? away : "not all servers are there\n"_ba};
 }
 
 Answer Site::listing(const QUrlQuery &query) const

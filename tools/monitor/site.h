@@ -29,7 +29,7 @@ public:
 
 private:
     Answer found(const Request &request) const;
-    Answer health() const;
+    Answer health(bool isKnown) const;
     Answer listing(const QUrlQuery &query) const;
     Answer radio(const QString &esn) const;
 

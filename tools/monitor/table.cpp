@@ -87,10 +87,14 @@ void Table::noticed(int index, const QMR::Qmra::RadioNotice &notice, bool inSnap
     }
 }
 
-void Table::snapshotEnded(int index, qint64 count, qint64 now)
+void Table::snapshotEnded(int index, qint64 count)
 {
-    Server &server = allServers[static_cast<size_t>(index)];
-    server.snapshot = count;
+    allServers[static_cast<size_t>(index)].snapshot = count;
+}
+
+void Table::dropUntold(int index, qint64 now)
+{
+    const Server &server = allServers[static_cast<size_t>(index)];
     for (auto &[esn, radio] : radios[static_cast<size_t>(index)]) {
         if (radio.connection != server.connections && !radio.now().isGone()) {
             radio.changed = true;

@@ -85,7 +85,9 @@ public:
     void connected(int server, qint64 now);
     // inSnapshot: it tells how the radio stands, not that it has changed.
     void noticed(int server, const QMR::Qmra::RadioNotice &notice, bool inSnapshot, qint64 now);
-    void snapshotEnded(int server, qint64 radios, qint64 now);
+    void snapshotEnded(int server, qint64 radios);
+    // What this connection has not told of is gone.
+    void dropUntold(int server, qint64 now);
     void disconnected(int server, const QString &reason, qint64 now);
 
     const std::vector<Server> &servers() const { return allServers; }
