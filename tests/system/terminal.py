@@ -139,6 +139,34 @@ class LiveTable(Terminal):
         lines = self.wait_for_table(20, 40)
         self.assertRegex(lines[3], r"^[ >] 0000000000000001 registered +- *$")
 
+    def test_shows_how_long_ago_a_radio_changed(self):
+        self.wait_for_table()
+        self.tell([1], 1)
+        for age in range(3):
+            self.wait_for(lambda age=age: re.search(rf" unreachable {age} s +2$", self.text()[3]))
+
+    def test_is_drawn_anew_in_a_window_of_another_size(self):
+        lines = self.wait_for_table()
+        frames = self.output.count(b"\x1b[H")
+        self.resize(12, 101)
+        self.wait_for(lambda: self.output.count(b"\x1b[H") > frames)
+        self.assertEqual(self.text(), lines)
+
+    def test_comes_back_after_a_stop_that_nobody_announced(self):
+        self.wait_for_table()
+        settings = termios.tcgetattr(self.other_end)
+        for left_by_shell in self.settings, settings:
+            self.watch.send_signal(signal.SIGSTOP)
+            os.waitpid(self.watch.pid, os.WUNTRACED)
+            termios.tcsetattr(self.other_end, termios.TCSANOW, left_by_shell)
+            self.output = b""
+            self.watch.send_signal(signal.SIGCONT)
+            self.wait_for_table()
+            self.assertEqual(termios.tcgetattr(self.other_end), settings)
+        self.output = FULL_SCREEN + self.output
+        self.press(b"q")
+        self.wait_for_end()
+
     def test_colours_the_states(self):
         self.wait_for_table()
         self.assertRegex(self.frame()[3], r"\x1b\[32mregistered *\x1b\[0m")
@@ -247,10 +275,6 @@ class LiveKeys(Terminal):
         self.press(b"q")
         self.wait_for_end()
 
-    def test_know_no_way_to_end_with_the_settings_lost(self):
-        self.press(CTRL_BACKSLASH, END)
-        self.wait_for_foot("23-30 of 30")
-
 
 class OtherStreams(Terminal):
     def test_table_is_shown_where_there_is_no_keyboard(self):
@@ -324,6 +348,8 @@ class JobControl(Terminal):
         self.stop()
         self.output = b""
         self.type("bg")
+        self.server.close()
+        self.accept()  # it goes on: it has come back
         self.tell([5], 1)
         self.leaves_shell_with(b"0")
         self.type("fg")
@@ -344,6 +370,10 @@ class JobControl(Terminal):
         self.assertTrue(select.select([tool], [], [], PATIENCE)[0])
         self.type("wait %1")
         self.leaves_shell_with(b"0")
+
+    def test_does_not_end_with_the_settings_lost(self):
+        self.press(CTRL_BACKSLASH, END)
+        self.wait_for_foot("23-30 of 30")
 
     def test_ends_at_ctrl_c(self):
         self.output = b""

@@ -174,6 +174,8 @@ private slots:
         selection->setSearch(u"nothing"_s);
         QCOMPARE(selection->indexFrom(place), size_t{0});
         QVERIFY(!selection->indexOf(*table->find(radioNotice(30).esn)).has_value());
+        selection->setSearch(u"0011AABB22CC331E"_s);
+        QVERIFY(!selection->indexOf(*table->find(radioNotice(10).esn)).has_value());
         selection->setSearch(u"0011AABB22CC330A"_s);
         QVERIFY(!selection->indexOf(*table->find(radioNotice(30).esn)).has_value());
     }

@@ -231,8 +231,9 @@ private slots:
         lines();
         press(Key::Code::PageDown);
         QCOMPARE(shown(), range(9, 16));
-        apply(1, QMR::Deregistered);
+        apply(0);
         QCOMPARE(shown(), range(9, 16));
+        apply(1, QMR::Deregistered);
         apply(0);
         QCOMPARE(shown(), range(9, 16));
         apply(9, QMR::Deregistered);
@@ -387,6 +388,17 @@ private slots:
             press(Key::Code::Home); // nothing has been chosen
         }
         QCOMPARE(shown(), serials);
+    }
+
+    void allStatesAreShownFromTheTop()
+    {
+        apply(1, QMR::Unreachable);
+        type(u"4"_s);
+        lines();
+        press(Key::Code::End);
+        QCOMPARE(shown(), range(13, 20));
+        type(u"0"_s);
+        QCOMPARE(shown(), range(1, 8));
     }
 
     void chosenStateIsNamedWhereNoRadioHasIt()
