@@ -207,6 +207,11 @@ Section
         Delete "$INSTDIR\quillmere-old.exe"
         Rename "$INSTDIR\quillmere.exe" "$INSTDIR\quillmere-old.exe"
     ${EndIf}
+    ${If} ${FileExists} "$INSTDIR\quillmere-monitor.exe"
+        ; So may a monitor that runs: it goes on as it is.
+        Delete "$INSTDIR\quillmere-monitor-old.exe"
+        Rename "$INSTDIR\quillmere-monitor.exe" "$INSTDIR\quillmere-monitor-old.exe"
+    ${EndIf}
     SetOutPath $INSTDIR
     ClearErrors
     File /r "${CONTENT}\*"

@@ -40,7 +40,8 @@ MESSAGE_TABLE = bytes.fromhex(
 class Executables(unittest.TestCase):
     def test_are_those_that_an_operator_gets(self):
         names = [path.name for path in EXECUTABLES]
-        self.assertEqual(names, ["quillmere-check.exe", "quillmere-radio.exe", "quillmere-watch.exe", "quillmere.exe"])
+        self.assertEqual(names, ["quillmere-check.exe", "quillmere-monitor.exe", "quillmere-radio.exe", "quillmere-watch.exe",
+                                 "quillmere.exe"])
 
     def test_are_packed_with_their_papers(self):
         with zipfile.ZipFile(BIN.parent / "quillmere-windows.zip") as archive:
@@ -48,7 +49,8 @@ class Executables(unittest.TestCase):
             for path in EXECUTABLES:
                 with self.subTest(path.name):
                     self.assertEqual(archive.read(f"quillmere/{path.name}"), path.read_bytes())
-        for paper in ("LICENSE.txt", "README.md", "CHANGELOG.md", "docs/windows.md", "docs/operations.md"):
+        for paper in ("LICENSE.txt", "README.md", "CHANGELOG.md", "docs/windows.md", "docs/operations.md",
+                      "docs/monitoring/quillmere.rules.yml", "docs/monitoring/dashboard.json"):
             self.assertIn(f"quillmere/{paper}", names)
         self.assertEqual([name for name in names if name.endswith(".exe")], [f"quillmere/{p.name}" for p in EXECUTABLES])
 
@@ -60,11 +62,23 @@ class Executables(unittest.TestCase):
             self.assertEqual(whole["checksums"], [{"algorithm": "SHA256", "checksumValue": digest}])
             names = {component["name"] for component in components}
             self.assertLessEqual({"qt6-base", "sqlite3", "mingw-w64-x86-64-dev", "gcc-mingw-w64-x86-64-posix"}, names)
-            self.assertEqual({row["relationshipType"] for row in bill["relationships"]}, {"DESCRIBES", "STATIC_LINK"})
+            self.assertEqual({row["relationshipType"] for row in bill["relationships"]}, {"DESCRIBES", "STATIC_LINK", "CONTAINS"})
+            self.assertEqual(self.contained(bill), {("libboost1.74-dev", "BSL-1.0"), *self.of_the_page()})
             self.assertEqual(len(bill["relationships"]), len(bill["packages"]))
             sqlite = next(component for component in components if component["name"] == "sqlite3")
             # As the server itself says it.
             self.assertIn(sqlite["versionInfo"].split("-")[0].encode(), SERVER.read_bytes())
+
+    @staticmethod
+    def contained(bill):
+        """What is compiled or bundled into the executables: its name and its licence."""
+        inside = {row["relatedSpdxElement"] for row in bill["relationships"] if row["relationshipType"] == "CONTAINS"}
+        return {(package["name"], package["licenseDeclared"]) for package in bill["packages"] if package["SPDXID"] in inside}
+
+    @staticmethod
+    def of_the_page():
+        packages = json.loads((BIN.parent / "tools/monitor/page/materials.json").read_text())
+        return {(package["name"], package.get("licence") or package["license"]) for package in packages}
 
     def test_are_stripped(self):
         for path in EXECUTABLES:

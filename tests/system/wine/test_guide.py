@@ -4,7 +4,7 @@
 """Does what docs/windows.md says, as it stands there, at a command prompt in one Wine.
 
 A command of the guide that nothing here runs is a failure. QUILLMERE_BIN and QUILLMERE_TEST_BIN are as test_installer.py
-tells; icacls, sc and wevtutil, which Wine only pretends to have, are recorded. What needs PowerShell, which Wine has not got,
+tells; icacls, sc, schtasks and wevtutil, which Wine only pretends to have, are recorded. What needs PowerShell, which Wine has not got,
 is left out by name.
 """
 
@@ -12,11 +12,13 @@ import os
 import pathlib
 import shlex
 import shutil
+import socket
 import subprocess
 import sys
 import unittest
+import urllib.request
 
-from server import RUNNING, STOPPED, Radio, Server
+from server import RUNNING, STOPPED, Radio, Server, free_port
 from wineprefix import WinePrefix
 
 HERE = pathlib.Path(__file__).resolve().parent
@@ -30,9 +32,10 @@ EXECUTABLES = {"quillmere": BIN / "quillmere.exe", "servicecontrol": TEST_BIN / 
 DOCUMENT = HERE.parent.parent.parent / "docs" / "windows.md"
 DOWNLOADS = r"C:\downloads"
 FOLDER = r"C:\Quillmere"
-RECORDED = ("icacls.exe", "netsh.exe", "sc.exe", "wevtutil.exe")
-PROGRAMS = {"icacls", "quillmere-setup.exe", "quillmere.exe", "sc.exe", "sqlite3", "uninstall.exe", "wevtutil"}
-POWERSHELL = ("New-NetFirewallRule", "Get-WinEvent")
+RECORDED = ("icacls.exe", "netsh.exe", "sc.exe", "schtasks.exe", "wevtutil.exe")
+PROGRAMS = {"icacls", "quillmere-monitor.exe", "quillmere-setup.exe", "quillmere.exe", "sc.exe", "schtasks", "sqlite3", "uninstall.exe",
+            "wevtutil"}
+POWERSHELL = ("New-NetFirewallRule", "Get-WinEvent", "New-ScheduledTaskAction")
 
 
 class Guided(unittest.TestCase):
@@ -71,7 +74,7 @@ class Guided(unittest.TestCase):
         record = self.wine.unix_path(r"C:\recorded-commands.txt")
         record.unlink(missing_ok=True)
         self.prompt(text)
-        lines = [line for line in text.splitlines() if line.split()[0] in ("icacls", "sc.exe", "wevtutil")]
+        lines = [line for line in text.splitlines() if line.split()[0] in ("icacls", "sc.exe", "schtasks", "wevtutil")]
         self.assertTrue(lines)
         self.assertEqual([shlex.split(line, posix=False)[1:] for line in record.read_text().splitlines()],
                          [shlex.split(line, posix=False)[1:] for line in lines])
@@ -85,6 +88,7 @@ class Guided(unittest.TestCase):
         self.accounts()
         self.event_log()
         self.every_day()
+        self.monitor()
         self.upgrade()
         self.uninstall()
         left = [block for block in self.guide.left() if not any(name in block for name in POWERSHELL)]
@@ -145,6 +149,25 @@ class Guided(unittest.TestCase):
         # No sqlite3 for Windows here: this machine's makes the copy.
         subprocess.run(shlex.split(self.guide.span('sqlite3 qmr.db ".backup copy.db"')), cwd=self.server.data, check=True)
         self.assertTrue((self.server.data / "copy.db").exists())
+
+    def monitor(self):
+        shutil.copyfile(BIN / "quillmere-monitor.exe", self.wine.unix_path(FOLDER + r"\quillmere-monitor.exe"))
+        # At a port of its own, which the guide's may not be on this machine.
+        address = f"127.0.0.1:{free_port(socket.SOCK_STREAM)}"
+        monitor = self.wine.start(self.guide.span("quillmere-monitor.exe"), "--listen", address, cwd=self.wine.unix_path(FOLDER))
+        self.wine.wait_for(lambda: self.is_served(address), "the page")
+        monitor.kill()
+        monitor.wait(60)
+        self.recorded(self.guide.block('schtasks /run /tn "Quill Mere monitor"'))
+        self.recorded(self.guide.span('schtasks /delete /tn "Quill Mere monitor" /f'))
+
+    @staticmethod
+    def is_served(address):
+        try:
+            with urllib.request.urlopen(f"http://{address}/", timeout=20) as answer:
+                return answer.status == 200
+        except OSError:
+            return False
 
     def upgrade(self):
         self.server.start()

@@ -11,10 +11,11 @@ have.
 import os
 import pathlib
 import shutil
+import socket
 import sqlite3
 import unittest
 
-from server import DATA, RUNNING, STOPPED, Radio, Server
+from server import DATA, RUNNING, STOPPED, Radio, Server, free_port
 from wineprefix import WinePrefix
 
 BIN = pathlib.Path(os.environ["QUILLMERE_BIN"])
@@ -98,15 +99,23 @@ class Installer(unittest.TestCase):
         self.assertEqual(self.server.registry_value(UNINSTALL_KEY, "InstallLocation"), ("REG_SZ", FOLDER))
         self.server.wait_until_a_radio_registers()
 
-        # An upgrade starts what ran, and makes no rule that nobody has asked for.
+        # An upgrade starts what ran, and makes no rule that nobody has asked for. A monitor goes on as it is.
         before = self.starts()
+        monitor = self.wine.start(FOLDER + r"\quillmere-monitor.exe", "--server", f"127.0.0.1:{self.server.tcp_port}", "--listen",
+                                  f"127.0.0.1:{free_port(socket.SOCK_STREAM)}")
+        self.server.wait_for_record("Application connected")
         self.install()
+        self.assertIsNone(monitor.poll())
+        monitor.kill()
+        monitor.wait(60)
         self.server.wait_for_state(RUNNING)
         self.assertEqual(self.commands(), [ICACLS.format(FOLDER)])
         self.wine.wait_for(lambda: self.starts() == before + 1, "one start")
         self.assertEqual(self.rows(), [(Radio.ESN.hex().upper(),)])
         self.server.wait_until_a_radio_registers()
-        self.assertTrue(self.wine.unix_path(FOLDER + r"\quillmere-old.exe").exists())
+        for name in ("quillmere", "quillmere-monitor"):
+            self.assertTrue(self.wine.unix_path(rf"{FOLDER}\{name}-old.exe").exists())
+            self.assertEqual(self.wine.unix_path(rf"{FOLDER}\{name}.exe").read_bytes(), (BIN / f"{name}.exe").read_bytes())
 
         # So it does for who wants no first start.
         self.install("/NOSTART")
