@@ -1,8 +1,8 @@
 // SPDX-FileCopyrightText: 2026 The Quillmere developers
 // SPDX-License-Identifier: MIT
 
-#include "tools/watch/events.h"
 #include "tools/follow/format.h"
+#include "tools/watch/events.h"
 
 #include <QCoreApplication>
 #include <QDateTime>
