@@ -35,7 +35,8 @@ enum Column { Share, Memory, Median, Worst };
 constexpr quint32 ChangesPerSecond = 1000;
 constexpr int Tick = 10; // ms
 constexpr size_t Browsers = 10;
-constexpr int Patience = 60000; // ms, for anything to happen
+constexpr quint32 RadioStates = 16; // that the monitor remembers of each
+constexpr int Patience = 60000;     // ms, for anything to happen
 
 QMR::Qmra::RadioNotice radio(quint32 number, quint32 address)
 {
@@ -130,11 +131,14 @@ void MonitorBench::start()
                    u"127.0.0.1:%1"_s.arg(port)});
     wait([this] { return (application = server.nextPendingConnection()) != nullptr; },
          u"the monitor's connection"_s);
-    for (quint32 number = 0; number < radios; ++number) {
-        const auto message = QMR::Qmra::encodeNotice(radio(number, 0x0A000000 + number));
-        application->write(message.bytes.data(), message.size);
+    for (quint32 round = 0; round < RadioStates;
+         ++round) { // first the table; then each history is as long as it gets
+        for (quint32 number = 0; number < radios; ++number) {
+            const auto message = QMR::Qmra::encodeNotice(radio(number, 0x0A000000 + round * radios + number));
+            application->write(message.bytes.data(), message.size);
+        }
+        wait([this] { return application->bytesToWrite() == 0; }, u"the table"_s);
     }
-    wait([this] { return application->bytesToWrite() == 0; }, u"the table"_s);
     for (size_t i = 0; i < Browsers; ++i) {
         browsers.push_back(std::make_unique<Browser>(port));
         wait([this] { return browsers.back()->isLoaded; }, u"a browser's table"_s);
@@ -146,7 +150,7 @@ void MonitorBench::start()
 // Of a radio, each time another one, and to an address that none had before.
 void MonitorBench::change()
 {
-    const quint32 number = static_cast<quint32>(changes * quint64{7919} % radios);
+    const auto number = static_cast<quint32>(changes * quint64{7919} % radios);
     const auto message = QMR::Qmra::encodeNotice(radio(number, 0x0B000000 + changes++));
     application->write(message.bytes.data(), message.size);
 }
@@ -183,7 +187,7 @@ void MonitorBench::measure(Table &table)
         return std::all_of(browsers.begin(), browsers.begin() + Browsers,
                            [](const auto &browser) { return browser->hasSeen; });
     };
-    while (wall.elapsed() < period * 1000) {
+    while (wall.elapsed() < qint64{1000} * period) {
         const qint64 due = wall.elapsed() * ChangesPerSecond / 1000;
         while (changes < due) {
             change();

@@ -113,7 +113,7 @@ private slots:
     {
         const auto sum = [this](const QString &what) {
             qint64 total = 0;
-            for (const QJsonValue &count : json("/api/rates")[u"seconds"_s][what].toArray()) {
+            for (const QJsonValue count : json("/api/rates")[u"seconds"_s][what].toArray()) {
                 total += count.toInteger();
             }
             return total;

@@ -13,6 +13,15 @@ using namespace Qt::StringLiterals;
 using namespace Monitor;
 using Notices::of;
 
+namespace {
+
+QByteArray numbered(const QByteArray &number)
+{
+    return R"({"number":")" + number + R"("})";
+}
+
+} // namespace
+
 class TestMonitorFeed : public QObject
 {
     Q_OBJECT
@@ -38,7 +47,7 @@ class TestMonitorFeed : public QObject
             return event + u' ' + QString::number(data[u"radios"_s].toInt(-1));
         }
         const QJsonArray radios = data.array();
-        for (const QJsonValue &radio : radios) {
+        for (const QJsonValue radio : radios) {
             event += u' ' + radio[u"esn"_s].toString().right(2) +
                      (radio[u"state"_s].toString() == u"gone" ? u"-gone"_s : QString());
         }
@@ -55,7 +64,7 @@ class TestMonitorFeed : public QObject
 
     void putStatus(const QByteArray &number)
     {
-        observed->status = "{\"number\":\"" + number + "\"}";
+        observed->status = numbered(number);
         ++observed->statusNumber;
     }
     void changes(int serial, quint8 availability = QMR::Registered)
@@ -68,7 +77,7 @@ class TestMonitorFeed : public QObject
 private slots:
     void init()
     {
-        observed.reset(new Observed{Table({u"a:1"_s}), Activity(0), 0, {}});
+        observed = std::make_unique<Observed>(QStringList{u"a:1"_s}, 0);
         observed->table.connected(0, 1000);
         putStatus("one");
     }

@@ -41,8 +41,7 @@ class TestMonitorJson : public QObject
 private slots:
     void init()
     {
-        observed.reset(
-            new Observed{Table({u"127.0.0.1:9361"_s, u"host.example:1"_s}), Activity(0), Time, {}});
+        observed = std::make_unique<Observed>(QStringList{u"127.0.0.1:9361"_s, u"host.example:1"_s}, Time);
         observed->table.connected(0, Time);
     }
 

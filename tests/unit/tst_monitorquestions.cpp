@@ -28,7 +28,7 @@ class TestMonitorQuestions : public QObject
         const QJsonDocument text = QJsonDocument::fromJson(listing.value->text(table));
         QString result = QString::number(text[u"total"_s].toInt(-1)) + u':';
         const QJsonArray radios = text[u"radios"_s].toArray();
-        for (const QJsonValue &radio : radios) {
+        for (const QJsonValue radio : radios) {
             result += u' ' + radio[u"server"_s].toString().left(1) + radio[u"esn"_s].toString().right(2);
         }
         return result;

@@ -14,6 +14,13 @@ namespace {
 
 constexpr qint64 Time = 1795405330291; // 2026-11-23T03:42:10.291Z
 
+// moc does not read every raw string.
+constexpr char Quote = '"';
+const QByteArray ServerA = "server="_ba + Quote + "127.0.0.1:9361" + Quote;
+const QByteArray ServerB = "server="_ba + Quote + "b:2" + Quote;
+const QByteArray BuildInfo = "quillmere_monitor_build_info{version="_ba + Quote + "1.2.3" + Quote + "} 1";
+const QByteArray NoEsn = "400 application/json {"_ba + Quote + "error" + Quote + ':' + Quote + "'<script>' ";
+
 } // namespace
 
 // What is at which path, who may have it, and the metrics to the letter.
@@ -47,7 +54,7 @@ class TestMonitorSite : public QObject
 private slots:
     void init()
     {
-        observed.reset(new Observed{Table({u"127.0.0.1:9361"_s, u"b:2"_s}), Activity(0), Time, {}});
+        observed = std::make_unique<Observed>(QStringList{u"127.0.0.1:9361"_s, u"b:2"_s}, Time);
         start();
     }
 
@@ -78,8 +85,8 @@ private slots:
         site->streams = [] { return size_t{4}; };
         const Answer answer = ask(u"/metrics"_s);
         QCOMPARE(answer.type, "text/plain; version=0.0.4; charset=utf-8"_ba);
-        const QByteArray a = "server=\"127.0.0.1:9361\""_ba;
-        const QByteArray b = "server=\"b:2\""_ba;
+        const QByteArray &a = ServerA;
+        const QByteArray &b = ServerB;
         const QByteArrayList expected{
             "# HELP quillmere_connected Whether the monitor is connected to the server."_ba,
             "# TYPE quillmere_connected gauge"_ba,
@@ -133,7 +140,7 @@ private slots:
             "quillmere_monitor_start_time_seconds 1795405330.291"_ba,
             "# HELP quillmere_monitor_build_info 1, with the monitor's version."_ba,
             "# TYPE quillmere_monitor_build_info gauge"_ba,
-            "quillmere_monitor_build_info{version=\"1.2.3\"} 1"_ba,
+            BuildInfo,
             ""_ba};
         const QByteArrayList lines = answer.body.split('\n');
         for (qsizetype i = 0; i < std::min(lines.size(), expected.size()); ++i) {
@@ -158,8 +165,7 @@ private slots:
         QTest::newRow("unknown radio")
             << u"/api/radios/00000000000000FF"_s
             << "404 application/json {\"error\":\"no radio of this ESN is known\"}\n"_ba;
-        QTest::newRow("no ESN") << u"/api/radios/<script>"_s
-                                << "400 application/json {\"error\":\"'<script>' "_ba;
+        QTest::newRow("no ESN") << u"/api/radios/<script>"_s << NoEsn;
         for (const QString &path : {u"/nothing"_s, u"/api"_s, u"/api/"_s, u"//"_s, u"/../etc/passwd"_s,
                                     u"/metrics/"_s, u"/page.js/"_s, u"/:/page/index.html"_s}) {
             QTest::newRow(qPrintable(path))

@@ -22,7 +22,7 @@ namespace {
 void appendNumber(QByteArray &text, qint64 number, int base = 10, int width = 0)
 {
     std::array<char, 24> digits{};
-    const auto end = std::to_chars(digits.data(), digits.data() + digits.size(), number, base).ptr;
+    auto *const end = std::to_chars(digits.data(), digits.data() + digits.size(), number, base).ptr;
     text.append(std::max<qsizetype>(width - (end - digits.data()), 0), '0');
     std::transform(digits.data(), end, digits.data(),
                    [](char c) { return c >= 'a' ? static_cast<char>(c - 32) : c; });
@@ -57,17 +57,17 @@ void appendTime(QByteArray &text, qint64 time)
 // What is known of a radio by its state: wacn to services, without braces.
 void appendState(QByteArray &text, const RadioState &state)
 {
-    text += "\"wacn\":\"";
+    text += R"("wacn":")";
     appendNumber(text, state.suid.wacn(), 16, 5);
-    text += "\",\"system\":\"";
+    text += R"(","system":")";
     appendNumber(text, state.suid.system(), 16, 3);
-    text += "\",\"unit\":\"";
+    text += R"(","unit":")";
     appendNumber(text, state.suid.unit(), 16, 6);
-    text += "\",\"address\":";
+    text += R"(","address":)";
     appendAddress(text, state.address);
-    text += ",\"state\":\"" + stateName(state.kind()).toLatin1() + "\",\"availability\":";
+    text += R"(,"state":")" + stateName(state.kind()).toLatin1() + R"(","availability":)";
     appendNumber(text, state.availability);
-    text += state.pending ? ",\"pending\":true,\"services\":[" : ",\"pending\":false,\"services\":[";
+    text += state.pending ? R"(,"pending":true,"services":[)" : R"(,"pending":false,"services":[)";
     for (qsizetype i = 0; i < state.services.size(); ++i) {
         text += i > 0 ? "," : "";
         appendNumber(text, static_cast<quint8>(state.services[i]));
@@ -78,7 +78,7 @@ void appendState(QByteArray &text, const RadioState &state)
 // The name has been read as a host's name or an address, and a port: nothing in it needs to be quoted.
 void appendServer(QByteArray &text, const Table &table, int server)
 {
-    text += "\"server\":\"" + table.servers()[static_cast<size_t>(server)].name.toLatin1() + '"';
+    text += R"("server":")" + table.servers()[static_cast<size_t>(server)].name.toLatin1() + '"';
 }
 
 QJsonValue timeValue(qint64 time)
@@ -107,7 +107,7 @@ QString timeText(qint64 time)
 
 void appendRadio(QByteArray &text, const Table &table, const Radio &radio)
 {
-    text += "{\"esn\":\"";
+    text += R"({"esn":")";
     appendEsn(text, radio.esn);
     text += "\",";
     appendState(text, radio.now());

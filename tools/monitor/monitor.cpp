@@ -48,7 +48,7 @@ QStringList namesOf(const QList<Console::Endpoint> &servers)
 Monitor::Monitor(const Settings &newSettings, Access access)
     : settings(newSettings),
       steady(started()),
-      observed{Table(namesOf(newSettings.servers)), Activity(0), now(), {}},
+      observed(namesOf(newSettings.servers), now()),
       site(observed, std::move(access), newSettings.address.isLoopback(),
            QCoreApplication::applicationVersion(), {now, [this] { return steadyNow(); }}),
       http([this](const Request &request) { return site.answer(request); })

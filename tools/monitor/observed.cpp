@@ -9,8 +9,8 @@ namespace {
 
 constexpr qint64 Second = 1000;
 constexpr qint64 Minute = 60 * Second;
-constexpr size_t Seconds = 15 * 60;
-constexpr size_t Minutes = 24 * 60;
+constexpr size_t Seconds = size_t{15} * 60;
+constexpr size_t Minutes = size_t{24} * 60;
 
 } // namespace
 

@@ -37,9 +37,14 @@ private:
 // What is known of the servers and their radios, and told to whoever asks.
 struct Observed
 {
+    // newStarted: ms since 1970, UTC; the activity's clock begins at 0.
+    Observed(const QStringList &servers, qint64 newStarted) : table(servers), activity(0), started(newStarted)
+    {
+    }
+
     Table table;
     Activity activity;
-    qint64 started;           // ms since 1970, UTC
+    qint64 started;
     QByteArray status;        // as it was put into words last
     quint64 statusNumber = 0; // of that; 0: it has not been, yet
 };

@@ -75,7 +75,7 @@ Answer Site::answer(const Request &request) const
     const bool isKnown = access.knows(request.authorization);
     if (!isKnown && request.path != u"/healthz") {
         Answer answer = Answer::error(401, "a login is needed"_ba);
-        answer.fields.append({"WWW-Authenticate"_ba, "Basic realm=\"Quillmere\", charset=\"UTF-8\""_ba});
+        answer.fields.append({"WWW-Authenticate"_ba, R"(Basic realm="Quillmere", charset="UTF-8")"_ba});
         return answer;
     }
     if (request.method != "GET" && request.method != "HEAD") {
