@@ -3,6 +3,7 @@
 
 // Any bytes as what a browser sends: read in one piece and in several they mean the same, and each request
 // has an answer that can be read.
+#include "tests/support/notices.h"
 #include "tools/monitor/requestreader.h"
 #include "tools/monitor/site.h"
 
@@ -16,7 +17,8 @@ namespace {
 using namespace Monitor;
 
 // The first byte says what stands in front of the others; behind them there is the rest of a request.
-constexpr std::array Beginnings{"",
+constexpr std::array Beginnings{"GET / HTTP/1.1\r\nHost: a\r\nTransfer-Encoding: chunked\r\n\r\n",
+                                "",
                                 "GET /",
                                 "GET /api/radios?query=",
                                 "GET /api/radios?state=",
@@ -67,15 +69,20 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     const QByteArrayList outcome = read(bytes, bytes.size(), &requests);
     check(outcome == read(bytes, 1 + data[1], nullptr));
 
-    Observed observed{Table({QStringLiteral("a:1")}), Activity(0), 0, {}};
-    const Site site(observed, Access({}, {"ann:secret"}), true, QStringLiteral("1"),
-                    {[] { return 0; }, [] { return 0; }});
-    for (const Request &request : requests) {
-        const Answer answer = site.answer(request);
-        check(answer.status >= 200 && answer.status < 600);
-        check(answer.type != "application/json" || !QJsonDocument::fromJson(answer.body).isNull());
-        check(head(answer, true).endsWith("\r\n\r\n"));
-        check(head(answer, true).count("\r\n\r\n") == 1);
+    Observed observed({QStringLiteral("a:1")}, 0);
+    for (const int serial : {1, 2, 3}) {
+        observed.table.noticed(0, Notices::of(serial, static_cast<quint8>(serial), serial == 1), false, 0);
+    }
+    const Site::Clock clock{[] { return 0; }, [] { return 0; }};
+    for (const Access &access : {Access(), Access({}, {"ann:secret"})}) {
+        const Site site(observed, access, true, QStringLiteral("1"), clock);
+        for (const Request &request : requests) {
+            const Answer answer = site.answer(request);
+            check(answer.status >= 200 && answer.status < 600);
+            check(answer.type != "application/json" || !QJsonDocument::fromJson(answer.body).isNull());
+            check(head(answer, true).endsWith("\r\n\r\n"));
+            check(head(answer, true).count("\r\n\r\n") == 1);
+        }
     }
     return 0;
 }
