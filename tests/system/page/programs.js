@@ -91,10 +91,11 @@ export class Server {
         rmSync(this.folder, { recursive: true });
     }
 
-    /** Changes the rows of a server that is away. */
+    /** What the database answers, a line each; its rows are changed only while the server is away. */
     sql(text) {
-        const { status, stderr } = spawnSync("sqlite3", [this.database, text], { encoding: "utf8" });
+        const { status, stdout, stderr } = spawnSync("sqlite3", [this.database, text], { encoding: "utf8" });
         assert.equal(status, 0, stderr);
+        return stdout.split("\n").filter((line) => line !== "");
     }
 
     /** Has quillmere-radio do that; it ends when all is acknowledged. */

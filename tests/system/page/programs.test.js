@@ -4,7 +4,8 @@
 // The page of the real monitor, beside a real server and radios.
 import assert from "node:assert/strict";
 import { after, afterEach, before, beforeEach, test } from "node:test";
-import { launch, Visit } from "./browser.js";
+import { random } from "../../unit/page/radios.mjs";
+import { launch, PATIENCE, Visit } from "./browser.js";
 import { Monitor, Server } from "./programs.js";
 
 const FLEET = 100_000;
@@ -202,6 +203,63 @@ test("a monitor that goes is named, and begins anew when it comes back", async (
     await visit.until((first) => document.querySelector(`[data-esn="${first}"] .services`).textContent === "2", first);
     await page.waitForSelector("#banner", { state: "hidden" });
     await visit.untilCount("2 radios");
+});
+
+const STATES = ["registered", "pending", "unconfirmed", "unreachable"];
+
+/** Radios by state, as each of the three says, in one text. */
+const onPage = () =>
+    visit.page.$$eval("#totals li", (items) =>
+        items
+            .slice(1)
+            .map((item) => `${item.dataset.state} ${item.querySelector(".number").textContent}`)
+            .join(),
+    );
+async function inMetrics() {
+    const text = await (await fetch(`${monitor.origin}/metrics`)).text();
+    return STATES.map((state) => `${state} ${text.match(`quillmere_radios{.*state="${state}"} (.*)`)[1]}`).join();
+}
+const AVAILABILITIES = { registered: "3", unconfirmed: "2", unreachable: "1" };
+function inDatabase() {
+    const rows = server.sql("SELECT availability FROM subscribers");
+    return STATES.map((state) => `${state} ${rows.filter((row) => row === AVAILABILITIES[state]).length}`).join();
+}
+
+/** The pending registration first, then the confirmed one; nothing where there is neither. */
+async function deregister(number) {
+    const esn = (0x0011aabb22cc3300n + BigInt(number)).toString(16).padStart(16, "0");
+    await server.radio("deregister", "--esn", esn, "--from", `127.0.0.${number}`);
+}
+
+test("after a random run the page, the metrics and the database agree", async (context) => {
+    const seed = Number(process.env.QUILLMERE_PAGE_SEED ?? Date.now() % 2 ** 31);
+    context.diagnostic(`seed ${seed}`);
+    const pick = random(seed);
+    await open();
+    const pending = new Map();
+    for (let step = 0; step < 60; ++step) {
+        const number = 1 + pick(12);
+        const what = pick(10);
+        if (what < 6) {
+            await server.register(number, "--services", String(1 + pick(3)));
+        } else if (what < 8) {
+            pending.set(number, await server.register(number, "--pending"));
+        } else {
+            await deregister(number);
+        }
+    }
+    // Those that await confirmation are not stored, and would lapse in the middle of it.
+    for (const number of pending.keys()) {
+        await deregister(number);
+    }
+    await server.report(await server.register(1), "127.0.0.1");
+    const deadline = performance.now() + PATIENCE;
+    let said = [];
+    do {
+        said = [inDatabase(), await inMetrics(), await onPage()];
+    } while (new Set(said).size > 1 && performance.now() < deadline);
+    assert.equal(new Set(said).size, 1, said.join("\n"));
+    assert.match(said[0], /pending 0,unconfirmed 1/);
 });
 
 test("registrations and changes are counted in the plots' text", async () => {
