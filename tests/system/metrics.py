@@ -121,6 +121,13 @@ class Field:
     def known(self):
         return {esn.hex().upper(): state_of(notice) for esn, notice in self.told.items() if state_of(notice) != "gone"}
 
+    def is_through(self):
+        """The server takes datagrams in their order: it has told of one more radio when it is through with the others."""
+        esn, suid = bytes([0x11, 0, 0, 0, 0, 0, 0, RADIOS]), bytes([0x12, 0x34, 0x56, 0x78, 0, 0, RADIOS])
+        self.radios.send(address_number("127.9.1.1"), registration(esn, suid, b""))
+        self.listen()
+        return esn in self.told
+
     def report_one(self):
         """One of those that are registered; False: there is none."""
         registered = [notice for notice in self.told.values() if state_of(notice) == "registered"]
@@ -230,6 +237,7 @@ class Agreement(unittest.TestCase):
         for _ in range(STEPS):
             field.step()
             field.listen()
+        wait_for(field.is_through, "the last registration")
         self.wait_for_agreement(field)
         # Reports overtake the registrations that they are about, on a busy machine all of them.
         if field.report_one():
