@@ -58,21 +58,21 @@ class Laboratory:
         self.commands = json.loads((self.build / "compile_commands.json").read_text())
         listed = json.loads(output("ctest", "--test-dir", self.build, "--show-only=json-v1").stdout)
         names = [test["name"] for test in listed["tests"]]
-        self.libraries = {self.library(name) for name in files}
+        self.archives = {self.archive_of(name) for name in files}
         self.tests = [name for name in names if name.startswith("tst_") and self.holds_mutants(name)]
         self.targets = list(self.tests)
-        if self.libraries & SERVER:
+        if self.archives & SERVER:
             self.tests += [name for name in names if name.startswith(("server_lives", "load_"))]
             self.targets += ["fuzz_server", "quillmere"]
 
-    def library(self, name):
+    def archive_of(self, name):
         """The one that a source goes into."""
         [target] = re.findall(r"CMakeFiles/([\w-]+)\.dir/", self.command(name)["command"])[:1]
         return f"lib{target}.a"
 
     def holds_mutants(self, target):
-        return self.libraries & {pathlib.Path(name).name
-                          for name in output("ninja", "-C", self.build, "-t", "inputs", target).stdout.splitlines()}
+        return self.archives & {pathlib.Path(name).name
+                                for name in output("ninja", "-C", self.build, "-t", "inputs", target).stdout.splitlines()}
 
     def command(self, name):
         for entry in self.commands:
