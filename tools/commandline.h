@@ -4,6 +4,7 @@
 #pragma once
 
 #include "tools/console.h"
+#include "tools/optionreader.h"
 
 #include <QString>
 
@@ -27,6 +28,27 @@ struct CommandLine
     static CommandLine error(const QString &text) { return {Kind::Error, {}, text}; }
     static CommandLine failure(const QString &text) { return {Kind::Failure, {}, text}; }
 };
+
+// Parses the options of a tool, to which it adds --version: what there is instead of a run where they are
+// wrong, or where help or the version is asked for.
+template<class Settings>
+std::optional<CommandLine<Settings>> parseOptions(OptionReader &options, const QStringList &arguments,
+                                                  const QString &help,
+                                                  OptionReader::Words words = OptionReader::NoWords)
+{
+    using Line = CommandLine<Settings>;
+    options.flag(QStringLiteral("version"), QString());
+    if (!options.parse(arguments, words)) {
+        return Line::error(options.error());
+    }
+    if (options.isSet(QStringLiteral("help"))) {
+        return Line::print(help);
+    }
+    if (options.isSet(QStringLiteral("version"))) {
+        return Line::print(versionText());
+    }
+    return std::nullopt;
+}
 
 // Prints or reports what there is instead of a run, and returns the exit code; nothing where it is to run.
 template<class Settings>

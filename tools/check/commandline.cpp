@@ -39,15 +39,8 @@ CommandLine parse(const QStringList &arguments)
     options.flag(u"stopped"_s, QString());
     options.value(u"timeout"_s, u"seconds"_s, QString());
     options.flag(u"json"_s, QString());
-    options.flag(u"version"_s, QString());
-    if (!options.parse(arguments)) {
-        return CommandLine::error(options.error());
-    }
-    if (options.isSet(u"help"_s)) {
-        return CommandLine::print(Help);
-    }
-    if (options.isSet(u"version"_s)) {
-        return CommandLine::print(Console::versionText());
+    if (const auto instead = Console::parseOptions<Settings>(options, arguments, Help)) {
+        return *instead;
     }
     Settings settings;
     const auto name = [](const QString &text) {

@@ -39,15 +39,8 @@ CommandLine parse(const QStringList &arguments)
     options.value(u"listen"_s, u"listen"_s, QString());
     options.value(u"allow"_s, u"allow"_s, QString());
     options.value(u"login"_s, u"login"_s, QString());
-    options.flag(u"version"_s, QString());
-    if (!options.parse(arguments)) {
-        return CommandLine::error(options.error());
-    }
-    if (options.isSet(u"help"_s)) {
-        return CommandLine::print(Help);
-    }
-    if (options.isSet(u"version"_s)) {
-        return CommandLine::print(Console::versionText());
+    if (const auto instead = Console::parseOptions<Settings>(options, arguments, Help)) {
+        return *instead;
     }
 
     Settings settings;

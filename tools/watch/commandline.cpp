@@ -45,15 +45,9 @@ CommandLine parse(const QStringList &arguments)
     options.flag(u"table"_s, QString());
     options.value(u"count"_s, u"count"_s, QString());
     options.value(u"for"_s, u"seconds"_s, QString());
-    options.flag(u"version"_s, QString());
-    if (!options.parse(arguments, Console::OptionReader::TakesWords)) {
-        return CommandLine::error(options.error());
-    }
-    if (options.isSet(u"help"_s)) {
-        return CommandLine::print(Help);
-    }
-    if (options.isSet(u"version"_s)) {
-        return CommandLine::print(Console::versionText());
+    if (const auto instead =
+            Console::parseOptions<Settings>(options, arguments, Help, Console::OptionReader::TakesWords)) {
+        return *instead;
     }
 
     Settings settings;
