@@ -23,12 +23,12 @@ QString hexadecimal(quint32 value, int width)
 
 } // namespace
 
-QString stateName(const QMR::Qmra::RadioNotice &notice)
+QString stateName(quint8 availability, bool pending)
 {
-    if (notice.pending) {
+    if (pending) {
         return u"pending"_s;
     }
-    switch (notice.availability) {
+    switch (availability) {
     case QMR::Deregistered:
         return u"gone"_s;
     case QMR::Unreachable:
@@ -38,7 +38,7 @@ QString stateName(const QMR::Qmra::RadioNotice &notice)
     case QMR::Registered:
         return u"registered"_s;
     default:
-        return QString::number(notice.availability);
+        return QString::number(availability);
     }
 }
 

@@ -13,7 +13,11 @@ namespace Follow {
 
 // "registered", "unconfirmed", "unreachable", "gone"; "pending" for a registration awaiting confirmation; a
 // number for what the protocol does not know.
-QString stateName(const QMR::Qmra::RadioNotice &notice);
+QString stateName(quint8 availability, bool pending);
+inline QString stateName(const QMR::Qmra::RadioNotice &notice)
+{
+    return stateName(notice.availability, notice.pending);
+}
 
 QString suidText(const QMR::Suid &suid);                         // "12345/678/9ABCDE"
 QString addressText(quint32 address);                            // "-": none

@@ -32,10 +32,7 @@ bool RadioState::isLike(const QMR::Qmra::RadioNotice &notice) const
 
 QString stateName(int kind)
 {
-    QMR::Qmra::RadioNotice notice;
-    notice.pending = kind == RadioState::PendingState;
-    notice.availability = static_cast<quint8>(kind);
-    return Follow::stateName(notice);
+    return Follow::stateName(static_cast<quint8>(kind), kind == RadioState::PendingState);
 }
 
 Table::Table(const QStringList &servers)

@@ -26,24 +26,18 @@ constexpr std::array States{RadioState::Unreachable, RadioState::Unconfirmed, Ra
 // The words are those that a radio in this state has.
 QString nameOf(RadioState state)
 {
-    QMR::Qmra::RadioNotice radio;
     switch (state) {
     case RadioState::Unreachable:
-        radio.availability = QMR::Unreachable;
-        break;
+        return Follow::stateName(QMR::Unreachable, false);
     case RadioState::Unconfirmed:
-        radio.availability = QMR::Unconfirmed;
-        break;
+        return Follow::stateName(QMR::Unconfirmed, false);
     case RadioState::Registered:
-        radio.availability = QMR::Registered;
-        break;
+        return Follow::stateName(QMR::Registered, false);
     case RadioState::Pending:
-        radio.pending = true;
-        break;
+        return Follow::stateName(0, true);
     default:
         return u"other"_s;
     }
-    return Follow::stateName(radio);
 }
 
 QString nameOf(Order order)
