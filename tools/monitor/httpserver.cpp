@@ -45,8 +45,8 @@ void HttpServer::accept()
             continue;
         }
         const bool isRefused = !hasRoom() && !makeRoom();
-        const auto place = places.insert(places.end(), Place());
-        place->connection = std::make_unique<HttpConnection>(
+        const auto place = places.insert(places.end(), nullptr);
+        *place = std::make_unique<HttpConnection>(
             socket, [this, place](const Request &request) { return answer(place, request); },
             [this, place] {
                 ended.splice(ended.end(), places, place);
@@ -55,26 +55,26 @@ void HttpServer::accept()
             },
             patience);
         if (isRefused) {
-            place->connection->refuse(503, TooMany);
+            (*place)->refuse(503, TooMany);
         }
     }
 }
 
 bool HttpServer::hasRoom() const
 {
-    const auto staying = std::count_if(places.begin(), places.end(),
-                                       [](const Place &place) { return !place.connection->isEnding(); });
+    const auto staying =
+        std::count_if(places.begin(), places.end(), [](const auto &place) { return !place->isEnding(); });
     return static_cast<size_t>(staying) < MostConnections;
 }
 
 bool HttpServer::makeRoom()
 {
-    const auto longest = std::find_if(places.begin(), places.end(),
-                                      [](const Place &place) { return place.connection->isWaiting(); });
+    const auto longest =
+        std::find_if(places.begin(), places.end(), [](const auto &place) { return place->isWaiting(); });
     if (longest == places.end()) {
         return false;
     }
-    longest->connection->refuse(503, TooMany);
+    (*longest)->refuse(503, TooMany);
     return true;
 }
 
@@ -94,20 +94,20 @@ Answer HttpServer::answer(Places::iterator place, const Request &request)
 qint64 HttpServer::unsent() const
 {
     return std::accumulate(places.begin(), places.end(), qint64{0},
-                           [](qint64 sum, const Place &place) { return sum + place.connection->unsent(); });
+                           [](qint64 sum, const auto &place) { return sum + place->unsent(); });
 }
 
 void HttpServer::tellStreams()
 {
-    for (const Place &place : places) {
-        place.connection->tell();
+    for (const auto &place : places) {
+        place->tell();
     }
 }
 
 size_t HttpServer::streams() const
 {
-    return static_cast<size_t>(std::count_if(
-        places.begin(), places.end(), [](const Place &place) { return place.connection->isStream(); }));
+    return static_cast<size_t>(
+        std::count_if(places.begin(), places.end(), [](const auto &place) { return place->isStream(); }));
 }
 
 } // namespace Monitor

@@ -35,11 +35,7 @@ public:
     size_t streams() const;
 
 private:
-    struct Place
-    {
-        std::unique_ptr<HttpConnection> connection;
-    };
-    using Places = std::list<Place>;
+    using Places = std::list<std::unique_ptr<HttpConnection>>;
 
     void accept();
     bool hasRoom() const;
