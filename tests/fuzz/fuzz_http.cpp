@@ -3,7 +3,7 @@
 
 // Any bytes as what a browser sends: read in one piece and in several they mean the same, and each request
 // has an answer that can be read.
-#include "tests/support/notices.h"
+#include "tests/support/radionotice.h"
 #include "tools/monitor/requestreader.h"
 #include "tools/monitor/site.h"
 
@@ -71,7 +71,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 
     Observed observed({QStringLiteral("a:1")}, 0);
     for (const int serial : {1, 2, 3}) {
-        observed.table.noticed(0, Notices::of(serial, static_cast<quint8>(serial), serial == 1), false, 0);
+        observed.table.noticed(0, radioNotice(serial, static_cast<quint8>(serial), serial == 1), false, 0);
     }
     const Site::Clock clock{[] { return 0; }, [] { return 0; }};
     for (const Access &access : {Access(), Access({}, {"ann:secret"})}) {

@@ -1,7 +1,7 @@
 // SPDX-FileCopyrightText: 2026 The Quillmere developers
 // SPDX-License-Identifier: MIT
 
-#include "tests/support/notices.h"
+#include "tests/support/radionotice.h"
 #include "tools/monitor/feed.h"
 
 #include <QJsonArray>
@@ -11,7 +11,6 @@
 
 using namespace Qt::StringLiterals;
 using namespace Monitor;
-using Notices::of;
 
 namespace {
 
@@ -69,7 +68,7 @@ class TestMonitorFeed : public QObject
     }
     void changes(int serial, quint8 availability = QMR::Registered)
     {
-        observed->table.noticed(0, of(serial, availability), false, 2000);
+        observed->table.noticed(0, radioNotice(serial, availability), false, 2000);
     }
 
     std::unique_ptr<Observed> observed;
@@ -140,7 +139,7 @@ private slots:
     void tableComesInSlices()
     {
         for (int i = 0; i < 2000; ++i) {
-            auto notice = of(1);
+            auto notice = radioNotice(1);
             notice.esn.bytes[0] = static_cast<quint8>(i / 256);
             notice.esn.bytes[1] = static_cast<quint8>(i % 256);
             observed->table.noticed(0, notice, true, 1000);
@@ -189,7 +188,7 @@ private slots:
         changes(2);
         Feed feed(*observed);
         feed.next();
-        auto notice = of(3, QMR::Deregistered);
+        auto notice = radioNotice(3, QMR::Deregistered);
         observed->table.noticed(0, notice, false, 1000); // one that had gone before is forgotten for it
         QVERIFY(observed->table.forgottenOrder() > 0);
         QCOMPARE(all(feed), (QStringList{u"radios 01 02"_s, u"snapshot 2"_s, u"radios 03-gone"_s}));
@@ -211,7 +210,7 @@ private:
     void goMany()
     {
         for (size_t i = 0; i < Table::LongestMemory; ++i) {
-            auto notice = of(1, QMR::Deregistered);
+            auto notice = radioNotice(1, QMR::Deregistered);
             notice.esn.bytes[0] = static_cast<quint8>(1 + i / 256);
             notice.esn.bytes[1] = static_cast<quint8>(i % 256);
             notice.esn.bytes[2] = static_cast<quint8>(round);

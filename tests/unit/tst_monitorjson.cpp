@@ -1,7 +1,7 @@
 // SPDX-FileCopyrightText: 2026 The Quillmere developers
 // SPDX-License-Identifier: MIT
 
-#include "tests/support/notices.h"
+#include "tests/support/radionotice.h"
 #include "tools/follow/format.h"
 #include "tools/monitor/json.h"
 
@@ -11,7 +11,6 @@
 
 using namespace Qt::StringLiterals;
 using namespace Monitor;
-using Notices::of;
 
 namespace {
 
@@ -33,7 +32,7 @@ class TestMonitorJson : public QObject
 
     const Radio &radio(int serial, int server = 0) const
     {
-        return observed->table.radiosOf(server).at(of(serial).esn);
+        return observed->table.radiosOf(server).at(radioNotice(serial).esn);
     }
 
     std::unique_ptr<Observed> observed;
@@ -58,7 +57,7 @@ private slots:
     {
         QFETCH(int, availability);
         QFETCH(bool, pending);
-        auto notice = of(0xFE, static_cast<quint8>(availability), pending);
+        auto notice = radioNotice(0xFE, static_cast<quint8>(availability), pending);
         notice.services = {0, 255, 3, 3};
         observed->table.noticed(0, notice, false, Time);
         QByteArray text;
@@ -70,7 +69,7 @@ private slots:
     }
     void radioWithoutServicesHasAnEmptyArray()
     {
-        auto notice = of(1);
+        auto notice = radioNotice(1);
         notice.services.clear();
         observed->table.noticed(0, notice, true, Time);
         QByteArray text;
@@ -82,10 +81,10 @@ private slots:
 
     void historyIsOldestFirst()
     {
-        observed->table.noticed(0, of(1), true, Time);
-        observed->table.noticed(0, of(1, QMR::Unconfirmed), false, Time + 1000);
-        observed->table.noticed(1, of(1, QMR::Unreachable), true, Time);
-        const QJsonObject text = object(radioText(observed->table, of(1).esn));
+        observed->table.noticed(0, radioNotice(1), true, Time);
+        observed->table.noticed(0, radioNotice(1, QMR::Unconfirmed), false, Time + 1000);
+        observed->table.noticed(1, radioNotice(1, QMR::Unreachable), true, Time);
+        const QJsonObject text = object(radioText(observed->table, radioNotice(1).esn));
         QCOMPARE(text.keys(), (QStringList{u"history"_s, u"radios"_s}));
         const QJsonArray radios = text[u"radios"_s].toArray();
         QCOMPARE(radios.size(), 2);
@@ -93,7 +92,7 @@ private slots:
         QCOMPARE(radios[1][u"server"_s].toString(), u"host.example:1"_s);
         const QJsonArray history = text[u"history"_s].toArray();
         QCOMPARE(history.size(), 3);
-        QJsonObject first = Follow::noticeObject(of(1));
+        QJsonObject first = Follow::noticeObject(radioNotice(1));
         first.remove(u"esn"_s);
         first[u"time"_s] = u"2026-11-23T03:42:10.291Z"_s;
         first[u"server"_s] = u"127.0.0.1:9361"_s;
@@ -101,15 +100,15 @@ private slots:
         QCOMPARE(history[1][u"time"_s].toString(), u"2026-11-23T03:42:11.291Z"_s);
         QCOMPARE(history[1][u"state"_s].toString(), u"unconfirmed"_s);
         QCOMPARE(history[2][u"state"_s].toString(), u"unreachable"_s);
-        QVERIFY(radioText(observed->table, of(2).esn).isEmpty());
+        QVERIFY(radioText(observed->table, radioNotice(2).esn).isEmpty());
     }
 
     void statusHasTotalsAndServers()
     {
-        observed->table.noticed(0, of(1), false, Time + 5);
+        observed->table.noticed(0, radioNotice(1), false, Time + 5);
         observed->table.connected(1, Time + 1);
-        observed->table.noticed(1, of(1), true, Time + 2);
-        observed->table.noticed(1, of(2, QMR::Registered, true), true, Time + 2);
+        observed->table.noticed(1, radioNotice(1), true, Time + 2);
+        observed->table.noticed(1, radioNotice(2, QMR::Registered, true), true, Time + 2);
         observed->table.disconnected(1, u"gone away"_s, Time + 3);
         observed->activity.registered(500);
         observed->activity.changed(500);

@@ -1,7 +1,7 @@
 // SPDX-FileCopyrightText: 2026 The Quillmere developers
 // SPDX-License-Identifier: MIT
 
-#include "tests/support/notices.h"
+#include "tests/support/radionotice.h"
 #include "tools/monitor/commandline.h"
 #include "tools/monitor/listing.h"
 
@@ -12,7 +12,6 @@
 using namespace Qt::StringLiterals;
 using Monitor::Listing;
 using Monitor::Table;
-using Notices::of;
 
 // What quillmere-monitor makes of what it is asked: its command line, and the query of a listing.
 class TestMonitorQuestions : public QObject
@@ -49,7 +48,7 @@ private slots:
         QTest::newRow("server") << u"server=b:2"_s << u"1: b01"_s;
         QTest::newRow("nobody's server") << u"server=c"_s << u"0:"_s;
         QTest::newRow("search") << u"query=10.0.0.1"_s << u"2: a01 b01"_s;
-        QTest::newRow("encoded search") << u"query=12345%2F678%2F000002"_s << u"1: a02"_s;
+        QTest::newRow("encoded search") << u"query=01234%2F567%2F89AB02"_s << u"1: a02"_s;
         QTest::newRow("both") << u"query=10.0.0.&state=unconfirmed"_s << u"1: a02"_s;
         QTest::newRow("page") << u"offset=1&limit=2"_s << u"6: a02 a03"_s;
         QTest::newRow("across servers") << u"offset=4&limit=5"_s << u"6: a05 b01"_s;
@@ -71,21 +70,22 @@ private slots:
         QFETCH(QString, query);
         QFETCH(QString, listed);
         Table table({u"a:1"_s, u"b:2"_s});
-        auto other = of(5);
+        auto other = radioNotice(5);
         other.services = {2};
         for (const auto &notice :
-             {other, of(1), of(2, QMR::Unconfirmed), of(3, QMR::Registered, true), of(4, 9), of(6)}) {
+             {other, radioNotice(1), radioNotice(2, QMR::Unconfirmed), radioNotice(3, QMR::Registered, true),
+              radioNotice(4, 9), radioNotice(6)}) {
             table.noticed(0, notice, true, 0);
         }
-        table.noticed(0, of(6, QMR::Deregistered), false, 0);
-        table.noticed(1, of(1), true, 0);
+        table.noticed(0, radioNotice(6, QMR::Deregistered), false, 0);
+        table.noticed(1, radioNotice(1), true, 0);
         QCOMPARE(TestMonitorQuestions::listed(table, query), listed);
     }
     void listsAHundredUnlessToldOtherwise()
     {
         Table table({u"a:1"_s});
         for (int serial = 0; serial < 150; ++serial) {
-            table.noticed(0, of(serial), true, 0);
+            table.noticed(0, radioNotice(serial), true, 0);
         }
         QCOMPARE(listed(table, {}).count(u" a"_s), 100);
     }

@@ -1,14 +1,13 @@
 // SPDX-FileCopyrightText: 2026 The Quillmere developers
 // SPDX-License-Identifier: MIT
 
-#include "tests/support/notices.h"
+#include "tests/support/radionotice.h"
 #include "tools/monitor/site.h"
 
 #include <QTest>
 
 using namespace Qt::StringLiterals;
 using namespace Monitor;
-using Notices::of;
 
 namespace {
 
@@ -73,13 +72,13 @@ private slots:
     void metricsAreToldToTheLetter()
     {
         observed->table.connected(0, Time);
-        observed->table.noticed(0, of(1), true, Time);
-        observed->table.noticed(0, of(2, QMR::Unconfirmed), true, Time);
-        observed->table.noticed(0, of(9, 77), true, Time);
+        observed->table.noticed(0, radioNotice(1), true, Time);
+        observed->table.noticed(0, radioNotice(2, QMR::Unconfirmed), true, Time);
+        observed->table.noticed(0, radioNotice(9, 77), true, Time);
         observed->table.snapshotEnded(0, 3);
-        observed->table.noticed(0, of(3, QMR::Registered, true), false, Time + 1000);
-        observed->table.noticed(0, of(2, QMR::Deregistered), false, Time + 1250);
-        observed->table.noticed(0, of(9, 77), false, Time + 1250);
+        observed->table.noticed(0, radioNotice(3, QMR::Registered, true), false, Time + 1000);
+        observed->table.noticed(0, radioNotice(2, QMR::Deregistered), false, Time + 1250);
+        observed->table.noticed(0, radioNotice(9, 77), false, Time + 1250);
         observed->table.disconnected(0, u"gone"_s, Time + 1500);
         observed->table.connected(0, Time + 2000);
         site->streams = [] { return size_t{4}; };
@@ -150,7 +149,7 @@ private slots:
     }
     void clockThatWentBackMakesNoNegativeAge()
     {
-        observed->table.noticed(0, of(1), false, Time + 60000);
+        observed->table.noticed(0, radioNotice(1), false, Time + 60000);
         QVERIFY(ask(u"/metrics"_s).body.contains("age_seconds{server=\"127.0.0.1:9361\"} 0.000\n"));
     }
 
@@ -181,10 +180,10 @@ private slots:
     }
     void radioHasItsHistory()
     {
-        observed->table.noticed(0, of(1), false, Time);
-        const Answer answer = ask(u"/api/radios/00:00:00:00:00:00:00:01"_s);
+        observed->table.noticed(0, radioNotice(1), false, Time);
+        const Answer answer = ask(u"/api/radios/00:11:AA:BB:22:CC:33:01"_s);
         QCOMPARE(answer.status, 200);
-        QVERIFY(answer.body.startsWith("{\"radios\":[{\"esn\":\"0000000000000001\","));
+        QVERIFY(answer.body.startsWith("{\"radios\":[{\"esn\":\"0011AABB22CC3301\","));
     }
     void ratesAreOfNow()
     {

@@ -1,14 +1,13 @@
 // SPDX-FileCopyrightText: 2026 The Quillmere developers
 // SPDX-License-Identifier: MIT
 
-#include "tests/support/notices.h"
+#include "tests/support/radionotice.h"
 #include "tools/monitor/table.h"
 
 #include <QTest>
 
 using namespace Qt::StringLiterals;
 using namespace Monitor;
-using Notices::of;
 
 class TestMonitorTable : public QObject
 {
@@ -21,7 +20,7 @@ class TestMonitorTable : public QObject
     }
     const Radio &radio(int serial, int server = 0) const
     {
-        return table->radiosOf(server).at(of(serial).esn);
+        return table->radiosOf(server).at(radioNotice(serial).esn);
     }
     const Server &server(int index = 0) const { return table->servers()[static_cast<size_t>(index)]; }
     qint64 inState(int kind, int index = 0) const { return server(index).byState[static_cast<size_t>(kind)]; }
@@ -37,10 +36,10 @@ private slots:
 
     void countsRadiosByStateAndByService()
     {
-        table->noticed(0, of(1), false, 2000);
-        table->noticed(0, of(2, QMR::Unconfirmed), false, 2000);
-        table->noticed(0, of(3, QMR::Registered, true), false, 2000);
-        auto twice = of(4, QMR::Unreachable);
+        table->noticed(0, radioNotice(1), false, 2000);
+        table->noticed(0, radioNotice(2, QMR::Unconfirmed), false, 2000);
+        table->noticed(0, radioNotice(3, QMR::Registered, true), false, 2000);
+        auto twice = radioNotice(4, QMR::Unreachable);
         twice.services = {2, 2, 200};
         table->noticed(0, twice, false, 2000);
         QCOMPARE(server().radios, 4);
@@ -53,8 +52,8 @@ private slots:
         QCOMPARE(server().byService[2], 1); // a radio that names it twice is one radio
         QCOMPARE(server().byService[200], 1);
 
-        table->noticed(0, of(4), false, 3000);
-        table->noticed(0, of(1, QMR::Deregistered), false, 3000);
+        table->noticed(0, radioNotice(4), false, 3000);
+        table->noticed(0, radioNotice(1, QMR::Deregistered), false, 3000);
         QCOMPARE(server().radios, 3);
         QCOMPARE(inState(QMR::Registered), 1);
         QCOMPARE(inState(QMR::Unreachable), 0);
@@ -64,15 +63,15 @@ private slots:
     }
     void pendingRegistrationThatIsGoneByItsBytesIsNotGone()
     {
-        table->noticed(0, of(1, QMR::Deregistered, true), false, 2000);
+        table->noticed(0, radioNotice(1, QMR::Deregistered, true), false, 2000);
         QCOMPARE(table->size(), 1);
         QCOMPARE(inState(RadioState::PendingState), 1);
     }
     void serversHaveTablesOfTheirOwn()
     {
         table->connected(1, 1000);
-        table->noticed(0, of(1), false, 2000);
-        table->noticed(1, of(1, QMR::Unconfirmed), false, 2000);
+        table->noticed(0, radioNotice(1), false, 2000);
+        table->noticed(1, radioNotice(1, QMR::Unconfirmed), false, 2000);
         QCOMPARE(table->size(), 2);
         QCOMPARE(inState(QMR::Registered, 0), 1);
         QCOMPARE(inState(QMR::Unconfirmed, 1), 1);
@@ -81,12 +80,12 @@ private slots:
 
     void countsNoticesOutsideOfSnapshotsByState()
     {
-        table->noticed(0, of(1), true, 2000);
+        table->noticed(0, radioNotice(1), true, 2000);
         QCOMPARE(server().notices[QMR::Registered], quint64{0});
         QCOMPARE(server().changed, 0);
-        table->noticed(0, of(1), false, 3000);
-        table->noticed(0, of(1, QMR::Registered, true), false, 4000);
-        table->noticed(0, of(1, QMR::Deregistered), false, 5000);
+        table->noticed(0, radioNotice(1), false, 3000);
+        table->noticed(0, radioNotice(1, QMR::Registered, true), false, 4000);
+        table->noticed(0, radioNotice(1, QMR::Deregistered), false, 5000);
         QCOMPARE(server().notices[QMR::Registered], quint64{1});
         QCOMPARE(server().notices[RadioState::PendingState], quint64{1});
         QCOMPARE(server().notices[QMR::Deregistered], quint64{1});
@@ -95,11 +94,11 @@ private slots:
 
     void historyBeginsWithWhatWasFirstKnown()
     {
-        table->noticed(0, of(1), true, 2000);
+        table->noticed(0, radioNotice(1), true, 2000);
         QVERIFY(!radio(1).changed);
-        table->noticed(0, of(1, QMR::Unconfirmed), false, 3000);
+        table->noticed(0, radioNotice(1, QMR::Unconfirmed), false, 3000);
         QVERIFY(radio(1).changed);
-        table->noticed(0, of(2), false, 4000); // not of a snapshot: it is new
+        table->noticed(0, radioNotice(2), false, 4000); // not of a snapshot: it is new
         QVERIFY(radio(2).changed);
 
         QCOMPARE(radio(1).states.size(), size_t{2});
@@ -109,13 +108,13 @@ private slots:
         QCOMPARE(radio(1).now().availability, QMR::Unconfirmed);
         QCOMPARE(radio(1).now().address, 0x0A000001U);
         QCOMPARE(radio(1).now().services, "\1\3"_ba);
-        QCOMPARE(radio(1).now().suid, of(1).suid);
+        QCOMPARE(radio(1).now().suid, radioNotice(1).suid);
         QCOMPARE(radio(1).states[0].services.constData(), radio(1).now().services.constData()); // one copy
     }
     void whatSaysTheSameIsNoChange()
     {
-        table->noticed(0, of(1), false, 2000);
-        table->noticed(0, of(1), false, 3000);
+        table->noticed(0, radioNotice(1), false, 2000);
+        table->noticed(0, radioNotice(1), false, 3000);
         QCOMPARE(radio(1).states.size(), size_t{1});
         QCOMPARE(table->lastOrder(), quint64{1});
     }
@@ -129,7 +128,7 @@ private slots:
     void eachFieldIsAChange()
     {
         QFETCH(int, field);
-        auto notice = of(1);
+        auto notice = radioNotice(1);
         table->noticed(0, notice, false, 2000);
         switch (field) {
         case 0:
@@ -154,7 +153,7 @@ private slots:
     void historyIsBounded()
     {
         for (int i = 0; i < 40; ++i) {
-            table->noticed(0, of(1, i % 2 == 0 ? QMR::Registered : QMR::Unconfirmed), false, i);
+            table->noticed(0, radioNotice(1, i % 2 == 0 ? QMR::Registered : QMR::Unconfirmed), false, i);
         }
         QCOMPARE(radio(1).states.size(), Radio::LongestHistory);
         QCOMPARE(radio(1).states.front().time, 24);
@@ -164,9 +163,9 @@ private slots:
     void radiosComeInTheOrderOfTheirLastChanges()
     {
         for (const int serial : {1, 2, 3}) {
-            table->noticed(0, of(serial), true, 2000);
+            table->noticed(0, radioNotice(serial), true, 2000);
         }
-        table->noticed(0, of(1, QMR::Unconfirmed), false, 3000);
+        table->noticed(0, radioNotice(1, QMR::Unconfirmed), false, 3000);
         QList<int> serials;
         QList<quint64> orders;
         for (const Radio *radio = table->changedAfter(0); radio; radio = table->changedAfter(radio->order)) {
@@ -181,7 +180,7 @@ private slots:
     void whatANewSnapshotLacksIsGoneAtItsEnd()
     {
         for (const int serial : {1, 2, 3}) {
-            table->noticed(0, of(serial), true, 2000);
+            table->noticed(0, radioNotice(serial), true, 2000);
         }
         table->snapshotEnded(0, 3);
         table->dropUntold(0, 2500);
@@ -189,8 +188,8 @@ private slots:
         table->disconnected(0, u"away"_s, 3000);
         QCOMPARE(table->size(), 3);
         table->connected(0, 4000);
-        table->noticed(0, of(1), true, 4000);
-        table->noticed(0, of(3, QMR::Unconfirmed), true, 4000);
+        table->noticed(0, radioNotice(1), true, 4000);
+        table->noticed(0, radioNotice(3, QMR::Unconfirmed), true, 4000);
         QCOMPARE(table->size(), 3);
         table->snapshotEnded(0, 2);
         table->dropUntold(0, 5000);
@@ -199,7 +198,7 @@ private slots:
         QVERIFY(radio(2).now().isGone());
         QVERIFY(radio(2).changed);
         QCOMPARE(radio(2).now().time, 5000);
-        QCOMPARE(radio(2).now().suid, of(2).suid);
+        QCOMPARE(radio(2).now().suid, radioNotice(2).suid);
         QCOMPARE(radio(1).states.size(), size_t{1});
         QCOMPARE(radio(3).states.size(), size_t{2});
         QCOMPARE(server().notices[QMR::Deregistered], quint64{0}); // nobody has told so
@@ -212,7 +211,7 @@ private slots:
     void radiosOfAnotherServerStay()
     {
         table->connected(1, 1000);
-        table->noticed(1, of(1), true, 2000);
+        table->noticed(1, radioNotice(1), true, 2000);
         table->connected(0, 3000);
         table->snapshotEnded(0, 0);
         table->dropUntold(0, 4000);
@@ -242,7 +241,7 @@ private slots:
     void remembersABoundedNumberOfThoseThatAreGone()
     {
         const auto goes = [this](quint32 number) {
-            auto notice = of(1, QMR::Deregistered);
+            auto notice = radioNotice(1, QMR::Deregistered);
             notice.esn = esn(number);
             table->noticed(0, notice, false, 2000);
         };
@@ -250,7 +249,7 @@ private slots:
             goes(number);
         }
         QCOMPARE(table->forgottenOrder(), quint64{0});
-        auto back = of(1);
+        auto back = radioNotice(1);
         back.esn = esn(1);
         table->noticed(0, back, false, 3000);
         goes(100001);
@@ -265,7 +264,7 @@ private slots:
     void manyMayGoAtOnce()
     {
         for (quint32 number = 1; number <= Table::LongestMemory + 50; ++number) {
-            auto notice = of(1);
+            auto notice = radioNotice(1);
             notice.esn = esn(number);
             table->noticed(0, notice, true, 2000);
         }

@@ -4,9 +4,9 @@
 // The page for all who look at it, or do not.
 import assert from "node:assert/strict";
 import { test } from "node:test";
+import { radio } from "../../unit/page/radios.mjs";
 import { PHONE } from "./browser.js";
 import { esn, fleet, OTHER, Scene } from "./scene.js";
-import { radio } from "./scriptedmonitor.js";
 
 const scene = new Scene();
 

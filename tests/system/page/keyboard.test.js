@@ -4,8 +4,8 @@
 // The table under the keyboard and the mouse.
 import assert from "node:assert/strict";
 import { test } from "node:test";
+import { radio } from "../../unit/page/radios.mjs";
 import { esn, fleet, Scene } from "./scene.js";
-import { radio } from "./scriptedmonitor.js";
 
 const scene = new Scene();
 

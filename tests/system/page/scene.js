@@ -3,8 +3,9 @@
 
 // What tests by a scripted monitor share: a browser, and for each test a monitor and a visit of its page.
 import { after, afterEach, before, beforeEach } from "node:test";
+import { radio } from "../../unit/page/radios.mjs";
 import { launch, Visit } from "./browser.js";
-import { radio, ScriptedMonitor } from "./scriptedmonitor.js";
+import { ScriptedMonitor } from "./scriptedmonitor.js";
 
 export const HOME = "127.0.0.1:9361";
 export const OTHER = "10.9.8.7:9361";

@@ -17,23 +17,6 @@ const FILES = {
     "/icon.svg": ["icon.svg", "image/svg+xml"],
 };
 
-export function radio(esn, overrides = {}) {
-    return {
-        esn,
-        wacn: "12345",
-        system: "678",
-        unit: "9ABCDE",
-        address: "10.0.0.5",
-        state: "registered",
-        availability: 3,
-        pending: false,
-        services: [1, 3],
-        server: "127.0.0.1:9361",
-        changed: null,
-        ...overrides,
-    };
-}
-
 export class ScriptedMonitor {
     #streams = new Set();
     #server = null;

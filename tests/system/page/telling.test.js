@@ -4,8 +4,8 @@
 // What the page makes of what the monitor tells.
 import assert from "node:assert/strict";
 import { test } from "node:test";
+import { radio } from "../../unit/page/radios.mjs";
 import { esn, fleet, HOME, OTHER, Scene } from "./scene.js";
-import { radio } from "./scriptedmonitor.js";
 
 const scene = new Scene();
 
