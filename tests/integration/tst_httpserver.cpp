@@ -169,14 +169,14 @@ private slots:
     }
     void lastAnswerIsSentWholeHoweverSlowlyItIsTaken()
     {
-        start({10000, 1000, 20});
+        start({10000, 2000, 20});
         const Client client = connected();
         client->setReadBufferSize(65536);
         client->write(get("/large", "Connection: close\r\n"));
         qint64 taken = 0;
         QTimer slowly;
         connect(&slowly, &QTimer::timeout, client.get(), [&] { taken += client->readAll().size(); });
-        slowly.start(5); // some two seconds for it all, twice the patience
+        slowly.start(10); // some four seconds for it all, twice the patience
         QTRY_COMPARE_WITH_TIMEOUT(client->state(), QAbstractSocket::UnconnectedState, 60000);
         taken += client->isOpen() ? client->readAll().size() : 0;
         QVERIFY2(taken > 20'000'000, qPrintable(QString::number(taken)));

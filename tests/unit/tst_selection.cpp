@@ -69,6 +69,7 @@ private slots:
         apply(1);
         apply(2);
         table->endSnapshot();
+        table->dropUntold();
         apply(9);
         apply(3);
         QCOMPARE(shown(), (QList<int>{3, 9, 1, 2}));
@@ -202,6 +203,7 @@ private slots:
                 table->beginSnapshot();
             } else if (round % 50 == 30) {
                 table->endSnapshot();
+                table->dropUntold();
             }
             for (quint32 changes = random.bounded(40U); changes > 0; --changes) {
                 QMR::Qmra::RadioNotice notice = radioNotice(static_cast<quint8>(random.bounded(100)),

@@ -74,6 +74,7 @@ private slots:
             apply(serial);
         }
         table->endSnapshot();
+        table->dropUntold();
     }
 
     void showsStatusCountsHeadingRadiosAndPlace()

@@ -106,6 +106,7 @@ private slots:
         apply(radioNotice(1));
         apply(radioNotice(2));
         table.endSnapshot();
+        table.dropUntold();
         QVERIFY(!find(1)->changed.has_value());
         QCOMPARE(find(1)->change, quint64{0});
         apply(radioNotice(1), 5000);
@@ -119,6 +120,7 @@ private slots:
         apply(radioNotice(1));
         apply(radioNotice(2));
         table.endSnapshot();
+        table.dropUntold();
         apply(radioNotice(2, QMR::Unconfirmed), 1000);
 
         table.beginSnapshot();
@@ -137,6 +139,7 @@ private slots:
             apply(radioNotice(serial));
         }
         table.endSnapshot();
+        table.dropUntold();
         QCOMPARE(table.size(), size_t{3});
         table.beginSnapshot(); // its connection ends before the snapshot does
         apply(radioNotice(3));
@@ -145,6 +148,7 @@ private slots:
         apply(radioNotice(2));
         touched.clear();
         table.endSnapshot();
+        table.dropUntold();
         QCOMPARE(touched, (QList<int>{1, 3}));
         QCOMPARE(table.size(), size_t{1});
         QCOMPARE(table.count(RadioState::Registered), size_t{1});
@@ -156,6 +160,7 @@ private slots:
         table.beginSnapshot();
         apply(radioNotice(1));
         table.endSnapshot();
+        table.dropUntold();
         apply(radioNotice(1), 4000); // a registration that is the same as before
         QCOMPARE(find(1)->changed.value(), 4000);
     }

@@ -5,23 +5,24 @@
 
 namespace Follow {
 
-namespace {
-
-constexpr int PauseAfterSnapshot = 500; // ms; the server tells its radios without a pause
-
-} // namespace
-
-Snapshot::Snapshot()
+Snapshot::Snapshot(int newPause, int newStandstill)
 {
     quiet.setSingleShot(true);
-    quiet.setInterval(PauseAfterSnapshot);
-    QObject::connect(&quiet, &QTimer::timeout, &quiet, [this] { end(End::AfterPause); });
+    quiet.setInterval(newPause);
+    standstill.setSingleShot(true);
+    standstill.setInterval(newStandstill);
+    QObject::connect(&quiet, &QTimer::timeout, &quiet, [this] {
+        end();
+        standstill.start();
+    });
+    QObject::connect(&standstill, &QTimer::timeout, &standstill, [this] { onCertain(); });
 }
 
 void Snapshot::begin()
 {
     radios = 0;
     last.reset();
+    standstill.stop();
     quiet.start();
 }
 
@@ -31,7 +32,8 @@ bool Snapshot::takes(const QMR::Esn &esn)
         return false;
     }
     if (last && !(*last < esn)) {
-        end(End::Certain);
+        end();
+        onCertain();
         return false;
     }
     last = esn;
@@ -43,12 +45,13 @@ bool Snapshot::takes(const QMR::Esn &esn)
 void Snapshot::abandon()
 {
     quiet.stop();
+    standstill.stop();
 }
 
-void Snapshot::end(End how)
+void Snapshot::end()
 {
     quiet.stop();
-    onEnd(radios, how);
+    onEnd(radios);
 }
 
 } // namespace Follow

@@ -17,10 +17,7 @@ namespace {
 
 constexpr int TellPeriod = 100;    // ms
 constexpr int StatusPeriod = 1000; // ms
-// A network that stands still for half a second is no rare thing, and a radio that is shown for too long is
-// better than all of them gone and back.
-constexpr int PauseBeforeDrop = 10000; // ms
-constexpr int AlivePeriod = 30000;     // ms
+constexpr int AlivePeriod = 30000; // ms
 
 qint64 now()
 {
@@ -90,13 +87,8 @@ void Monitor::follow(int index)
 {
     const Console::Endpoint server = settings.servers[index];
     Followed &it = *followed.emplace_back(std::make_unique<Followed>(server));
-    it.dropUntold.setSingleShot(true);
-    QObject::connect(&it.dropUntold, &QTimer::timeout, &it.dropUntold,
-                     [this, index] { observed.table.dropUntold(index, now()); });
-    it.snapshot.onEnd = [this, index, &it](qint64 radios, Follow::Snapshot::End end) {
-        observed.table.snapshotEnded(index, radios);
-        it.dropUntold.start(end == Follow::Snapshot::End::Certain ? 0 : PauseBeforeDrop);
-    };
+    it.snapshot.onEnd = [this, index](qint64 radios) { observed.table.snapshotEnded(index, radios); };
+    it.snapshot.onCertain = [this, index] { observed.table.dropUntold(index, now()); };
     it.connection.onConnected = [this, index, &it, server] {
         observed.table.connected(index, now());
         it.snapshot.begin();
@@ -106,7 +98,6 @@ void Monitor::follow(int index)
     it.connection.onNotice = [this, index](const auto &notice) { noticed(index, notice); };
     it.connection.onLost = [this, index, &it, server](const QString &reason, qint64 pause) {
         it.snapshot.abandon();
-        it.dropUntold.stop();
         observed.table.disconnected(index, reason, now());
         putStatusIntoWords();
         Console::writeError(

@@ -36,7 +36,6 @@ private:
 
         Follow::Connection connection;
         Follow::Snapshot snapshot;
-        QTimer dropUntold; // where only a pause says that the snapshot has ended
     };
 
     void follow(int index);

@@ -15,9 +15,7 @@ namespace WatchTool {
 
 Events::Events(Write newWriter) : writer(std::move(newWriter))
 {
-    snapshot.onEnd = [this](qint64 radios, Follow::Snapshot::End) {
-        write(u"snapshot"_s, {{u"radios"_s, radios}});
-    };
+    snapshot.onEnd = [this](qint64 radios) { write(u"snapshot"_s, {{u"radios"_s, radios}}); };
 }
 
 void Events::connected(const QString &server)

@@ -33,6 +33,10 @@ void RadioTable::beginSnapshot()
 void RadioTable::endSnapshot()
 {
     inSnapshot = false;
+}
+
+void RadioTable::dropUntold()
+{
     for (auto radio = radios.begin(); radio != radios.end();) {
         if (radio->second.telling == tellings) {
             ++radio;

@@ -35,10 +35,12 @@ public:
     // A radio was told of, or has left the table.
     std::function<void(const QMR::Esn &)> onTouched;
 
-    // What is told until the end are all radios of the server: what was known and is not told has left. Only
-    // at the first time are they no changes. There need not be an end before it begins again.
+    // What is told until the end is how the server's radios are, and only what is not as it was known has
+    // changed; at the first time nothing has. There need not be an end before it begins again.
     void beginSnapshot();
     void endSnapshot();
+    // What has not been told of since it began has left.
+    void dropUntold();
     // A radio that is gone stays once more, and leaves with the next notice.
     void apply(const QMR::Qmra::RadioNotice &notice, qint64 now);
 

@@ -22,7 +22,8 @@ Watch::Watch(const Settings &newSettings)
     connection.onLost = [this](const QString &reason, qint64 pause) { lost(reason, pause); };
     duration.setSingleShot(true);
     QObject::connect(&duration, &QTimer::timeout, &duration, [this] { timeIsOver(); });
-    snapshot.onEnd = [this](qint64, Follow::Snapshot::End) { table.endSnapshot(); };
+    snapshot.onEnd = [this](qint64) { table.endSnapshot(); };
+    snapshot.onCertain = [this] { table.dropUntold(); };
 }
 
 void Watch::start()
