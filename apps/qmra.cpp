@@ -127,11 +127,4 @@ QByteArray encodeReport(const RadioReport &report)
     return message;
 }
 
-QByteArray encodeIgnored()
-{
-    QByteArray message(HeaderSize, '\0');
-    writeHeader(message.data(), MessageType::Ignored, 0);
-    return message;
-}
-
 } // namespace QMR::Qmra

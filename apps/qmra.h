@@ -98,7 +98,4 @@ std::optional<RadioNotice> decodeNotice(QByteArrayView payload);
 
 QByteArray encodeReport(const RadioReport &report);
 
-// A message that the server takes no notice of: it shows the network whether the server is still there.
-QByteArray encodeIgnored();
-
 } // namespace QMR::Qmra

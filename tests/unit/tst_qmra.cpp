@@ -157,10 +157,6 @@ private slots:
         QCOMPARE(report.address, 0xC0A80001U);
     }
 
-    void ignoredMessageIsEncoded()
-    {
-        QCOMPARE(Qmra::encodeIgnored(), QByteArray::fromHex("514D524104030000"));
-    }
     void reportIsEncoded()
     {
         QCOMPARE(Qmra::encodeReport({SomeEsn, 0xC0A80001}),

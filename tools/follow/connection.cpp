@@ -3,6 +3,8 @@
 
 #include "tools/follow/connection.h"
 
+#include "tools/follow/keepalive.h"
+
 #include <algorithm>
 #include <utility>
 
@@ -21,7 +23,10 @@ Connection::Connection(Console::Endpoint newServer) : server(std::move(newServer
 {
     again.setSingleShot(true);
     QObject::connect(&again, &QTimer::timeout, &again, [this] { open(); });
-    QObject::connect(&socket, &QTcpSocket::connected, &socket, [this] { onConnected(); });
+    QObject::connect(&socket, &QTcpSocket::connected, &socket, [this] {
+        keepAlive(descriptor());
+        onConnected();
+    });
     QObject::connect(&socket, &QTcpSocket::readyRead, &socket, [this] { read(); });
     QObject::connect(&socket, &QTcpSocket::errorOccurred, &socket, [this] { lost(socket.errorString()); });
 }
@@ -61,15 +66,17 @@ void Connection::read()
     using namespace QMR::Qmra;
     while (!stopped && socket.bytesAvailable() >= HeaderSize) {
         const Header header = decodeHeader(socket.peek(HeaderSize));
-        const bool isNotice = header.magicMatches && header.protocolVersion == ProtocolVersion &&
-                              header.messageType == static_cast<quint8>(MessageType::RadioNotice) &&
-                              header.payloadLength <= MaximumPayload;
-        if (isNotice && socket.bytesAvailable() < HeaderSize + header.payloadLength) {
+        const bool isMessage = header.magicMatches && header.protocolVersion == ProtocolVersion &&
+                               header.payloadLength <= MaximumPayload;
+        if (isMessage && socket.bytesAvailable() < HeaderSize + header.payloadLength) {
             return;
         }
-        const QByteArray message = isNotice ? socket.read(HeaderSize + header.payloadLength) : QByteArray();
+        const QByteArray message = isMessage ? socket.read(HeaderSize + header.payloadLength) : QByteArray();
+        if (isMessage && header.messageType != static_cast<quint8>(MessageType::RadioNotice)) {
+            continue; // a later server may have more to say
+        }
         const auto notice =
-            isNotice ? decodeNotice(QByteArrayView(message).sliced(HeaderSize)) : std::nullopt;
+            isMessage ? decodeNotice(QByteArrayView(message).sliced(HeaderSize)) : std::nullopt;
         if (!notice) {
             lost(u"what came is no radio notice"_s);
             return;

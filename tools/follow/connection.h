@@ -14,7 +14,8 @@
 namespace Follow {
 
 // A connection to a server that comes back by itself, each time after a longer pause, and cuts what it gets
-// into notices.
+// into notices. Messages of another kind are skipped; what is no message ends it. It notices within a minute
+// that a server which says nothing has been cut off.
 class Connection
 {
 public:

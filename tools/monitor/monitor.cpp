@@ -17,7 +17,6 @@ namespace {
 
 constexpr int TellPeriod = 100;    // ms
 constexpr int StatusPeriod = 1000; // ms
-constexpr int AlivePeriod = 30000; // ms
 
 qint64 now()
 {
@@ -52,14 +51,6 @@ Monitor::Monitor(const Settings &newSettings, Access access)
 {
     site.streams = [this] { return http.streams(); };
     QObject::connect(&tell, &QTimer::timeout, &tell, [this] { http.tellStreams(); });
-    // A server that is cut off never says so: only what is sent and not acknowledged tells of it.
-    QObject::connect(&alive, &QTimer::timeout, &alive, [this] {
-        for (size_t i = 0; i < followed.size(); ++i) {
-            if (observed.table.servers()[i].isConnected) {
-                followed[i]->connection.send(QMR::Qmra::encodeIgnored());
-            }
-        }
-    });
     status.setTimerType(Qt::PreciseTimer);
     QObject::connect(&status, &QTimer::timeout, &status, [this] { putStatusIntoWords(); });
 }
@@ -79,7 +70,6 @@ bool Monitor::start()
     putStatusIntoWords();
     tell.start(TellPeriod);
     status.start(StatusPeriod);
-    alive.start(AlivePeriod);
     return true;
 }
 

@@ -51,7 +51,6 @@ private:
     std::vector<std::unique_ptr<Followed>> followed;
     QTimer tell;   // the streams what has changed
     QTimer status; // each second anew
-    QTimer alive;  // asks TCP whether the servers are still there
 };
 
 } // namespace Monitor
