@@ -13,7 +13,7 @@ build_packages=(g++ cmake ninja-build ccache pkg-config qt6-base-dev qt6-base-de
 # shellcheck disable=SC2034
 demo_packages=(python3 iproute2 util-linux)
 # shellcheck disable=SC2034
-test_packages=(python3 iproute2 systemd-container dbus zsh jq nftables psmisc sqlite3 tcpdump
+test_packages=(python3 iproute2 systemd-container dbus zsh jq nftables psmisc sqlite3 tcpdump tshark
     chromium python3-jsonschema)
 # shellcheck disable=SC2034 # what packaging/windows/build-qt needs it installs itself
 windows_packages=(python3 nsis)
@@ -22,7 +22,7 @@ wine_packages=(sqlite3 wine64)
 # shellcheck disable=SC2034
 arm64_packages=(g++-aarch64-linux-gnu mmdebstrap qemu-user-static)
 # shellcheck disable=SC2034
-lint_packages=(clang-format clang-tidy shellcheck)
+lint_packages=(clang-format clang-tidy shellcheck lua-check)
 # shellcheck disable=SC2034
 fuzz_packages=(clang libclang-rt-14-dev)
 # shellcheck disable=SC2034
