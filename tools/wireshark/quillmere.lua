@@ -114,7 +114,7 @@ local function add_services(tree, fields, range)
     tree:add(fields.service_count, range(0, 1))
     for at = 1, range:len() - 1 do
         local item, code = tree:add(fields.services, range(at, 1)), range(at, 1):uint()
-        if fields == radio and (code < 1 or code > 3) then
+        if fields == radio and (code < 1 or code > 3) and range(0, 1):uint() == range:len() - 1 then
             tell_of_radio(item, "dropped_service")
         end
     end

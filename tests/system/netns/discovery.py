@@ -26,7 +26,7 @@ sys.path.insert(0, str(pathlib.Path(__file__).resolve().parent.parent))
 
 import wire  # noqa: E402
 from foreground import Server, wait_for  # noqa: E402
-from namespaces import CLONE_NEWNET, CannotRun, call, enter, ip, skipped  # noqa: E402
+from namespaces import CannotRun, make_hosts, on_host, skipped  # noqa: E402
 from wire import DISCOVERY, PATIENCE, REGISTERED, UNCONFIRMED, UNREACHABLE  # noqa: E402
 
 PORT = 9361  # of both protocols, and of the radios: where requests go
@@ -41,32 +41,6 @@ SILENT = ("silent", "10.77.0.6")
 def check(condition, text):
     if not condition:
         raise AssertionError(text)
-
-
-def make_hosts():
-    """A bridge in the namespace of this run, and a host at each of its ports."""
-    enter()
-    call("mount", b"tmpfs", b"/run", b"tmpfs", 0, None)  # where the names of namespaces are kept
-    ip("link", "add", "bridge", "type", "bridge")
-    ip("link", "set", "bridge", "up")
-    for name, address in ((SERVER_HOST, SERVER_ADDRESS), APPLICATION_HOST, LOST, SILENT):
-        ip("netns", "add", name)
-        ip("link", "add", name, "type", "veth", "peer", "name", "uplink", "netns", name)
-        ip("link", "set", name, "master", "bridge", "up")
-        ip("-n", name, "address", "add", f"{address}/24", "dev", "uplink")
-        ip("-n", name, "link", "set", "uplink", "up")
-        ip("-n", name, "link", "set", "lo", "up")
-
-
-@contextlib.contextmanager
-def on_host(name):
-    """Sockets that are made inside belong to that host, also afterwards."""
-    with open("/proc/self/ns/net", "rb") as here, open(f"/run/netns/{name}", "rb") as there:
-        call("setns", there.fileno(), CLONE_NEWNET)
-        try:
-            yield
-        finally:
-            call("setns", here.fileno(), CLONE_NEWNET)
 
 
 def esn(serial):
@@ -170,7 +144,7 @@ def main():
         print(__doc__, file=sys.stderr)
         return 2
     try:
-        make_hosts()
+        make_hosts((SERVER_HOST, SERVER_ADDRESS), APPLICATION_HOST, LOST, SILENT)
     except CannotRun as reason:
         return skipped("discovery between hosts", reason)
     with tempfile.TemporaryDirectory(prefix="quillmere-") as folder:

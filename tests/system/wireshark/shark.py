@@ -58,7 +58,7 @@ class Shark:
         packets = xml.etree.ElementTree.fromstring(details)
         infos = self.run("-2", "-r", path, "-T", "fields", "-e", "_ws.col.Protocol", "-e", "_ws.col.Info", *options)
         rows = [line.split("\t") for line in infos.splitlines()]
-        return {number: Frame(packet, *row) for number, (packet, row) in enumerate(zip(packets, rows, strict=True), 1)}
+        return {number: Frame(packet, *row) for number, (packet, row) in enumerate(zip(packets, rows), 1)}
 
 
 class Frame:
