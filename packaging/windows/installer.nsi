@@ -288,6 +288,7 @@ keep:
     Delete "$INSTDIR\LICENSE.txt"
     Delete "$INSTDIR\*.md"
     RMDir /r "$INSTDIR\docs"
+    RMDir /r "$INSTDIR\wireshark"
     Delete "$INSTDIR\uninstall.exe"
     RMDir "$INSTDIR" ; what else lies there is not ours
     DeleteRegKey HKLM "${UNINSTALL}"

@@ -52,6 +52,8 @@ class Executables(unittest.TestCase):
         for paper in ("LICENSE.txt", "README.md", "CHANGELOG.md", "docs/windows.md", "docs/operations.md",
                       "docs/monitoring/quillmere.rules.yml", "docs/monitoring/dashboard.json"):
             self.assertIn(f"quillmere/{paper}", names)
+        captures = [f"quillmere/wireshark/captures/{name}.pcap" for name in ("bad", "discovery", "radios")]
+        self.assertEqual([name for name in names if "/wireshark/" in name], ["quillmere/wireshark/quillmere.lua", *captures])
         self.assertEqual([name for name in names if name.endswith(".exe")], [f"quillmere/{p.name}" for p in EXECUTABLES])
 
     def test_have_bills_of_their_materials(self):
