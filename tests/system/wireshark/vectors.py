@@ -27,6 +27,14 @@ INVALID = "Invalid: no server sends this"
 DROPPED = Expert("qmrs.dropped_service", "The server drops this service", CHAT)
 DIFFERS = Expert("qmrs.length_differs", "The server goes by the datagram's size", NOTE)
 BEYOND = Expert("qmrs.beyond", "The server cuts off what is beyond 280 bytes", NOTE)
+# What the description has no example of, and no server sends either.
+MORE = {
+    "qmrs": {
+        "acknowledgement-with-another-result": "514D5253030011AABB22CC33DD02010001",
+        "acknowledgement-of-two-bytes": "514D5253030011AABB22CC33DD0202000000",
+    },
+    "qmra": {"notice-in-version-3": "514D5241030116000011AABB22CC33DD123456789ABCDE000100A8C00300"},
+}
 LINKS = ("response_in", "response_to", "response_time", "made_esn", "reject")
 PAYLOAD_OF_A_REGISTRATION = ("suid", "wacn", "system", "unit", "pending", "service_count", "services")
 
@@ -147,7 +155,7 @@ class Vectors:
         """All that do not stop whoever reads, one behind the other, in pieces that divide them anywhere."""
         for sender in ("application", "server"):
             vectors = [vector for vector in self.description["vectors"]["qmra"] if vector["from"] == sender
-                       and vector.get("reject") != "header"]
+                       and vector.get("reject") != "header" and vector["name"] not in MORE["qmra"]]
             self.pieces(sender, vectors, 13)
             self.pieces(sender, vectors, 1000)
 
@@ -161,6 +169,9 @@ class Vectors:
             same(f"messages of {sender} in pieces of {size}", len(shown), len(vectors))
             for vector, message in zip(vectors, shown):
                 self.look_at("qmra", vector, message)
+            for frame in sent:  # each is told of
+                texts = [text for text in frames[frame].info.split("; ") if "[TCP segment" not in text]
+                same(frames[frame].info, len(texts), len(frames[frame].messages))
         self.expect(sent[0], judge)
 
     def streams(self):
@@ -261,6 +272,9 @@ def main():
     if not shutil.which("tshark"):
         return skipped("Wireshark's dissector", "there is no tshark")
     description = json.loads(pathlib.Path(sys.argv[1]).read_text(encoding="utf-8"))
+    for protocol, more in MORE.items():
+        description["vectors"][protocol] += [{"name": name, "from": "server", "hex": data, "invalid": True}
+                                             for name, data in more.items()]
     with tempfile.TemporaryDirectory(prefix="quillmere-") as name:
         folder = pathlib.Path(name)
         shark = Shark(folder)
