@@ -355,9 +355,8 @@ local function application_message(tvb, pinfo, root)
     local judge = goes_to_server(qmra, pinfo, kind == NOTICE) and from_application or to_application
     local text = judge(tvb, tree, kind, length)
     tree:append_text(": " .. text)
-    -- A frame tells of all its messages: the fence keeps what is there.
+    -- A frame tells of all its messages.
     pinfo.cols.info:append((pinfo.private.qmra and "; " or "") .. text)
-    pinfo.cols.info:fence()
     pinfo.private.qmra = "told"
     return tvb:len()
 end

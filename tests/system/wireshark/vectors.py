@@ -140,6 +140,10 @@ class Vectors:
         check(f"ESN {esn}" in frames[frame].info, f"{vector['name']}: {frames[frame].info}")
         same(vector["name"], ", pending" in frames[frame].info, vector["registers"]["pending"])
 
+    def expect_none(self, port, data):
+        frame = self.capture.datagram(self.peer(), (SERVER, port), data)
+        self.expect(frame, lambda frames, frame: same(f"{data} at port {port}", frames[frame].messages, []))
+
     def connect(self):
         application, server = self.peer(), (SERVER, self.application_port)
         connection = self.capture.connection(application, server)
@@ -213,6 +217,8 @@ def vectors_at(shark, folder, description, radio_port, application_port, *option
     vectors.messages()
     vectors.messages_in_pieces()
     vectors.streams()
+    if radio_port != 9361:
+        vectors.expect_none(9361, b"somebody else's port by now")
     vectors.capture.write(folder / "vectors.pcap")
     vectors.judge(shark.look(folder / "vectors.pcap", *options))
     return len(vectors.checks)
@@ -229,8 +235,11 @@ def recognised(shark, folder, description):
         data = bytes.fromhex(vector["hex"])
         vectors.expect(send(vector["from"], data), lambda frames, frame, vector=vector:
                        vectors.look_at("qmra", vector, frames[frame].only()))
-    other = vectors.capture.datagram(vectors.peer(), (SERVER, 47001), b"something else of its own")
-    vectors.expect(other, lambda frames, frame: same("another protocol", frames[frame].messages, []))
+    # What began with a message goes on as the same protocol.
+    vectors.expect(send("application", b"HELLO\r\n\r"), lambda frames, frame:
+                   same("greeting", frames[frame].only().experts, [vectors.rejects("qmra", "header")]))
+    for data in (b"something else of its own", b"QM", b"QMRS, not a whole"[:15]):
+        vectors.expect_none(47001, data)
     vectors.capture.write(folder / "recognised.pcap")
     vectors.judge(shark.look(folder / "recognised.pcap"))
 
