@@ -193,7 +193,7 @@ def options(words):
         if not match:
             raise ValueError(setting)
         to_report = bytes.fromhex(match[1]), str(ipaddress.IPv4Address(match[2]))
-    if not 1 <= int(port) <= 65535:
+    if not re.fullmatch("[0-9]{1,5}", port) or not 1 <= int(port) <= 65535:
         raise ValueError(port)
     return host, int(port), to_report
 

@@ -21,7 +21,7 @@ USAGE = """usage: radio.py HOST PORT [name=value ...]
   services=1,3          codes from 0 to 255, at most 255 of them; may be empty
   pending=0             1: the registration awaits confirmation
   local=0.0.0.0:PORT    address and port of the radio; PORT is the server's
-  period=21600          seconds between registrations; when pending: 10"""
+  period=21600          seconds between registrations, at most 999999; when pending: 10"""
 
 # --- The codec: bytes in and out, nothing else. All integers are little-endian.
 
@@ -167,13 +167,15 @@ def options(words):
     # A registration has to be made at least every 12 hours; a pending one lapses after 17 seconds.
     values.setdefault("period", "10" if values["pending"] == "1" else "21600")
     patterns = {"esn": "[0-9A-Fa-f]{16}", "suid": "[0-9A-Fa-f]{14}", "services": "([0-9]+(,[0-9]+)*)?",
-                "pending": "[01]", "local": "[^:]+:[0-9]+", "period": "0*[1-9][0-9]*"}
+                "pending": "[01]", "local": "[^:]+:[0-9]{1,5}", "period": "[1-9][0-9]{0,5}"}
     for name, value in values.items():
         if not re.fullmatch(patterns[name], value):
             raise ValueError(name)
     services = bytes(map(int, filter(None, values["services"].split(","))))
     address, local_port = values["local"].split(":")
-    if not 1 <= int(port) <= 65535 or int(local_port) > 65535 or len(services) > 255:
+    if not re.fullmatch("[0-9]{1,5}", port) or not 1 <= int(port) <= 65535:
+        raise ValueError("PORT")
+    if int(local_port) > 65535 or len(services) > 255:
         raise ValueError("out of range")
     return (host, int(port), bytes.fromhex(values["esn"]), bytes.fromhex(values["suid"]), services,
             int(values["pending"]), (str(ipaddress.IPv4Address(address)), int(local_port)), int(values["period"]))

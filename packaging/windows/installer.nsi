@@ -289,6 +289,7 @@ keep:
     Delete "$INSTDIR\*.md"
     RMDir /r "$INSTDIR\docs"
     RMDir /r "$INSTDIR\wireshark"
+    RMDir /r "$INSTDIR\examples"
     Delete "$INSTDIR\uninstall.exe"
     RMDir "$INSTDIR" ; what else lies there is not ours
     DeleteRegKey HKLM "${UNINSTALL}"

@@ -7,6 +7,7 @@ import signal
 import socket
 import time
 
+from program import refusal
 from scene import ESN, MADE_ESN, NO_ESN, SUID, Scene, text
 from wire import ACKNOWLEDGEMENT, DEREGISTRATION, DISCOVERY, PATIENCE, acknowledgement, datagram, registration
 
@@ -166,6 +167,14 @@ class RadioScenes(Scene):
         self.server.close()
         radio.ends("deregistered")
 
+    def test_does_not_begin_where_it_cannot_listen(self):
+        taken = self.udp(*self.address)
+        code, output, complaint = refusal([*self.commands["radio"], "127.0.0.1", str(self.port),
+                                           f"local={':'.join(map(str, self.address))}"])
+        taken.close()
+        self.assertEqual((code, output), (1, ""))
+        self.assertTrue(complaint)
+
     def test_says_how_it_is_used(self):
         for wrong in ([], ["127.0.0.1"], ["127.0.0.1", "0"], ["127.0.0.1", "65536"], ["127.0.0.1", "x"]):
             self.is_refused("radio", *wrong)
@@ -174,5 +183,5 @@ class RadioScenes(Scene):
                       "services=-1", "services=1,", "services=1,,3", "services=x",
                       "services=" + ",".join(["1"] * 256), "pending=", "pending=2", "pending=x", "local=127.0.0.1",
                       "local=127.0.0.1:", "local=127.0.0.1:65536", "local=:x", "period=0", "period=-1",
-                      "period=", "period=x", "color=red"):
+                      "period=", "period=x", "period=1000000", "color=red"):
             self.is_refused("radio", "127.0.0.1", self.port, wrong)

@@ -50,7 +50,9 @@ class Executables(unittest.TestCase):
                 with self.subTest(path.name):
                     self.assertEqual(archive.read(f"quillmere/{path.name}"), path.read_bytes())
         for paper in ("LICENSE.txt", "README.md", "CHANGELOG.md", "docs/windows.md", "docs/operations.md",
-                      "docs/monitoring/quillmere.rules.yml", "docs/monitoring/dashboard.json"):
+                      "docs/monitoring/quillmere.rules.yml", "docs/monitoring/dashboard.json", "examples/README.md",
+                      "examples/python/radio.py", "examples/python/application.py", "examples/javascript/radio.js",
+                      "examples/javascript/application.js", "examples/javascript/package.json"):
             self.assertIn(f"quillmere/{paper}", names)
         captures = [f"quillmere/wireshark/captures/{name}.pcap" for name in ("bad", "discovery", "radios")]
         self.assertEqual([name for name in names if "/wireshark/" in name], ["quillmere/wireshark/quillmere.lua", *captures])

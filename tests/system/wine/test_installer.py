@@ -94,7 +94,8 @@ class Installer(unittest.TestCase):
         config = self.server.config()
         self.assertEqual((config["path"], config["account"]), (FOLDER + r"\quillmere.exe", "LocalSystem"))
         names = {path.name for path in self.wine.unix_path(FOLDER).iterdir()}
-        self.assertLessEqual({path.name for path in BIN.glob("*.exe")} | {"LICENSE.txt", "README.md", "docs", "wireshark"}, names)
+        papers = {"LICENSE.txt", "README.md", "docs", "examples", "wireshark"}
+        self.assertLessEqual({path.name for path in BIN.glob("*.exe")} | papers, names)
         self.assertEqual(self.server.registry_value(UNINSTALL_KEY, "DisplayVersion"), ("REG_SZ", "1.38.3.27"))
         self.assertEqual(self.server.registry_value(UNINSTALL_KEY, "InstallLocation"), ("REG_SZ", FOLDER))
         self.server.wait_until_a_radio_registers()
