@@ -109,6 +109,17 @@ class ApplicationScenes(Scene):
         application.says(line(TABLE[4]), line(TABLE[0]))
         self.leaves(application, connection)
 
+    def test_table_goes_on_while_notices_come(self):
+        application, connection = self.application()
+        told = [bytes([number]) * 8 for number in range(1, 16)]
+        for esn in told:
+            connection.sendall(notice(esn))
+            application.says(line(esn))
+            self.assertIsNone(application.poll(0.2))
+        connection.sendall(notice(told[0]))
+        application.says(f"table complete: {len(told)} radios", line(told[0]))
+        self.leaves(application, connection)
+
     def test_messages_of_another_type_do_not_put_off_the_end_of_the_table(self):
         application, connection = self.application()
         connection.sendall(notice(ESN))
