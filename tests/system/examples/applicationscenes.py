@@ -3,13 +3,12 @@
 
 """An application with a server that does what a test wants."""
 
-import pathlib
 import signal
 import socket
 
 import wire
 from foreground import wait_for
-from scene import ESN, SUID, Scene, text
+from scene import ESN, SUID, Scene, nothing_waits, text
 from wire import DEREGISTERED, REGISTERED, UNCONFIRMED, UNREACHABLE, receive_exactly, report
 
 # In the order of a table: a byte from 128 is greater than one below.
@@ -34,11 +33,8 @@ def pending(esn, availability=REGISTERED):
 
 def is_read(connection):
     """Whether the other side, a socket of this machine, has taken all that was sent."""
-    ends = [f"{int.from_bytes(socket.inet_aton(address), 'little'):08X}:{port:04X}"
-            for address, port in (connection.getsockname(), connection.getpeername())]
-    rows = [row.split() for row in pathlib.Path("/proc/net/tcp").read_text(encoding="ascii").splitlines()]
-    queues = {row[1]: row[4].split(":") for row in rows if {row[1], row[2]} == set(ends)}
-    return int(queues[ends[0]][0], 16) == 0 and int(queues[ends[1]][1], 16) == 0
+    here, there = connection.getsockname(), connection.getpeername()
+    return nothing_waits("tcp", here, there) and nothing_waits("tcp", there, here)
 
 
 class ApplicationScenes(Scene):

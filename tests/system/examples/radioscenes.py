@@ -7,8 +7,9 @@ import signal
 import socket
 import time
 
+from foreground import wait_for
 from program import refusal
-from scene import ESN, MADE_ESN, NO_ESN, SUID, Scene, text
+from scene import ESN, MADE_ESN, NO_ESN, SUID, Scene, nothing_waits, text
 from wire import ACKNOWLEDGEMENT, DEREGISTRATION, DISCOVERY, PATIENCE, acknowledgement, datagram, registration
 
 OTHER_ESN = bytes.fromhex("0011AABB22CC33DE")
@@ -128,6 +129,7 @@ class RadioScenes(Scene):
             self.send(datagram(ESN, DISCOVERY), source)
             radio.says("discovery request")
             self.is_registered(radio)
+        wait_for(lambda: nothing_waits("udp", self.address), "all datagrams to be read")
         self.leaves(radio)
 
     def test_does_not_wait_longer_for_foreign_datagrams(self):

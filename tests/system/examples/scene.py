@@ -3,6 +3,7 @@
 
 """What the tests of one language's examples share."""
 
+import pathlib
 import socket
 import unittest
 
@@ -16,6 +17,16 @@ MADE_ESN = b"\xf1" + SUID  # by the server, of the SUID
 
 def text(esn):
     return esn.hex().upper()
+
+
+def nothing_waits(protocol, local, remote=("0.0.0.0", 0)):
+    """Whether all is sent and all is read at this machine's socket of these ends. While other sockets come and go the
+    list may miss it, or have it twice: ask again."""
+    ends = [f"{int.from_bytes(socket.inet_aton(address), 'little'):08X}:{port:04X}" for address, port in
+            (local, remote)]
+    rows = map(str.split, pathlib.Path(f"/proc/net/{protocol}").read_text(encoding="ascii").splitlines())
+    found = {row[4] for row in rows if row[1:3] == ends}
+    return found == {"00000000:00000000"}
 
 
 class Scene(unittest.TestCase):
