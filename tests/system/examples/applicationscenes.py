@@ -116,6 +116,18 @@ class ApplicationScenes(Scene):
         application.says(f"table complete: {len(told)} radios", line(told[0]))
         self.leaves(application, connection)
 
+    def test_silence_after_the_table_means_nothing(self):
+        application, connection = self.application()
+        connection.sendall(notice(ESN) * 2)
+        application.says(line(ESN), "table complete: 1 radios", line(ESN))
+        # For as long as it takes another one to end a table.
+        other, others_connection = self.application()
+        other.says("table complete: 0 radios")
+        connection.sendall(notice(ESN))
+        application.says(line(ESN))
+        self.leaves(other, others_connection)
+        self.leaves(application, connection)
+
     def test_messages_of_another_type_do_not_put_off_the_end_of_the_table(self):
         application, connection = self.application()
         connection.sendall(notice(ESN))
