@@ -6,11 +6,11 @@
 
 Their codecs are held against docs/protocols.json, the programs against servers that do what a test wants and against
 the built one. A test is named as Class.test_name. Exits with 77 where the language's tools are not installed, with 1
-there when CI is true.
+there when CI is true. Most of the time they wait for each other, so several tests run at once.
 """
 
+import multiprocessing
 import os
-import signal
 import sys
 import unittest
 
@@ -25,6 +25,17 @@ from scene import Scene  # noqa: E402
 from serverscenes import ServerScenes  # noqa: E402
 
 
+AT_ONCE = 8
+
+
+def run(name):
+    """One test, in a process of its own; its name, and what has failed."""
+    result = unittest.defaultTestLoader.loadTestsFromName(name, sys.modules[__name__]).run(unittest.TestResult())
+    failure = "\n".join(text for _, text in result.failures + result.errors)
+    print(f"{name}: {'FAILED' if failure else 'passed'}\n{failure}", end="", flush=True)
+    return name, failure
+
+
 def main():
     if len(sys.argv) < 3 or sys.argv[1] not in LANGUAGES:
         print(__doc__, file=sys.stderr)
@@ -36,16 +47,15 @@ def main():
         return skipped(f"the {name} examples", reason)
     Scene.commands = language.commands
     ServerScenes.quillmere = os.path.abspath(quillmere)
-    loader = unittest.defaultTestLoader
-    if chosen:
-        tests = loader.loadTestsFromNames(chosen, sys.modules[__name__])
-    else:
-        tests = unittest.TestSuite(map(loader.loadTestsFromTestCase,
-                                       (Codec, RadioScenes, ApplicationScenes, ServerScenes)))
-    result = unittest.TextTestRunner(verbosity=2).run(tests)
-    return 0 if result.wasSuccessful() else 1
+    names = chosen or [f"{scenes.__name__}.{test}" for scenes in (Codec, RadioScenes, ApplicationScenes, ServerScenes)
+                       for test in unittest.defaultTestLoader.getTestCaseNames(scenes)]
+    with multiprocessing.get_context("fork").Pool(AT_ONCE) as pool:
+        failed = [test for test, failure in pool.imap_unordered(run, names) if failure]
+        pool.close()
+        pool.join()
+    print(f"{name}: {len(names)} tests, failed: {', '.join(failed) or 'none'}")
+    return 1 if failed else 0
 
 
 if __name__ == "__main__":
-    signal.signal(signal.SIGTERM, lambda *_: sys.exit(1))
     sys.exit(main())
