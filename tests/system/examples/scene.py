@@ -20,12 +20,14 @@ def text(esn):
 
 
 def nothing_waits(protocol, local, remote=("0.0.0.0", 0)):
-    """Whether all is sent and all is read at this machine's socket of these ends. While other sockets come and go the
-    list may miss it, or have it twice: ask again."""
+    """Whether all is sent and all is read at this machine's socket of these ends. A program may reach IPv4 through a
+    socket of IPv6, where an address ends with that of IPv4. While other sockets come and go the lists may miss it, or
+    have it twice: ask again."""
     ends = [f"{int.from_bytes(socket.inet_aton(address), 'little'):08X}:{port:04X}" for address, port in
             (local, remote)]
-    rows = map(str.split, pathlib.Path(f"/proc/net/{protocol}").read_text(encoding="ascii").splitlines())
-    found = {row[4] for row in rows if row[1:3] == ends}
+    rows = [row.split() for name in (protocol, f"{protocol}6")
+            for row in pathlib.Path("/proc/net", name).read_text(encoding="ascii").splitlines()]
+    found = {row[4] for row in rows if [end[-13:] for end in row[1:3]] == ends}
     return found == {"00000000:00000000"}
 
 
