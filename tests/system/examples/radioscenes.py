@@ -32,7 +32,9 @@ class RadioScenes(Scene):
         return data
 
     def send(self, data, source=None):
+        """Waits until it is read: a radio has room for some hundred datagrams only, and each one is to reach it."""
         (source or self.server).sendto(data, self.address)
+        wait_for(lambda: nothing_waits("udp", self.address), "the radio to read", pause=0.001)
 
     def registering(self, esn=ESN):
         return f"registering {text(esn)} with 127.0.0.1:{self.port}"
@@ -79,7 +81,7 @@ class RadioScenes(Scene):
 
     def test_registers_as_it_is_told(self):
         esn, suid = bytes.fromhex("FEDCBA9876543210"), bytes.fromhex("FFFFF000000001")
-        radio = self.radio(f"esn={text(esn)}", f"suid={suid.hex()}", "services=", "pending=1")
+        radio = self.radio(f"esn={esn.hex()}", f"suid={suid.hex()}", "services=", "pending=1")
         self.is_registered(radio, esn, suid, b"", True)
         self.leaves(radio, esn)
 
@@ -129,7 +131,6 @@ class RadioScenes(Scene):
             self.send(datagram(ESN, DISCOVERY), source)
             radio.says("discovery request")
             self.is_registered(radio)
-        wait_for(lambda: nothing_waits("udp", self.address), "all datagrams to be read")
         self.leaves(radio)
 
     def test_does_not_wait_longer_for_foreign_datagrams(self):
