@@ -52,7 +52,8 @@ class Executables(unittest.TestCase):
         for paper in ("LICENSE.txt", "README.md", "CHANGELOG.md", "docs/windows.md", "docs/operations.md",
                       "docs/monitoring/quillmere.rules.yml", "docs/monitoring/dashboard.json", "examples/README.md",
                       "examples/python/radio.py", "examples/python/application.py", "examples/javascript/radio.js",
-                      "examples/javascript/application.js", "examples/javascript/package.json"):
+                      "examples/javascript/application.js", "examples/javascript/package.json", "examples/java/Radio.java",
+                      "examples/java/Application.java"):
             self.assertIn(f"quillmere/{paper}", names)
         captures = [f"quillmere/wireshark/captures/{name}.pcap" for name in ("bad", "discovery", "radios")]
         self.assertEqual([name for name in names if "/wireshark/" in name], ["quillmere/wireshark/quillmere.lua", *captures])
