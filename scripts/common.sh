@@ -14,7 +14,7 @@ build_packages=(g++ cmake ninja-build ccache pkg-config qt6-base-dev qt6-base-de
 demo_packages=(python3 iproute2 util-linux)
 # shellcheck disable=SC2034
 test_packages=(python3 iproute2 systemd-container dbus zsh jq nftables psmisc sqlite3 tcpdump tshark
-    chromium default-jdk-headless mono-mcs mono-runtime python3-jsonschema)
+    chromium default-jdk-headless mono-mcs mono-runtime libmono-posix4.0-cil python3-jsonschema)
 # shellcheck disable=SC2034 # what packaging/windows/build-qt needs it installs itself
 windows_packages=(python3 nsis)
 # shellcheck disable=SC2034

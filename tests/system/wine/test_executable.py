@@ -53,7 +53,7 @@ class Executables(unittest.TestCase):
                       "docs/monitoring/quillmere.rules.yml", "docs/monitoring/dashboard.json", "examples/README.md",
                       "examples/python/radio.py", "examples/python/application.py", "examples/javascript/radio.js",
                       "examples/javascript/application.js", "examples/javascript/package.json", "examples/java/Radio.java",
-                      "examples/java/Application.java"):
+                      "examples/java/Application.java", "examples/csharp/Radio.cs", "examples/csharp/Application.cs"):
             self.assertIn(f"quillmere/{paper}", names)
         captures = [f"quillmere/wireshark/captures/{name}.pcap" for name in ("bad", "discovery", "radios")]
         self.assertEqual([name for name in names if "/wireshark/" in name], ["quillmere/wireshark/quillmere.lua", *captures])
