@@ -2,11 +2,11 @@
 # SPDX-FileCopyrightText: 2026 The Quillmere developers
 # SPDX-License-Identifier: MIT
 
-"""The example clients on hosts of their own: network.py QUILLMERE LANGUAGE...
+"""The example clients, and one of the tools, on hosts of their own: network.py QUILLMERE LANGUAGE...
 
 The hosts are network namespaces, one for the server and one for each language. A discovery request reaches the radio at
 the server's port number and is answered; a radio without a network goes on until it has one; an application notices by
-keep-alive that it is cut off from a server that says nothing, and comes back. All languages go through it at once.
+keep-alive that it is cut off from a server that says nothing, and comes back. All go through it at once.
 Exits with 77 where namespaces cannot be made or a language's tools are not installed, with 1 there when CI is true.
 """
 
@@ -66,19 +66,17 @@ def make_network():
 
 
 class Story:
-    """Of one language, in a thread of its own."""
+    """Of one host, in a thread of its own."""
 
     def __init__(self, number, name):
         self.name = name
-        self.language = Language(name)
         self.host = Host(name, f"10.77.0.{10 + number}")
-        self.esn = f"0011AABB22CC33{number:02X}"
         self.programs = []
         self.failure = None
         self.thread = threading.Thread(target=self.run)
 
-    def program(self, name, *options):
-        program = Program([*self.host.launcher(), *self.language.commands[name], SERVER, str(PORT), *options])
+    def start(self, *command):
+        program = Program([*self.host.launcher(), *command])
         self.programs.append(program)
         return program
 
@@ -90,6 +88,18 @@ class Story:
         finally:
             for program in self.programs:
                 program.kill()
+
+
+class Example(Story):
+    """In one language."""
+
+    def __init__(self, number, name):
+        super().__init__(number, name)
+        self.language = Language(name)
+        self.esn = f"0011AABB22CC33{number:02X}"
+
+    def program(self, name, *options):
+        return self.start(*self.language.commands[name], SERVER, str(PORT), *options)
 
     def tell(self):
         registering, registered = f"registering {self.esn} with {SERVER}:{PORT}", f"registered as {self.esn}"
@@ -120,9 +130,26 @@ class Story:
         application.end()
 
 
+class Watch(Story):
+    """quillmere-watch, beside the server's program."""
+
+    def __init__(self, number, quillmere):
+        super().__init__(number, "watch")
+        self.command = f"{quillmere}-watch"
+
+    def tell(self):
+        watch = self.start(self.command, "--server", f"{SERVER}:{PORT}", "--json")
+        watch.says_at_last('.*"event":"connected".*')
+        watch.says_at_last('.*"event":"snapshot".*')
+        self.host.cut_off()
+        watch.says_at_last('.*"event":"disconnected".*', LONG_PATIENCE)
+        self.host.connect()
+        watch.says_at_last('.*"event":"connected".*', LONG_PATIENCE)
+
+
 def run(quillmere, names, folder):
     server = Server(quillmere, folder, "minimumDiscoveryPeriod=0\n", Host("server", SERVER).launcher())
-    stories = [Story(number, name) for number, name in enumerate(names)]
+    stories = [Example(number, name) for number, name in enumerate(names)] + [Watch(len(names), quillmere)]
     server.start()
     try:
         for story in stories:
