@@ -44,7 +44,7 @@ class TestServerStreams : public QObject
                Follow::servicesText(notice.services);
     }
 
-    // pieces: each is sent when the one before has been read.
+    // pieces: each is sent by itself; TCP may still put some together.
     static QStringList outcomes(const QList<QByteArray> &pieces, qsizetype wanted)
     {
         QTcpServer server;

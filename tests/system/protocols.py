@@ -4,8 +4,8 @@
 
 """What is told of the protocols, against itself and the server: protocols.py QUILLMERE DOCS
 
-docs/protocols.json has the form that its schema asks for; the tables and examples of docs/protocols.md are its own; and its
-vectors are played against the server, which answers, tells and records what they say.
+docs/protocols.json has the form that its schema asks for; the tables and examples of docs/protocols.md are its own; and
+its vectors are played against the server, which answers, tells and records what they say.
 """
 
 import json
@@ -116,11 +116,75 @@ def check_examples(description, text):
     states = {description.vectors[name].get("state") for name in names} - {None}
     check("states with an example", states, {"pending"} | {row["name"] for row in
                                                            description.all["qmra"]["availabilities"]})
-    prose = re.sub(r"^```.*?^```|^\|.*?$", "", text, flags=re.M | re.S)
+
+
+def field_of(data, field, known):
+    width = known[field["width"]] if isinstance(field["width"], str) else field["width"]
+    content = data[field["offset"]:field["offset"] + width]
+    if field["type"] == "number":
+        return int.from_bytes(content, "little")
+    if field["type"] == "address":
+        return ".".join(map(str, reversed(content)))
+    return list(content) if field["type"] == "codes" else content.hex().upper()
+
+
+def check_layout(description):
+    """What is told of the fields is what the vectors' bytes say."""
+    for protocol, code in (("qmrs", "opcode"), ("qmra", "type")):
+        told = description.all[protocol]
+        messages = {message["code"]: message["payload"] for message in told["messages"]}
+        for vector in description.all["vectors"][protocol]:
+            if "reject" in vector or "invalid" in vector:
+                continue
+            data, known = bytes.fromhex(vector["hex"]), {}
+            for start, fields in ((0, told["header"]), (told["headerSize"], messages)):
+                for field in fields if start == 0 else fields[known[code]]:
+                    known[field["name"]] = field_of(data[start:], field, known)
+            check(f"magic of {vector['name']}", bytes.fromhex(known.pop("magic")).decode(), told["magic"])
+            known.pop("ignored", None)
+            wanted = {name: value for name, value in vector["fields"].items()
+                      if name not in [part["name"] for part in description.all["suid"]]}
+            check(f"fields of {vector['name']}", known, wanted)
+            if "suid" in known:
+                check(f"parts of the SUID of {vector['name']}", parts_of(description, int(known["suid"], 16)),
+                      [vector["fields"][part["name"]] for part in description.all["suid"]])
+
+
+def parts_of(description, suid):
+    parts = []
+    for part in reversed(description.all["suid"]):
+        parts.insert(0, suid % (1 << part["bits"]))
+        suid >>= part["bits"]
+    return parts
+
+
+# Where the document says a limit.
+LIMITS = {"largestDatagramBytes": "{} together", "services": "at most {}", "pendingSeconds": "lapses {} seconds after",
+          "silenceHours": "silent for {} hours", "discoverySeconds": "{} seconds apart",
+          "discoveryUnreachableSeconds": "requests go on at least {} seconds apart",
+          "minimumDiscoveryPeriodSeconds": "`minimumDiscoveryPeriod` seconds ({}) apart",
+          "partialMessageMilliseconds": "is waited for {} ms", "unreadMebibytes": "while {} MiB wait unread"}
+
+
+def check_numbers(description, text, readme):
+    prose = " ".join(text.split())
     for protocol in ("qmrs", "qmra"):
-        for limit, value in description.all[protocol]["limits"].items():
-            if not re.search(rf"\b{value}\b", prose):
-                sys.exit(f"the document does not say the limit {limit}, {value}")
+        told = description.all[protocol]
+        for limit, value in told["limits"].items():
+            if LIMITS[limit].format(value) not in prose:
+                sys.exit(f"the document does not say '{LIMITS[limit].format(value)}'")
+        if f"| `{told['setting']}` | {told['port']} |" not in readme:
+            sys.exit(f"the README does not know {told['setting']} {told['port']}")
+
+
+def check_names(description):
+    for protocol, kinds in (("qmrs", ["qmrs"]), ("qmra", ["qmra", "streams"])):
+        for vector in [vector for kind in kinds for vector in description.all["vectors"][kind]]:
+            for outcome in [vector, *vector.get("outcome", [])]:
+                if outcome.get("reject") and vector["from"] != "server":
+                    description.rejects(protocol)[outcome["reject"]]
+                if "notice" in outcome:
+                    check(f"notice of {vector['name']}", "state" in description.vectors[outcome["notice"]], True)
 
 
 class Scene:
@@ -188,12 +252,40 @@ def story(scene):
     scene.are_recorded("the discovery request", [scene.description.rejects("qmrs")["opcode"]])
     scene.register("a pending registration", data("pending-registration"), vectors["acknowledgement"]["hex"])
     check("pending notice", scene.notice(), data("notice-pending"))
+    scene.radio.send(data("deregistration"))
+    check("a pending registration is no answer", scene.notice(), data("notice-unconfirmed"))
+    scene.register("a pending registration", data("pending-registration"), vectors["acknowledgement"]["hex"])
+    check("pending notice", scene.notice(), data("notice-pending"))
     # What becomes of the confirmed registration is not told before the pending one has ended.
     scene.register("a confirmed one beside it", data("extended-registration"), vectors["acknowledgement"]["hex"])
     scene.radio.send(data("deregistration"))
     check("notice after the pending one", scene.notice(), data("notice-registered"))
     scene.radio.send(data("deregistration"))
     check("notice of a deregistration", scene.notice(), data("notice-gone"))
+    scene.register("a pending registration alone", data("pending-registration"), vectors["acknowledgement"]["hex"])
+    check("pending notice", scene.notice(), data("notice-pending"))
+    scene.radio.send(data("deregistration"))
+    check("notice of one that was never confirmed", scene.notice(), data("notice-gone-never-confirmed"))
+    two_at_one_address(scene)
+
+
+def two_at_one_address(scene):
+    """A radio that has both registrations there loses the pending one only."""
+    vectors, data = scene.description.vectors, scene.description.bytes
+    second = "registration-without-an-esn"
+    scene.register("a registration", data("extended-registration"), vectors["acknowledgement"]["hex"])
+    scene.register("a pending one beside it", data("pending-registration"), vectors["acknowledgement"]["hex"])
+    scene.register("another radio's", data(second), vectors[second]["answer"])
+    told = [wire.split_notice(scene.notice()) for _ in range(4)]
+    check("pending and availability", [(notice.pending, notice.availability) for notice in told],
+          [(False, 3), (True, 3), (False, 3), (False, 3)])
+    check("who has the address", [(notice.esn.hex().upper(), notice.address) for notice in told[2:]],
+          [(esn, wire.address_number("127.0.0.2"))
+           for esn in (vectors["extended-registration"]["fields"]["esn"], vectors[second]["registers"]["esn"])])
+    for answer in ("acknowledgement", "acknowledgement-of-a-made-esn"):
+        esn = bytes.fromhex(vectors[answer]["fields"]["esn"])
+        scene.radio.send(wire.datagram(esn, wire.DEREGISTRATION))
+        check("availability of the one that leaves", scene.notice()[28], wire.DEREGISTERED)
 
 
 def come(scene):
@@ -245,12 +337,14 @@ def play_stream(scene, stream):
     rejects = [outcome["reject"] for outcome in stream["outcome"] if "reject" in outcome]
     reports = [outcome["reports"] for outcome in stream["outcome"] if "reports" in outcome]
     with scene.connect() as application:
+        sent = b""
         for piece in stream["pieces"]:
             data = bytes.fromhex(piece["hex"])
+            sent += data
             if piece.get("late"):
                 wait_for(scene.faults, "the end of the server's patience")
             application.sendall(data)
-            if is_whole(data):  # the rest of a message must not be late
+            if is_whole(sent):  # the rest of a message must not be late
                 scene.let_it_read()
         scene.let_it_read()
         scene.are_recorded(stream["name"], [scene.description.rejects("qmra")[reject] for reject in rejects])
@@ -290,6 +384,8 @@ def radio_without_ipv4(scene, radio_port):
         check("acknowledgement without IPv4", radio.recv(300), scene.description.bytes("acknowledgement"))
         told = wire.split_notice(scene.notice())
         check("what is told of a radio without IPv4", (told.address, told.availability), (0, wire.REGISTERED))
+        record = f"Radio {OTHER.hex().upper()} deregistered from unexpected address ::1 [ignored]"
+        wait_for(lambda: record in scene.server.records(), "the record of the table's first radio")
 
 
 def main():
@@ -298,6 +394,9 @@ def main():
     text = (pathlib.Path(docs) / "protocols.md").read_text(encoding="utf-8")
     check_tables(description, text)
     check_examples(description, text)
+    check_layout(description)
+    check_names(description)
+    check_numbers(description, text, (pathlib.Path(docs).parent / "README.md").read_text(encoding="utf-8"))
     with tempfile.TemporaryDirectory() as folder:
         radio_port, application_port = free_port(socket.SOCK_DGRAM), free_port(socket.SOCK_STREAM)
         server = Server(program, pathlib.Path(folder),

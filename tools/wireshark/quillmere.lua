@@ -50,7 +50,7 @@ local application = shared_fields("qmra")
 application.type = ProtoField.uint8("qmra.type", "Type", base.DEC, types)
 application.address = ProtoField.ipv4("qmra.address", "Address")
 application.availability = ProtoField.uint8("qmra.availability", "Availability", base.DEC, availabilities)
-application.ignored = ProtoField.string("qmra.ignored", "Ignored")
+application.ignored = ProtoField.bytes("qmra.ignored", "Ignored")
 qmra.fields = application
 
 local failure, warning, note = expert.severity.ERROR, expert.severity.WARN, expert.severity.NOTE

@@ -26,7 +26,7 @@ def int_of(text):
 
 
 # How the fields that are no numbers are read.
-READ = {"magic": str, "esn": hex_of, "suid": hex_of, "made_esn": hex_of, "reject": str, "address": str, "ignored": str,
+READ = {"magic": str, "esn": hex_of, "suid": hex_of, "made_esn": hex_of, "reject": str, "address": str, "ignored": hex_of,
         "response_time": float}
 
 

@@ -77,7 +77,7 @@ def sizes(shark, folder):
     """A capture that has only the beginning of some frames: that is said, and nothing breaks."""
     capture = Capture()
     cut = {}
-    for largest in range(42, 115):
+    for largest in range(42, 119):
         capture.largest = largest
         cut[capture.datagram(RADIO, SERVER, REGISTRATION)] = largest < 69
         connection = capture.connection((RADIO[0], 50000 + largest), SERVER)

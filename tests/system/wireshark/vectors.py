@@ -83,7 +83,7 @@ class Vectors:
             if value != []:
                 values[name] = value if isinstance(value, list) else [value]
         if vector.get("ignored") and vector["fields"]["length"]:
-            values["ignored"] = [bytes.fromhex(vector["hex"])[8:].decode("utf-8", errors="replace")]
+            values["ignored"] = [vector["hex"][16:]]
         return values
 
     def experts(self, protocol, vector, size):
@@ -247,7 +247,8 @@ def recognised(shark, folder, description):
 def fields_and_names(shark, description):
     rows = [line.split("\t") for line in shark.run("-G", "fields").splitlines()]
     fields = {row[2]: row for row in rows if row[0] == "F" and row[2].startswith(("qmrs.", "qmra."))}
-    types = {"text": "FT_STRING", "esn": "FT_BYTES", "suid": "FT_BYTES", "address": "FT_IPv4", "codes": "FT_UINT8"}
+    types = {"text": "FT_STRING", "bytes": "FT_BYTES", "esn": "FT_BYTES", "suid": "FT_BYTES", "address": "FT_IPv4",
+             "codes": "FT_UINT8"}
     for protocol in ("qmrs", "qmra"):
         messages = description[protocol]["messages"]
         for field in description[protocol]["header"] + [field for message in messages for field in message["payload"]]:
