@@ -138,6 +138,7 @@ public final class Application {
     private long pause = FIRST_PAUSE;
     private final TreeMap<String, Notice> table = new TreeMap<>(); // the old one is in use until a new one is complete
     private TreeSet<String> told; // the ESNs of the new table so far; null: it is complete
+    private volatile int exitCode; // 1 after a failure, so that a service manager starts the application again
 
     private Application(String[] words) {
         if (words.length < 2 || !words[1].matches("[0-9]{1,5}")) {
@@ -159,16 +160,20 @@ public final class Application {
 
     private void run() throws InterruptedException {
         // At a signal nothing is left to be done. With halt() the exit code is not that of the signal.
-        Runtime.getRuntime().addShutdownHook(new Thread(() -> Runtime.getRuntime().halt(0)));
-        while (true) {
-            try (Socket connection = new Socket()) {
-                follow(connection);
-            } catch (IOException reason) {
-                say("disconnected: " + reason.getMessage());
+        Runtime.getRuntime().addShutdownHook(new Thread(() -> Runtime.getRuntime().halt(exitCode)));
+        try {
+            while (true) {
+                try (Socket connection = new Socket()) {
+                    follow(connection);
+                } catch (IOException reason) {
+                    say("disconnected: " + reason.getMessage());
+                }
+                // Drawn by lot, so that a thousand applications do not come at once when a server is back.
+                Thread.sleep(ThreadLocalRandom.current().nextLong(pause / 2, pause + 1));
+                pause = Math.min(2 * pause, LONGEST_PAUSE);
             }
-            // Drawn by lot, so that a thousand applications do not come at once when a server is back.
-            Thread.sleep(ThreadLocalRandom.current().nextLong(pause / 2, pause + 1));
-            pause = Math.min(2 * pause, LONGEST_PAUSE);
+        } finally {
+            exitCode = 1; // nothing but a failure leads here
         }
     }
 
@@ -254,11 +259,13 @@ public final class Application {
     }
 
     public static void main(String[] words) throws InterruptedException {
+        Application application = null;
         try {
-            new Application(words).run();
+            application = new Application(words);
         } catch (IllegalArgumentException wrong) {
             System.err.println(USAGE);
             System.exit(2);
         }
+        application.run();
     }
 }

@@ -103,6 +103,7 @@ public final class Radio {
     private final long period; // ms
     private String esn;
     private InetSocketAddress server; // its address, as soon as it is known
+    private volatile int exitCode; // 1 after a failure, so that a service manager starts the radio again
     // One socket for everything. It is not connected: acknowledgements come from the port that a registration was sent
     // to, but discovery requests may come from any port of the server.
     private DatagramSocket socket;
@@ -146,11 +147,15 @@ public final class Radio {
 
     private void run() {
         Runtime.getRuntime().addShutdownHook(new Thread(this::stop));
-        while (true) {
-            register();
-            if (wait(period, this::isDiscoveryRequest)) {
-                say("discovery request");
+        try {
+            while (true) {
+                register();
+                if (wait(period, this::isDiscoveryRequest)) {
+                    say("discovery request");
+                }
             }
+        } finally {
+            exitCode = 1; // nothing but a failure leads here
         }
     }
 
@@ -222,18 +227,18 @@ public final class Radio {
         System.out.println(text); // each line leaves at once
     }
 
-    /** In a thread of its own, at a signal. With halt() the exit code is not that of the signal. */
+    /** In a thread of its own, at a signal or a failure. With halt() the exit code is not that of the signal. */
     private synchronized void stop() {
         send(Codec.deregistration(esn)); // it is not answered, so there is nothing to wait for
         say("deregistered");
-        Runtime.getRuntime().halt(0);
+        Runtime.getRuntime().halt(exitCode);
     }
 
     public static void main(String[] words) {
+        Radio radio = null;
         try {
-            Radio radio = new Radio(words);
+            radio = new Radio(words);
             radio.socket = new DatagramSocket(radio.local);
-            radio.run();
         } catch (IllegalArgumentException wrong) {
             System.err.println(USAGE);
             System.exit(2);
@@ -241,5 +246,6 @@ public final class Radio {
             System.err.println("cannot listen: " + reason.getMessage());
             System.exit(1);
         }
+        radio.run();
     }
 }
