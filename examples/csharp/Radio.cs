@@ -115,6 +115,7 @@ sealed class Radio
     readonly byte[] services;
     readonly IPEndPoint local;
     readonly TimeSpan period;
+    readonly TimeSpan longestWait;
     readonly Random random = new Random();
     readonly object speaking = new object();
     // One socket for everything. It is not connected: acknowledgements come from the port that a registration was sent
@@ -152,6 +153,8 @@ sealed class Radio
         // A registration has to be made at least every 12 hours; a pending one lapses after 17 seconds.
         string given = values.TryGetValue("period", out given) ? given : pending == 1 ? "10" : "21600";
         period = TimeSpan.FromSeconds(int.Parse(given));
+        // It may be the acknowledgement that is lost: a pending registration is not to lapse meanwhile.
+        longestWait = pending == 1 && period < LongestWait ? period : LongestWait;
     }
 
     static void Require(bool isRight)
@@ -180,7 +183,7 @@ sealed class Radio
     void Register()
     {
         Say("registering " + esn + " with " + host + ":" + port);
-        TimeSpan longest = FirstWait;
+        TimeSpan longest = FirstWait < longestWait ? FirstWait : longestWait;
         while (true)
         {
             Send(Codec.Registration(esn, suid, pending, services));
@@ -192,7 +195,7 @@ sealed class Radio
                 break;
             }
             Say("no acknowledgement, again");
-            longest = longest < LongestWait - longest ? longest + longest : LongestWait;
+            longest = longest < longestWait - longest ? longest + longest : longestWait;
         }
         esn = OwnEsn();
         Say("registered as " + esn);
@@ -244,11 +247,21 @@ sealed class Radio
                 // Looked up each time: the server may have moved, and the name service be back later than the radio.
                 IPAddress[] addresses = Dns.GetHostAddresses(host);
                 server = new IPEndPoint(addresses.First(a => a.AddressFamily == AddressFamily.InterNetwork), port);
-                socket.SendTo(data, server);
             }
             catch (Exception reason) when (reason is SocketException || reason is InvalidOperationException)
             {
-                // No network, or no such name yet: what counts is whether an acknowledgement comes.
+                // No such name now: the last known address serves.
+            }
+            try
+            {
+                if (server != null)
+                {
+                    socket.SendTo(data, server);
+                }
+            }
+            catch (SocketException)
+            {
+                // No network: what counts is whether an acknowledgement comes.
             }
         }
     }
@@ -264,7 +277,8 @@ sealed class Radio
     void Stop()
     {
         Monitor.Enter(speaking); // for good: nothing follows
-        Send(Codec.DeregistrationOf(esn)); // it is not answered, so there is nothing to wait for
+        // With no ESN it would end whatever radio the server has at this address.
+        Send(Codec.DeregistrationOf(OwnEsn())); // it is not answered, so there is nothing to wait for
         Say("deregistered");
     }
 

@@ -101,6 +101,7 @@ public final class Radio {
     private final byte[] services;
     private final InetSocketAddress local;
     private final long period; // ms
+    private final long longestWait;
     private String esn;
     private InetSocketAddress server; // its address, as soon as it is known
     private volatile int exitCode; // 1 after a failure, so that a service manager starts the radio again
@@ -128,6 +129,8 @@ public final class Radio {
         local = new InetSocketAddress(ends[0], Integer.parseInt(ends[1])); // refuses a port beyond 65535 itself
         // A registration has to be made at least every 12 hours; a pending one lapses after 17 seconds.
         period = 1000L * Integer.parseInt(values.getOrDefault("period", pending == 1 ? "10" : "21600"));
+        // It may be the acknowledgement that is lost: a pending registration is not to lapse meanwhile.
+        longestWait = pending == 1 ? Math.min(period, LONGEST_WAIT) : LONGEST_WAIT;
     }
 
     private static void require(boolean isRight) {
@@ -150,7 +153,7 @@ public final class Radio {
         try {
             while (true) {
                 register();
-                if (wait(period, this::isDiscoveryRequest)) {
+                if (await(period, this::isDiscoveryRequest)) {
                     say("discovery request");
                 }
             }
@@ -161,16 +164,16 @@ public final class Radio {
 
     private void register() {
         say("registering " + esn + " with " + host + ":" + port);
-        long longest = FIRST_WAIT;
+        long longest = Math.min(FIRST_WAIT, longestWait);
         while (true) {
             send(Codec.registration(esn, suid, pending, services));
             // Each wait is drawn by lot, so that a thousand radios do not march in step after a power cut. To register
             // twice does no harm: it may be the acknowledgement that was lost.
-            if (wait(ThreadLocalRandom.current().nextLong(longest / 2, longest + 1), this::isAcknowledgement)) {
+            if (await(ThreadLocalRandom.current().nextLong(longest / 2, longest + 1), this::isAcknowledgement)) {
                 break;
             }
             say("no acknowledgement, again");
-            longest = Math.min(2 * longest, LONGEST_WAIT);
+            longest = Math.min(2 * longest, longestWait);
         }
         esn = ownEsn();
         say("registered as " + esn);
@@ -191,7 +194,7 @@ public final class Radio {
     }
 
     /** Whether a message that is wanted has come. What else arrives neither ends nor lengthens the wait. */
-    private boolean wait(long milliseconds, BiPredicate<Message, InetSocketAddress> wanted) {
+    private boolean await(long milliseconds, BiPredicate<Message, InetSocketAddress> wanted) {
         long deadline = System.nanoTime() + milliseconds * 1000000;
         while (true) {
             long left = (deadline - System.nanoTime()) / 1000000;
@@ -216,10 +219,15 @@ public final class Radio {
     private synchronized void send(byte[] data) {
         try {
             // Looked up each time: the server may have moved, and the name service may be back later than the radio.
-            server = new InetSocketAddress(host, port);
-            socket.send(new DatagramPacket(data, data.length, server));
+            InetSocketAddress found = new InetSocketAddress(host, port);
+            if (!found.isUnresolved()) {
+                server = found; // else the last known address serves
+            }
+            if (server != null) {
+                socket.send(new DatagramPacket(data, data.length, server));
+            }
         } catch (IOException | IllegalArgumentException reason) {
-            // No network, or no such name yet: what counts is whether an acknowledgement comes.
+            // No network, or an address that cannot be sent to: what counts is whether an acknowledgement comes.
         }
     }
 
@@ -229,7 +237,8 @@ public final class Radio {
 
     /** In a thread of its own, at a signal or a failure. With halt() the exit code is not that of the signal. */
     private synchronized void stop() {
-        send(Codec.deregistration(esn)); // it is not answered, so there is nothing to wait for
+        // With no ESN it would end whatever radio the server has at this address.
+        send(Codec.deregistration(ownEsn())); // it is not answered, so there is nothing to wait for
         say("deregistered");
         Runtime.getRuntime().halt(exitCode);
     }
