@@ -156,7 +156,15 @@ class Application {
     // A quiet server is healthy: once the table is complete, there is no end to the wait.
     awaitSilence() {
         clearTimeout(this.timer);
-        this.timer = setTimeout(() => this.complete(), silence);
+        this.timer = setTimeout(() => {
+            // It may be the program that was held up: what waits in the socket, or its end, is read first.
+            const { last } = this;
+            setImmediate(() => {
+                if (this.told && this.last === last && this.socket.readable) {
+                    this.complete();
+                }
+            });
+        }, silence);
     }
 
     take(notice) {

@@ -109,7 +109,7 @@ class Application:
                 while True:
                     try:
                         self.follow()
-                    except (OSError, Lost) as reason:
+                    except (OSError, UnicodeError, Lost) as reason:  # UnicodeError: HOST can be nobody's name
                         say(f"disconnected: {reason}")
                     # Drawn by lot, so that a thousand applications do not come at once when a server is back.
                     self.wait(random.uniform(self.pause / 2, self.pause))

@@ -5,6 +5,7 @@
 
 import signal
 import socket
+import time
 
 import wire
 from foreground import wait_for
@@ -200,6 +201,30 @@ class ApplicationScenes(Scene):
                          "table complete: 2 radios")
         self.leaves(application, connection)
 
+    def test_what_waits_while_the_program_is_held_up_is_no_silence(self):
+        application, connection = self.application()
+        connection.sendall(b"".join(map(notice, TABLE)))
+        application.says(*map(line, TABLE), f"table complete: {len(TABLE)} radios")
+        self.drops(application, connection)
+        # More of the table (the rest comes later), the end of the connection, a change.
+        complete = f"table complete: {len(TABLE)} radios"
+        for told, rest, said in ((1, TABLE[1:3], list(map(line, TABLE[1:3]))), (1, [], []),
+                                 (len(TABLE), TABLE[:1], [complete, line(TABLE[0])])):
+            connection = self.connection(application)
+            connection.sendall(b"".join(map(notice, TABLE[:told])))
+            application.says(*map(line, TABLE[:told]))
+            application.process.send_signal(signal.SIGSTOP)
+            connection.sendall(b"".join(map(notice, rest)))
+            if not rest:
+                connection.close()
+            time.sleep(2.5)  # longer than the silence that ends a table
+            application.process.send_signal(signal.SIGCONT)
+            application.says(*said)
+            if told + len(rest) == 3:
+                connection.sendall(b"".join(map(notice, TABLE[3:])))
+                application.says(*map(line, TABLE[3:]), complete)
+            self.drops(application, connection)
+
     def test_connects_anew_where_it_is_lost(self):
         contradiction = bytearray(notice(ESN))
         contradiction[8 + 21] += 1
@@ -258,6 +283,13 @@ class ApplicationScenes(Scene):
         self.assertTrue(all(other.startswith("disconnected: ") for other in others), others)
         application.says("table complete: 0 radios")
         application.ends()
+
+    def test_tries_a_name_that_nobody_can_have(self):
+        application = self.program("application", "a..b", self.port)
+        for _ in range(2):
+            application.says_like("disconnected: .+")
+        others = application.end()
+        self.assertTrue(all(other.startswith("disconnected: ") for other in others), others)
 
     def test_ends_while_it_waits(self):
         for by in (signal.SIGINT, signal.SIGTERM):
