@@ -77,8 +77,11 @@ function hex(bytes) {
 class Radio {
     constructor(options) {
         Object.assign(this, options);
+        // A pending registration lapses: it is renewed in time, acknowledged or not.
+        this.longestWait = this.pending ? Math.min(this.period, longestWait) : longestWait;
         this.server = null; // its address, as soon as it is known
         this.registered = false;
+        this.leaving = false;
         this.timer = null; // of the wait for an acknowledgement, or between registrations
         // One socket for everything. It is not connected: acknowledgements come from the port that a registration was
         // sent to, but discovery requests may come from any port of the server.
@@ -104,7 +107,7 @@ class Radio {
     register() {
         say(`registering ${hex(this.esn)} with ${this.host}:${this.port}`);
         this.registered = false;
-        this.sendRegistration(firstWait);
+        this.sendRegistration(Math.min(firstWait, this.longestWait));
     }
 
     sendRegistration(longest) {
@@ -114,7 +117,7 @@ class Radio {
         const wait = (longest / 2) * (1 + Math.random());
         this.timer = setTimeout(() => {
             say("no acknowledgement, again");
-            this.sendRegistration(Math.min(2 * longest, longestWait));
+            this.sendRegistration(Math.min(2 * longest, this.longestWait));
         }, wait * 1000);
     }
 
@@ -123,7 +126,6 @@ class Radio {
         const message = decode(data);
         if (message && !this.registered && this.isAcknowledgement(message, sender)) {
             clearTimeout(this.timer);
-            // A radio that has no ESN is known by the one that the server made.
             this.esn = message.esn;
             this.registered = true;
             say(`registered as ${hex(this.esn)}`);
@@ -135,10 +137,14 @@ class Radio {
         }
     }
 
+    // A radio that has no ESN is known by the one that the server makes.
+    ownEsn() {
+        return this.esn.equals(noEsn) ? Buffer.concat([Buffer.from([0xf1]), this.suid]) : this.esn;
+    }
+
     isAcknowledgement(message, sender) {
-        const own = this.esn.equals(noEsn) ? Buffer.concat([Buffer.from([0xf1]), this.suid]) : this.esn;
         const isFromServer = sender.address === this.server && sender.port === this.port;
-        return message.opcode === acknowledgement && message.esn.equals(own) && isFromServer;
+        return message.opcode === acknowledgement && message.esn.equals(this.ownEsn()) && isFromServer;
     }
 
     isDiscoveryRequest(message, sender) {
@@ -146,19 +152,30 @@ class Radio {
     }
 
     async send(data) {
+        const { leaving } = this;
         try {
             // Looked up each time: the server may have moved, and the name service may be back later than the radio.
             this.server = (await lookup(this.host, { family: 4 })).address;
-            await new Promise((resolve) => this.socket.send(data, this.port, this.server, resolve));
         } catch {
+            // No name service: the server is most likely where it was.
+        }
+        // A registration whose look-up took until now does not follow a deregistration.
+        if (this.server && leaving === this.leaving) {
             // No network, or none yet: what counts is whether an acknowledgement comes.
+            await new Promise((resolve) => this.socket.send(data, this.port, this.server, resolve));
         }
     }
 
     async leave() {
+        if (this.leaving) {
+            return; // SIGTERM after SIGINT
+        }
+        // Nothing that arrives while the name is looked up is to begin another wait.
+        this.leaving = true;
+        this.socket.removeAllListeners("message");
         clearTimeout(this.timer);
         // It is not answered, so there is nothing to wait for.
-        await this.send(deregistration(this.esn));
+        await this.send(deregistration(this.ownEsn()));
         say("deregistered");
         this.socket.close();
     }

@@ -5,6 +5,7 @@
 """A radio: it registers with a server, keeps its registration, and deregisters when it is ended (Ctrl-C)."""
 
 import collections
+import contextlib
 import ipaddress
 import random
 import re
@@ -99,7 +100,7 @@ class Radio:
                     say("discovery request")
         except Stopped:
             # It is not answered, so there is nothing to wait for.
-            self.send(deregistration(self.esn))
+            self.send(deregistration(self.own_esn()))
             say("deregistered")
         finally:
             for each in (self.socket, self.stop, self.wakeup):
@@ -107,7 +108,9 @@ class Radio:
 
     def register(self):
         say(f"registering {self.esn.hex().upper()} with {self.host}:{self.port}")
-        longest = FIRST_WAIT
+        # A pending registration lapses: it is renewed in time, acknowledged or not.
+        longest_wait = min(self.period, LONGEST_WAIT) if self.pending else LONGEST_WAIT
+        longest = min(FIRST_WAIT, longest_wait)
         while True:
             self.send(registration(self.esn, self.suid, self.pending, self.services))
             # Each wait is drawn by lot, so that a thousand radios do not march in step after a power cut. To register
@@ -116,25 +119,29 @@ class Radio:
             if message:
                 break
             say("no acknowledgement, again")
-            longest = min(2 * longest, LONGEST_WAIT)
-        # A radio that has no ESN is known by the one that the server made.
+            longest = min(2 * longest, longest_wait)
         self.esn = message.esn
         say(f"registered as {self.esn.hex().upper()}")
 
+    def own_esn(self):
+        """A radio that has no ESN is known by the one that the server makes."""
+        return self.esn if self.esn != NO_ESN else b"\xf1" + self.suid
+
     def is_acknowledgement(self, message, sender):
-        own = self.esn if self.esn != NO_ESN else b"\xf1" + self.suid
-        return message.opcode == ACKNOWLEDGEMENT and message.esn == own and sender == self.server
+        return message.opcode == ACKNOWLEDGEMENT and message.esn == self.own_esn() and sender == self.server
 
     def is_discovery_request(self, message, sender):
         return message.opcode == DISCOVERY_REQUEST and message.esn == self.esn and sender[0] == self.server[0]
 
     def send(self, data):
-        try:
-            # Looked up each time: the server may have moved, and the name service may be back later than the radio.
+        # Looked up each time: the server may have moved, and the name service may be back later than the radio. Without
+        # it the server is most likely where it was. UnicodeError: it can be nobody's name.
+        with contextlib.suppress(OSError, UnicodeError):
             self.server = (socket.gethostbyname(self.host), self.port)
-            self.socket.sendto(data, self.server)
-        except OSError:
-            pass  # no network, or none yet: what counts is whether an acknowledgement comes
+        # No network, or none yet: what counts is whether an acknowledgement comes.
+        with contextlib.suppress(OSError):
+            if self.server:
+                self.socket.sendto(data, self.server)
 
     def wait(self, seconds, wanted):
         """The first message that is wanted, or None. What else arrives neither ends nor lengthens the wait."""

@@ -79,6 +79,13 @@ class RadioScenes(Scene):
         self.assertEqual(self.received(), registration(ESN, SUID, b"\x01\x03"))
         self.leaves(radio)
 
+    def test_deregisters_as_the_server_would_know_it(self):
+        # Without an ESN it would end whatever radio the server knows at this address.
+        radio = self.radio(f"esn={text(NO_ESN)}")
+        radio.says(self.registering(NO_ESN))
+        self.assertEqual(self.received(), registration(NO_ESN, SUID, b"\x01\x03"))
+        self.leaves(radio, MADE_ESN)
+
     def test_registers_as_it_is_told(self):
         esn, suid = bytes.fromhex("FEDCBA9876543210"), bytes.fromhex("FFFFF000000001")
         radio = self.radio(f"esn={esn.hex()}", f"suid={suid.hex()}", "services=", "pending=1")
@@ -118,6 +125,15 @@ class RadioScenes(Scene):
         for _ in range(2):
             self.is_registered(radio, pending=True)
         self.leaves(radio)
+
+    def test_keeps_a_pending_registration_without_acknowledgements(self):
+        radio = self.radio("pending=1", "period=1")
+        radio.says(self.registering())
+        # Waits that double would be too long by now for anybody's patience.
+        for _ in range(8):
+            self.assertEqual(self.received(), registration(ESN, SUID, b"\x01\x03", True))
+            radio.says("no acknowledgement, again")
+        self.assertEqual(radio.end()[-1], "deregistered")
 
     def test_answers_a_discovery_request(self):
         radio = self.radio()
@@ -166,6 +182,11 @@ class RadioScenes(Scene):
         self.assertLessEqual(set(others), {"no acknowledgement, again"})
         # It is not there for the last one either.
         self.server.close()
+        radio.ends("deregistered")
+
+    def test_tries_a_name_that_nobody_can_have(self):
+        radio = self.program("radio", "a..b", self.port, f"local={':'.join(map(str, self.address))}")
+        radio.says(f"registering {text(ESN)} with a..b:{self.port}", "no acknowledgement, again")
         radio.ends("deregistered")
 
     def test_does_not_begin_where_it_cannot_listen(self):
