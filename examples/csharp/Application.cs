@@ -279,6 +279,7 @@ sealed class Application
         {
             UnixSignal.WaitAny(signals, 1000); // a signal that comes between two waits ends none
         }
+        Stdlib._Exit(0); // Mono itself may wait at its end for the other thread, which waits for the server
 #else
         using (var stop = new ManualResetEvent(false))
         {

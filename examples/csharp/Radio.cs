@@ -283,7 +283,7 @@ sealed class Radio
     }
 
     // Until Ctrl-C, or a signal that asks for an end.
-    static void RunUntilStopped(ThreadStart run)
+    static void RunUntilStopped(ThreadStart run, Action stop)
     {
         var thread = new Thread(run) { IsBackground = true };
 #if MONO
@@ -293,19 +293,22 @@ sealed class Radio
         {
             UnixSignal.WaitAny(signals, 1000); // a signal that comes between two waits ends none
         }
+        stop();
+        Stdlib._Exit(0); // Mono itself may wait at its end for the other thread, which waits for the server
 #else
-        using (var stop = new ManualResetEvent(false))
+        using (var asked = new ManualResetEvent(false))
         {
             Action<PosixSignalContext> handle = context =>
             {
                 context.Cancel = true; // what the system would do
-                stop.Set();
+                asked.Set();
             };
             using (PosixSignalRegistration.Create(PosixSignal.SIGINT, handle))
             using (PosixSignalRegistration.Create(PosixSignal.SIGTERM, handle))
             {
                 thread.Start();
-                stop.WaitOne();
+                asked.WaitOne();
+                stop();
             }
         }
 #endif
@@ -317,8 +320,7 @@ sealed class Radio
         {
             var radio = new Radio(words);
             radio.socket.Bind(radio.local);
-            RunUntilStopped(radio.Run);
-            radio.Stop();
+            RunUntilStopped(radio.Run, radio.Stop);
             return 0;
         }
         catch (FormatException)
