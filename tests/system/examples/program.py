@@ -144,6 +144,13 @@ class Program:
                 return others
             others.append(line)
 
+    def is_registered(self, esn):
+        """However often it still has to ask, on a busy machine; gives how often."""
+        repeats = self.says_at_last(f"registered as {esn}")
+        if not set(repeats) <= {"no acknowledgement, again"}:
+            raise self.failure(f"said {repeats}")
+        return len(repeats)
+
     def poll(self, seconds):
         """What it says within so long, or None."""
         return self.next_line("anything", seconds)
