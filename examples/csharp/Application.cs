@@ -245,7 +245,8 @@ sealed class Application
         }
     }
 
-    // A server whose network is cut off says nothing, like one where nothing happens. TCP asks in the silence.
+    // A server whose network is cut off says nothing, like one where nothing happens. TCP asks in the silence; but not
+    // while a report is on its way: for that it has a patience of its own, of many minutes.
     static void NoticeCutConnection(Socket connection)
     {
         connection.SetSocketOption(SocketOptionLevel.Socket, SocketOptionName.KeepAlive, true);

@@ -239,7 +239,10 @@ public final class Application {
         }
     }
 
-    /** A server whose network is cut off says nothing, like one where nothing happens. TCP asks in the silence. */
+    /**
+     * A server whose network is cut off says nothing, like one where nothing happens. TCP asks in the silence; but not
+     * while a report is on its way: for that it has a patience of its own, of many minutes.
+     */
     private static void noticeCutConnection(Socket connection) throws IOException {
         connection.setKeepAlive(true);
         for (Map.Entry<SocketOption<Integer>, Integer> option : KEEPALIVE.entrySet()) {

@@ -117,7 +117,8 @@ class Application {
         let reason = "the server has closed the connection";
         const reader = new Reader();
         // A server whose network is cut off says nothing, like one where nothing happens. TCP asks in the silence. Node
-        // sets when it begins; the probes are ten, a second apart, where its platform layer can set that.
+        // sets when it begins; the probes are ten, a second apart, where its platform layer can set that. While a report is
+        // on its way TCP does not ask: for that it has a patience of its own, of many minutes.
         this.socket = net.connect({
             host: this.host,
             port: this.port,

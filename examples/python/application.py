@@ -175,7 +175,8 @@ class Application:
 
 
 def notice_cut_connection(connection):
-    """A server whose network is cut off says nothing, like one where nothing happens. TCP asks in the silence."""
+    """A server whose network is cut off says nothing, like one where nothing happens. TCP asks in the silence; but not
+    while a report is on its way: for that it has a patience of its own, of many minutes (TCP_USER_TIMEOUT)."""
     connection.setsockopt(socket.SOL_SOCKET, socket.SO_KEEPALIVE, 1)
     # macOS calls the first one TCP_KEEPALIVE; a system that lacks one of them has its own, mostly two hours.
     for name, value in (("TCP_KEEPIDLE", KEEPALIVE_IDLE), ("TCP_KEEPALIVE", KEEPALIVE_IDLE),
